@@ -1,0 +1,136 @@
+// The one stateful class of the library. It validates calls, gathers the state that
+// SetType and Init produced, and hands plain inputs to the kernels in src/*/.
+#ifndef QVRECONSTRUCTION_SRC_RECONSTRUCTION_IMPL_H
+#define QVRECONSTRUCTION_SRC_RECONSTRUCTION_IMPL_H
+
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <opencv2/core.hpp>
+
+#include "frequency_param.h"
+#include "qvreconstruction/reconstruction.h"
+
+namespace qvapi {
+
+// Process-wide lock of the calibration-derived members: Init, the dual-frequency
+// depth path, the single-frequency depth path and MapDepthToRGB hold it.
+std::mutex& ParamMutex();
+
+// Extra status for a frame operation whose stream no longer matches the tables of
+// the last Init (SetType changed the stream afterwards): call Init again.
+constexpr int32_t STATUS_STREAM_MISMATCH = -3;
+
+class ReconstructionImpl final : public Reconstruction {
+public:
+    ReconstructionImpl();
+    ~ReconstructionImpl() = default;
+    ReconstructionImpl(const ReconstructionImpl&) = delete;
+    ReconstructionImpl& operator=(const ReconstructionImpl&) = delete;
+
+    // The interface, in slot order.
+    void GetAlgorithmVersion(std::string& version) override;
+    void SetType(DeviceType device, StreamType stream) override;
+    int32_t Init(CameraCalibrationParam first, CameraCalibrationParam second) override;
+    int32_t GetCloudPoint(const uint16_t* depth, float* points, int32_t width,
+                          int32_t height) override;
+    int32_t GetIR(const uint16_t* raw, uint16_t* image, int32_t width, int32_t height) override;
+    int32_t CalculateDepth(const uint16_t* raw, uint16_t** depth, int32_t width,
+                           int32_t height) override;
+    int32_t DoubleFreqDepth(const uint16_t* frame1, const uint16_t* frame2, uint16_t** depth,
+                            int& width, int& height) override;
+    void Convert2RGB(uint8_t** image, uint16_t* depth, int32_t width, int32_t height) override;
+    int32_t MapDepthToRGB(uint8_t** image, uint16_t** depth, uint8_t* nv12, int32_t colorWidth,
+                          int32_t colorHeight, int& width, int& height) override;
+    void Pb2Structrue(Intrinsics& depth, Intrinsics& rgb, CameraCalibrationParam param) override;
+    void GetCustomDistanceRange(int& min, int& max) override;
+    void SetCustomDistanceRange(int32_t min, int32_t max) override;
+    void GetDistanceRange(int& min, int& max) override;
+    void GetColorBar(uint8_t** bar, int& count) override;
+    void SetFlipMode(FlipMode mode) override;
+    void OpenFilter(bool on) override;
+    void GetFilterStatu(bool& on) override;
+
+    // Frees everything Init allocated and returns to the configured state.
+    QV_EXPORT int32_t Release();
+
+    // Fills both maps (the stream's pixel count each) with the undistorted normalised
+    // coordinates of every depth pixel, from m_workParam.depthLens.
+    void CalculateRectifyMap(float* mapX, float* mapY);
+    // Nearest-neighbour resampling through the forward lens model.
+    void Undistort(const uint16_t* src, int width, int height, uint16_t* dst, bool isDepth);
+    void Undistort(cv::Mat src, int width, int height, cv::Mat dst, bool isDepth);
+    // Depth-to-colour geometry and both cameras' undistortion maps from m_workParam.
+    void GetRgbdRt();
+
+    // --- State. Public so that the library's own tests can inspect it; the class is
+    // not part of the installed headers.
+
+    int32_t m_customMaxDistance = 7500;
+    int32_t m_customMinDistance = 0;
+    int32_t m_width = 0;
+    int32_t m_height = 0;
+    int32_t m_binning = 1;
+    bool m_filterOn = true;
+    bool m_initialized = false;
+    FlipMode m_flipMode = FLIP_NONE;
+    CameraCalibrationParam m_firstParam{};
+    CameraCalibrationParam m_secondParam{};
+    CameraCalibrationParam m_workParam{};
+    FrequencyParam m_freqParam[2]{};
+    float m_rangeF1 = 0, m_rangeF2 = 0, m_ratioF1 = 0, m_ratioF2 = 0, m_invRangeF1 = 0,
+          m_invRangeF2 = 0;
+    int32_t m_maxRangeMm = 0;
+    float m_offsetF1 = 0, m_offsetF2 = 0;
+    DeviceType m_deviceType = DEVICE_GENERIC;
+    StreamType m_streamType = STREAM_DUAL_FREQ;
+
+    int32_t m_amplitudeThreshold = 5;
+    int32_t m_madThreshold = 15;
+    // Kept from the original configuration; no operation reads it.
+    int32_t m_reservedThreshold = 200;
+
+    // Temperature test recorder.
+    int32_t m_tempLogInterval = 60;
+    int32_t m_tempLogCounter = 0;
+    std::string m_tempLogPath;
+    std::ofstream m_tempLogFile;
+    float m_lastDistance1 = 0, m_lastDistance2 = 0;
+
+    // Configuration group that no operation reads; kept with its defaults.
+    int32_t m_configA = 60;
+    int32_t m_configB = 2250;
+    int32_t m_configC = 1800000;
+    int32_t m_configD = 10000;
+    int32_t m_configE = 120000;
+
+    // Depth-to-colour geometry (GetRgbdRt).
+    float m_depthToColorMatrix[16] = {};
+    cv::Mat m_depthUndistortMapX, m_depthUndistortMapY;
+    cv::Mat m_colorUndistortMapX, m_colorUndistortMapY;
+    int16_t m_centerDepth = 0;
+    int32_t m_plyFileCounter = 0;
+
+    // Buffers built by Init; pixel count of the stream the tables were built for.
+    int32_t m_tableWidth = 0;
+    int32_t m_tableHeight = 0;
+    std::unique_ptr<float[]> m_fppnOffset, m_fppnOffset2;
+    std::unique_ptr<uint16_t[]> m_fppnOffsetInt, m_fppnOffset2Int;
+    std::unique_ptr<uint16_t[]> m_depthWork1, m_depthWork2, m_depthWork3;
+    std::unique_ptr<float[]> m_rectifyMapX, m_rectifyMapY;
+    std::unique_ptr<float[]> m_rgbRayX, m_rgbRayY, m_rgbRayScale;
+    std::unique_ptr<float[]> m_radialToZ;
+    std::unique_ptr<uint16_t[]> m_fppnOffsetHalf, m_fppnOffset2Half;
+    std::unique_ptr<float[]> m_radialToZHalf;
+
+private:
+    // Release without taking the lock (Init already holds it).
+    void ReleaseBuffers();
+};
+
+}  // namespace qvapi
+
+#endif  // QVRECONSTRUCTION_SRC_RECONSTRUCTION_IMPL_H

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs the built library into a temporary prefix, then builds and runs a small
+# consumer against the installed package twice: through find_package and through
+# pkg-config. Nothing of the build tree is visible to the consumer.
+set -euo pipefail
+build_dir="$1"; consumer_src="$2"; cmake_bin="$3"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+"$cmake_bin" --install "$build_dir" --prefix "$work/prefix" > "$work/install.log"
+
+"$cmake_bin" -S "$consumer_src" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" \
+  -DCMAKE_BUILD_TYPE=Release > "$work/configure.log"
+"$cmake_bin" --build "$work/consumer" > "$work/build.log"
+"$work/consumer/consumer"
+
+pc_dir=$(dirname "$(find "$work/prefix" -name qvreconstruction.pc | head -n1)")
+flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs qvreconstruction)
+libdir=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --variable=libdir qvreconstruction)
+c++ -std=c++17 "$consumer_src/main.cpp" $flags -o "$work/consumer_pc"
+LD_LIBRARY_PATH="$libdir" "$work/consumer_pc"
