@@ -11,6 +11,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "calibration/lens_model.h"
 #include "frequency_param.h"
 #include "qvreconstruction/reconstruction.h"
 
@@ -126,9 +127,15 @@ public:
     std::unique_ptr<uint16_t[]> m_fppnOffsetHalf, m_fppnOffset2Half;
     std::unique_ptr<float[]> m_radialToZHalf;
 
+    static constexpr int kColourWidth = 1920;
+    static constexpr int kColourHeight = 1080;
+
 private:
-    // Release without taking the lock (Init already holds it).
+    // Frees every table and resets the frequency sets; the caller holds the lock.
     void ReleaseBuffers();
+    // Init's work once the lock is held and the previous tables are gone.
+    void BuildTables(const CameraCalibrationParam& first, const CameraCalibrationParam& second);
+    LensModel UndistortLens(bool isDepth) const;
 };
 
 }  // namespace qvapi
