@@ -2,12 +2,18 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <opencv2/imgproc.hpp>
 #include <iterator>
 
 #include "calibration/calibration_tables.h"
 #include "calibration/default_calibration.h"
 #include "calibration/rectify_map.h"
 #include "calibration/undistort.h"
+#include "depth/dual_freq.h"
+#include "depth/edge_filter.h"
+#include "depth/ir.h"
+#include "depth/single_freq.h"
+#include "depth/temperature.h"
 #include "registration/rgbd_geometry.h"
 
 namespace qvapi {
@@ -276,25 +282,147 @@ void ReconstructionImpl::GetRgbdRt()
     m_colorUndistortMapY = g.colorMapY;
 }
 
+// ---------------------------------------------------------------- depth
+
+int32_t ReconstructionImpl::CheckSingleFreqFrame(int width, int height) const
+{
+    const int64_t pixels = int64_t(width) * height;
+    if (width <= 0 || height <= 0 || pixels > int64_t(m_tableWidth) * m_tableHeight ||
+        4 * pixels < kTemperatureWords)
+        return STATUS_INVALID_ARGUMENT;
+    return STATUS_OK;
+}
+
+int32_t ReconstructionImpl::CheckDualFreqFrame(int width, int height) const
+{
+    if (m_freqParam[0].frequency == m_freqParam[1].frequency)
+        return STATUS_STREAM_MISMATCH;  // tables built for the reduced stream
+    if (width <= 0 || height <= 0 || 16 * int64_t(width) * height < kTemperatureWords)
+        return STATUS_INVALID_ARGUMENT;
+    // The furthest calibration position a pixel can address must lie in the tables.
+    const int64_t b = width == 320 ? 2 : 1;
+    const int64_t lastIndex = ((int64_t(height) - 1) * width * b + width - 1) * b;
+    if (lastIndex >= int64_t(m_tableWidth) * m_tableHeight)
+        return STATUS_INVALID_ARGUMENT;
+    return STATUS_OK;
+}
+
+int32_t ReconstructionImpl::CalculateDepth(const uint16_t* raw, uint16_t** depth, int32_t width,
+                                           int32_t height)
+{
+    if (raw == nullptr || depth == nullptr)
+        return m_initialized ? STATUS_INVALID_ARGUMENT : STATUS_NOT_INITIALIZED;
+    if (m_streamType == STREAM_SINGLE_FREQ) {
+        // Unlike the original design, the lock is released on return: a second frame
+        // must not wait forever on the first.
+        std::lock_guard<std::mutex> lock(ParamMutex());
+        if (!m_initialized)
+            return STATUS_NOT_INITIALIZED;
+        if (const int32_t status = CheckSingleFreqFrame(width, height))
+            return status;
+        m_width = width;
+        m_height = height;
+        *depth = new uint16_t[static_cast<size_t>(width) * height];
+        GetDepthSingleFreq(raw, *depth, width, height);
+    } else if (const int32_t status = GetDepthFromDualFreqTagMode(raw, depth, width, height)) {
+        return status;
+    }
+    if (m_filterOn)
+        FilterDepth(*depth, width, height);
+    return STATUS_OK;
+}
+
+void ReconstructionImpl::FilterDepth(uint16_t* depth, int width, int height)
+{
+    cv::Mat view(height, width, CV_16UC1, depth);
+    cv::Mat median(height, width, CV_16UC1, cv::Scalar(0));
+    cv::medianBlur(view, median, 3);
+    median.copyTo(view);
+    EdgeFilter(depth, width, height);
+}
+
+int32_t ReconstructionImpl::DoubleFreqDepth(const uint16_t* frame1, const uint16_t* /*frame2*/,
+                                            uint16_t** depth, int& width, int& height)
+{
+    // Single-frequency depth of the first frame at the size of the last depth image;
+    // the second frame is accepted and not read.
+    std::lock_guard<std::mutex> lock(ParamMutex());
+    if (!m_initialized)
+        return STATUS_NOT_INITIALIZED;
+    if (frame1 == nullptr || depth == nullptr)
+        return STATUS_INVALID_ARGUMENT;
+    const int w = m_width, h = m_height;
+    if (const int32_t status = CheckSingleFreqFrame(w, h))
+        return status;
+    width = w;
+    height = h;
+    m_binning = w == 320 ? 2 : 1;
+    *depth = new uint16_t[static_cast<size_t>(w) * h];
+    return GetDepthSingleFreq(frame1, *depth, w, h);
+}
+
+int ReconstructionImpl::GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth, int width,
+                                           int height)
+{
+    const FrequencyParam& f = m_freqParam[0];
+    const SingleFreqParams params{f.phaseToMm,  f.depthOffset, f.rangeMm,
+                                  f.tableStep,  f.tableCount,  f.table,
+                                  m_amplitudeThreshold, m_deviceType != DEVICE_TYPE_4};
+    SingleFreqDepth(raw, depth, width, height, m_width, params, m_fppnOffset.get(),
+                    m_radialToZ.get());
+    return 0;
+}
+
+int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_t** depth,
+                                                    int width, int height)
+{
+    std::lock_guard<std::mutex> lock(ParamMutex());
+    if (!m_initialized)
+        return STATUS_NOT_INITIALIZED;
+    if (const int32_t status = CheckDualFreqFrame(width, height))
+        return status;
+    m_width = width;
+    m_height = height;
+    if (width != 320) {
+        m_workParam = m_secondParam;
+        m_binning = 1;
+    } else {
+        // Binned frames: the binned record, and a threshold halved on every such frame.
+        m_binning = 2;
+        m_workParam = m_firstParam;
+        m_amplitudeThreshold /= 2;
+    }
+    *depth = new uint16_t[static_cast<size_t>(width) * height];
+
+    const FrequencyParam& a = m_freqParam[0];
+    const FrequencyParam& b = m_freqParam[1];
+    const DualFreqParams params{a.frequency,     b.frequency,   a.rangeMm,
+                                b.rangeMm,       a.phaseToMm,   b.phaseToMm,
+                                a.depthOffset,   b.depthOffset, b.tableStep,
+                                a.table,         b.table,       m_amplitudeThreshold,
+                                m_deviceType != DEVICE_TYPE_4,  m_flipMode,
+                                m_binning};
+    DualFreqLast last{m_lastDistance1, m_lastDistance2};
+    DualFreqDepth(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
+                  m_radialToZ.get(), last);
+    m_lastDistance1 = last.distance1;
+    m_lastDistance2 = last.distance2;
+    return STATUS_OK;
+}
+
+int32_t ReconstructionImpl::GetIR(const uint16_t* raw, uint16_t* image, int32_t width,
+                                  int32_t height)
+{
+    // Needs no calibration: works in every state.
+    if (raw == nullptr || image == nullptr || width <= 0 || height <= 0)
+        return STATUS_INVALID_ARGUMENT;
+    InfraredImage(raw, image, width, height);
+    return STATUS_OK;
+}
+
 // ---------------------------------------------------------------- not built yet
 
 int32_t ReconstructionImpl::GetCloudPoint(const uint16_t*, float*, int32_t, int32_t)
-{
-    return STATUS_NOT_INITIALIZED;
-}
-
-int32_t ReconstructionImpl::GetIR(const uint16_t*, uint16_t*, int32_t, int32_t)
-{
-    return STATUS_NOT_INITIALIZED;
-}
-
-int32_t ReconstructionImpl::CalculateDepth(const uint16_t*, uint16_t**, int32_t, int32_t)
-{
-    return STATUS_NOT_INITIALIZED;
-}
-
-int32_t ReconstructionImpl::DoubleFreqDepth(const uint16_t*, const uint16_t*, uint16_t**, int&,
-                                            int&)
 {
     return STATUS_NOT_INITIALIZED;
 }

@@ -67,6 +67,11 @@ public:
     // Depth-to-colour geometry and both cameras' undistortion maps from m_workParam.
     void GetRgbdRt();
 
+    // The depth converters, called with validated frames; the dual-frequency one
+    // takes the lock, checks the frame and allocates the output itself.
+    int GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth, int width, int height);
+    int GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_t** depth, int width, int height);
+
     // --- State. Public so that the library's own tests can inspect it; the class is
     // not part of the installed headers.
 
@@ -136,6 +141,11 @@ private:
     // Init's work once the lock is held and the previous tables are gone.
     void BuildTables(const CameraCalibrationParam& first, const CameraCalibrationParam& second);
     LensModel UndistortLens(bool isDepth) const;
+    // Frame sizes the tables of the last Init can serve.
+    int32_t CheckSingleFreqFrame(int width, int height) const;
+    int32_t CheckDualFreqFrame(int width, int height) const;
+    // 3 x 3 median, then the edge filter.
+    void FilterDepth(uint16_t* depth, int width, int height);
 };
 
 }  // namespace qvapi

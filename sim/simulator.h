@@ -1,0 +1,73 @@
+// A time-of-flight capture simulator: renders built-in scenes into raw frames in the
+// layouts the sensor delivers, so that reconstructing them should give the scenes'
+// depth back. It is a model of the sensor of its own: it does not call the
+// library's depth code.
+#ifndef QVSIM_SIMULATOR_H
+#define QVSIM_SIMULATOR_H
+
+#include <cstdint>
+#include <vector>
+
+#include <qvreconstruction/reconstruction.h>
+
+namespace qvsim {
+
+enum class SceneKind {
+    Wall,         // a flat wall facing the camera
+    TiltedPlane,  // a plane turned about the vertical axis
+    Boxes,        // two boxes in front of a wall: depth edges
+    Sphere,       // a ball in front of a wall
+};
+
+struct SceneSpec {
+    SceneKind kind = SceneKind::Wall;
+    double distanceMm = 1500.0;  // the wall's (or plane's, at the optical axis) distance
+    double tiltDeg = 35.0;       // TiltedPlane
+    double reflectivity = 0.8;   // about 1.1 and above saturates the sensor
+    bool brightPatch = false;    // a saturating patch left of centre
+    bool darkPatch = false;      // a patch returning no light right of centre
+};
+
+// What a ray (x, y, 1) of normalised camera coordinates meets: Z (mm) and reflectivity.
+struct Hit {
+    double z;
+    double reflectivity;
+};
+Hit TraceScene(const SceneSpec& scene, double x, double y);
+
+struct CaptureSpec {
+    qvapi::DeviceType device = qvapi::DEVICE_GENERIC;
+    qvapi::StreamType stream = qvapi::STREAM_DUAL_FREQ;
+    bool binned = false;                      // 320 x 240 frames of the full stream
+    qvapi::FlipMode flip = qvapi::FLIP_NONE;  // 0..3
+    double temperatureC = 25.0;
+    double noiseSigma = 0.0;                  // Gaussian noise per sample, sample units
+    uint32_t seed = 1;
+    bool mixEdges = true;                     // pixels straddling a depth edge mix both returns
+};
+
+enum PixelLabel : uint8_t {
+    kValid = 0,
+    kEdge = 1,       // near a depth discontinuity (mixed returns, filters at work)
+    kSaturated = 2,
+    kDark = 3,
+    kOutOfRange = 4, // beyond the unambiguous range of the stream
+};
+
+struct Capture {
+    int width = 0, height = 0;        // frame size, pixels
+    std::vector<uint16_t> raw;        // 4*W*H words (single frequency) or 16*W*H (dual)
+    std::vector<float> truthZ;        // per output pixel, mm
+    std::vector<float> truthRadial;   // distance along the pixel's ray, mm
+    std::vector<uint8_t> label;       // PixelLabel per output pixel
+};
+
+// Simulates one capture. `calibration` is the full read-out's record handed to
+// Init as its second argument (for the reduced stream, the record of the 320 x 240
+// sensor); the per-pixel rays and corrections follow it.
+Capture SimulateCapture(const qvapi::CameraCalibrationParam& calibration, const SceneSpec& scene,
+                        const CaptureSpec& spec);
+
+}  // namespace qvsim
+
+#endif

@@ -1,0 +1,153 @@
+#include "depth/dual_freq.h"
+
+#include <cmath>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/numeric.h"
+#include "depth/temperature.h"
+#include "depth/wiggling.h"
+
+namespace qvapi {
+namespace {
+
+constexpr uint16_t kSaturated = 1023;
+
+// Word offsets of the sample roles A, B, C, D inside a row pair, per flip mode,
+// as multiples of (S0, S1, S2, S3): S0 = 2c, S1 = 2c + 1, S2 = 2W + 2c, S3 = S2 + 1.
+struct Roles {
+    int a, b, c, d;  // 0..3 for S0..S3
+};
+constexpr Roles kRoles[4] = {{0, 2, 3, 1}, {2, 0, 1, 3}, {1, 3, 2, 0}, {3, 1, 0, 2}};
+
+struct Samples {
+    int32_t a, b, c, d;
+};
+
+inline bool AnySaturated(const Samples& s)
+{
+    return s.a == kSaturated || s.b == kSaturated || s.c == kSaturated || s.d == kSaturated;
+}
+
+}  // namespace
+
+void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
+                   const DualFreqParams& p, const float* fppn1, const float* fppn2,
+                   const float* radialToZ, DualFreqLast& last)
+{
+    const int32_t f1 = p.frequency1, f2 = p.frequency2;
+    const int32_t R1 = p.range1, R2 = p.range2;
+    const int32_t ratio1 = f1 / (f1 - f2);
+    const int32_t ratio2 = f2 / (f1 - f2);
+    const int32_t Rc = (f1 / std::abs(f1 - f2)) * R1;
+
+    float comp1 = 0.0f, comp2 = 0.0f;
+    if (p.temperatureCompensation) {
+        const float t = SensorTemperature(raw);
+        comp1 = DualFreqDrift1(t) * p.phaseToMm1;
+        comp2 = DualFreqDrift2(t) * p.phaseToMm2;
+    }
+    // Rows 0 and 1 carry no depth.
+    std::memset(depth, 0, sizeof(uint16_t) * static_cast<size_t>(width) * (height < 2 ? height : 2));
+    if (height < 3)
+        return;
+
+    const float off1 = p.depthOffset1 - comp1;
+    const float off2 = p.depthOffset2 - comp2;
+    const float range1 = static_cast<float>(R1), range2 = static_cast<float>(R2);
+    const float rangeC = static_cast<float>(Rc);
+    const double invR1 = 1.0 / R1, invR2 = 1.0 / R2;
+    const float threshold = static_cast<float>(p.amplitudeThreshold);
+    const size_t plane = 4 * static_cast<size_t>(width) * height;
+    const uint16_t* p0 = raw;
+    const uint16_t* p1 = raw + plane;
+    const uint16_t* p2 = raw + 2 * plane;
+    const uint16_t* p3 = raw + 3 * plane;
+    const bool knownFlip = p.flipMode >= 0 && p.flipMode <= 3;
+    const Roles roles = knownFlip ? kRoles[p.flipMode] : Roles{0, 0, 0, 0};
+    const bool mirrorRows = p.flipMode == 1 || p.flipMode == 3;
+    const bool mirrorCols = p.flipMode == 2 || p.flipMode == 3;
+    const int b = p.binning;
+    size_t idx = 0;  // an unknown flip mode keeps the index it had (0)
+
+    for (int r = 2; r < height; ++r) {
+        const size_t rowBase = 4 * static_cast<size_t>(width) * r;
+        for (int c = 0; c < width; ++c) {
+            uint16_t& out = depth[static_cast<size_t>(r) * width + c];
+            size_t s[4] = {rowBase + 2 * c, rowBase + 2 * c + 1, rowBase + 2 * width + 2 * c,
+                           rowBase + 2 * width + 2 * c + 1};
+            if (knownFlip) {
+                const size_t row = mirrorRows ? height - 1 - r : r;
+                const size_t col = mirrorCols ? width - 1 - c : c;
+                idx = (row * width * b + col) * b;
+            } else {
+                s[0] = 0;  // every role reads word 0 of its plane
+            }
+            const auto at = [&](const uint16_t* pl) {
+                return Samples{pl[s[roles.a]], pl[s[roles.b]], pl[s[roles.c]], pl[s[roles.d]]};
+            };
+
+            const Samples a2 = at(p2);
+            if (AnySaturated(a2)) {
+                out = 1;
+                continue;
+            }
+            const Samples a3 = at(p3);
+            const float phase1 = std::atan2(
+                static_cast<float>((a2.b - a3.b) - (a2.d - a3.d)) * 0.5f,
+                static_cast<float>((a2.a - a3.a) - (a2.c - a3.c)) * 0.5f);
+            const int64_t e1 = static_cast<int64_t>(a3.b - a3.d) * (a3.b - a3.d) +
+                               static_cast<int64_t>(a3.a - a3.c) * (a3.a - a3.c);
+            const float amp1 = static_cast<float>(std::sqrt(static_cast<float>(e1)) * 1.5707963265);
+            if (threshold > amp1) {
+                out = 0;
+                continue;
+            }
+            float d1 = WrapOnce(phase1 * p.phaseToMm1 + off1, range1);
+            const float wig1 = WigglingAt(p.table1, p.tableStep2, d1, false, 0);
+            d1 = WrapOnce(d1 + std::trunc(fppn1[idx]) - std::trunc(wig1), range1);
+            last.distance1 = d1;
+
+            const Samples a0 = at(p0);
+            if (AnySaturated(a0)) {
+                out = 1;
+                continue;
+            }
+            const Samples a1 = at(p1);
+            const float phase2 = std::atan2(
+                static_cast<float>((a0.b - a1.b) - (a0.d - a1.d)) * 0.5f,
+                static_cast<float>((a0.a - a1.a) - (a0.c - a1.c)) * 0.5f);
+            const int64_t e2 = static_cast<int64_t>(a0.b - a0.d) * (a0.b - a0.d) +
+                               static_cast<int64_t>(a0.a - a0.c) * (a0.a - a0.c);
+            const float amp2 = static_cast<float>(std::sqrt(static_cast<float>(e2)) * 1.5707963265);
+            if (threshold > amp2) {
+                out = 0;
+                continue;
+            }
+            float d2 = WrapOnce(phase2 * p.phaseToMm2 + off2, range2);
+            const float wig2 = WigglingAt(p.table2, p.tableStep2, d2, false, 0);
+            d2 = WrapOnce(std::trunc(fppn2[idx]) + d2 - std::trunc(wig2), range2);
+            last.distance2 = d2;
+
+            if (d1 == 0.0f || d2 == 0.0f) {
+                out = 0;
+                continue;
+            }
+            // Unwrap: ratio1 d1 - ratio2 d2 is the distance modulo the combined range.
+            const float e = WrapOnce(static_cast<float>(ratio1) * d1 - static_cast<float>(ratio2) * d2,
+                                     rangeC);
+            const int32_t k2 = TruncToInt((e - d2) * invR2 + 0.5);
+            const int32_t k1 = TruncToInt((e - d1) * invR1 + 0.5);
+            float D1 = d1 + static_cast<float>(static_cast<int64_t>(k1) * R1);
+            const float D2 = d2 + static_cast<float>(static_cast<int64_t>(k2) * R2);
+            const float z = radialToZ[idx] * 0.5f * (D1 + D2);
+            if (z < 0.0f)
+                D1 += rangeC;
+            const float disagreement = z > rangeC ? D1 - rangeC - D2 : D1 - D2;
+            out = std::fabs(disagreement) > 200.0f ? 0 : TruncToU16Bits(z);
+        }
+    }
+}
+
+}  // namespace qvapi

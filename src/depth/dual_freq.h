@@ -1,0 +1,38 @@
+#ifndef QVRECONSTRUCTION_SRC_DEPTH_DUAL_FREQ_H
+#define QVRECONSTRUCTION_SRC_DEPTH_DUAL_FREQ_H
+
+#include <cstdint>
+
+namespace qvapi {
+
+struct DualFreqParams {
+    int32_t frequency1, frequency2;  // Hz, must differ
+    int32_t range1, range2;          // unambiguous ranges, mm
+    float phaseToMm1, phaseToMm2;
+    float depthOffset1, depthOffset2;
+    float tableStep2;                // the second frequency's step serves both tables
+    const float* table1;             // 256 entries each
+    const float* table2;
+    int32_t amplitudeThreshold;
+    bool temperatureCompensation;    // false for device type 4
+    int32_t flipMode;
+    int32_t binning;                 // 1, or 2 for 320-wide frames
+};
+
+// Distances of the last pixel that reached each frequency's correction.
+struct DualFreqLast {
+    float distance1, distance2;
+};
+
+// Depth in mm of a four-plane capture (planes of 4 * width * height words: second
+// frequency p and q, first frequency p and q). Rows 2 and below are converted;
+// rows 0 and 1 are set to 0. 1 marks saturation, 0 a weak or inconsistent pixel.
+// fppn1, fppn2 and radialToZ are full-resolution arrays indexed by the flipped,
+// binned calibration position; the caller guarantees that position is inside them.
+void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
+                   const DualFreqParams& p, const float* fppn1, const float* fppn2,
+                   const float* radialToZ, DualFreqLast& last);
+
+}  // namespace qvapi
+
+#endif
