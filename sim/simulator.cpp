@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <stdexcept>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
 
 namespace qvsim {
 namespace {
@@ -25,52 +29,80 @@ double RadialOf(const Ray& ray, double z) { return z * std::sqrt(ray.x * ray.x +
 
 }  // namespace
 
-Hit TraceScene(const SceneSpec& s, double x, double y)
+SurfaceHit TraceRay(const SceneSpec& s, const Vec3& o, const Vec3& dir)
 {
     const double d = s.distanceMm;
-    Hit hit{d, s.reflectivity};
+    SurfaceHit best{};
+    best.s = INFINITY;
+    best.object = kNoObject;
+    const auto consider = [&](double t, int object) {
+        if (t > 0 && t < best.s) {
+            best.s = t;
+            best.object = object;
+        }
+    };
+    const auto plane = [&](const Vec3& n, double offset, int object) {
+        const double den = n.x * dir.x + n.y * dir.y + n.z * dir.z;
+        if (den != 0)
+            consider((offset - (n.x * o.x + n.y * o.y + n.z * o.z)) / den, object);
+    };
     switch (s.kind) {
     case SceneKind::Wall:
+        plane({0, 0, 1}, d, 0);
         break;
     case SceneKind::TiltedPlane: {
-        // Plane through (0, 0, d) with normal (sin a, 0, cos a).
         const double a = s.tiltDeg * kPi / 180.0;
-        hit.z = d * std::cos(a) / (x * std::sin(a) + std::cos(a));
+        plane({std::sin(a), 0, std::cos(a)}, d * std::cos(a), 0);
         break;
     }
     case SceneKind::Boxes: {
+        plane({0, 0, 1}, d, 0);
         // Front faces of two boxes, as rectangles in world coordinates at their depth.
         struct Box {
             double x0, x1, y0, y1, z;
         };
         const Box boxes[2] = {{-0.36 * d, -0.06 * d, -0.22 * d, 0.26 * d, d - 700.0},
                               {0.08 * d, 0.40 * d, -0.30 * d, 0.10 * d, d - 400.0}};
-        for (const Box& b : boxes) {
-            const double X = x * b.z, Y = y * b.z;
-            if (b.z > 0 && X >= b.x0 && X < b.x1 && Y >= b.y0 && Y < b.y1 && b.z < hit.z)
-                hit.z = b.z;
+        for (int k = 0; k < 2; ++k) {
+            const Box& b = boxes[k];
+            if (dir.z == 0 || b.z <= 0)
+                continue;
+            const double t = (b.z - o.z) / dir.z;
+            const double X = o.x + t * dir.x, Y = o.y + t * dir.y;
+            if (X >= b.x0 && X < b.x1 && Y >= b.y0 && Y < b.y1)
+                consider(t, k + 1);
         }
         break;
     }
     case SceneKind::Sphere: {
-        // A ball of radius 0.2 d at (0, 0, d), the wall at 1.5 d.
+        plane({0, 0, 1}, 1.5 * d, 0);
+        // A ball of radius 0.2 d at (0, 0, d): nearest root of |o + t dir - c|^2 = rho^2.
         const double rho = 0.2 * d;
-        const double n2 = x * x + y * y + 1.0;
-        // |t (x, y, 1) - (0, 0, d)|^2 = rho^2, nearest t.
-        const double b = -2.0 * d, c = d * d - rho * rho;
-        const double disc = b * b - 4.0 * n2 * c;
-        hit.z = 1.5 * d;
-        if (disc >= 0.0)
-            hit.z = (-b - std::sqrt(disc)) / (2.0 * n2);
+        const Vec3 oc{o.x, o.y, o.z - d};
+        const double A = dir.x * dir.x + dir.y * dir.y + dir.z * dir.z;
+        const double B = 2.0 * (oc.x * dir.x + oc.y * dir.y + oc.z * dir.z);
+        const double C = oc.x * oc.x + oc.y * oc.y + oc.z * oc.z - rho * rho;
+        const double disc = B * B - 4.0 * A * C;
+        if (disc >= 0)
+            consider((-B - std::sqrt(disc)) / (2.0 * A), 1);
         break;
     }
     }
-    // Patches in ray space, so they sit at fixed places in the image.
-    if (s.brightPatch && x > -0.30 && x < -0.20 && y > 0.28 && y < 0.38)
-        hit.reflectivity = 2.0;
-    if (s.darkPatch && x > 0.20 && x < 0.30 && y > 0.28 && y < 0.38)
-        hit.reflectivity = 0.0;
-    return hit;
+    best.point = {o.x + best.s * dir.x, o.y + best.s * dir.y, o.z + best.s * dir.z};
+    best.reflectivity = s.reflectivity;
+    // Patches at fixed places of the depth camera's image.
+    const double px = best.point.x / best.point.z, py = best.point.y / best.point.z;
+    if (s.brightPatch && px > -0.30 && px < -0.20 && py > 0.28 && py < 0.38)
+        best.reflectivity = 2.0;
+    if (s.darkPatch && px > 0.20 && px < 0.30 && py > 0.28 && py < 0.38)
+        best.reflectivity = 0.0;
+    return best;
+}
+
+Hit TraceScene(const SceneSpec& s, double x, double y)
+{
+    const SurfaceHit h = TraceRay(s, {0, 0, 0}, {x, y, 1});
+    return {h.point.z, h.reflectivity};
 }
 
 namespace {
@@ -380,6 +412,87 @@ Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpe
     cap.raw[188] = static_cast<uint16_t>((code >> 8) << 2);
     cap.raw[190] = static_cast<uint16_t>((code & 0xFF) << 2);
     return cap;
+}
+
+// ---------------------------------------------------------------- colour camera
+
+namespace {
+
+// Surface colour (B, G, R) of a scene point: a checkered wall, coloured objects.
+cv::Vec3b Texture(const SurfaceHit& h)
+{
+    switch (h.object) {
+    case 0: {
+        const bool odd = (static_cast<long>(std::floor(h.point.x / 100.0)) +
+                          static_cast<long>(std::floor(h.point.y / 100.0))) & 1;
+        return odd ? cv::Vec3b(200, 200, 190) : cv::Vec3b(90, 95, 100);
+    }
+    case 1:
+        return cv::Vec3b(40, 120, 230);  // orange
+    case 2:
+        return cv::Vec3b(60, 190, 70);   // green
+    default:
+        return cv::Vec3b(0, 0, 0);
+    }
+}
+
+}  // namespace
+
+ColourFrame RenderColour(const qvapi::CameraCalibrationParam& cal, const SceneSpec& scene)
+{
+    if (cal.rgbLens.fx == 0.0f)
+        throw std::invalid_argument("the calibration has no colour lens");
+    ColourFrame frame;
+    const int W = frame.width, H = frame.height;
+    const RayModel lens{cal.rgbLens, true};
+
+    // Colour-camera pose: Pc = R' Pd + t, R' the rotation corrected by the record's
+    // rotation vector.
+    cv::Mat R = cv::Mat(3, 3, CV_32F, const_cast<float*>(cal.extrinsics)).clone();
+    if (cal.vectorCount >= 3) {
+        cv::Mat r;
+        cv::Rodrigues(R, r);
+        for (int k = 0; k < 3; ++k)
+            r.at<float>(k) += cal.vector[k];
+        cv::Rodrigues(r, R);
+    }
+    cv::Matx33d Rt;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            Rt(i, j) = R.at<float>(j, i);
+    const cv::Vec3d t(cal.extrinsics[9], cal.extrinsics[10], cal.extrinsics[11]);
+    const cv::Vec3d origin = -(Rt * t);
+    const auto trace = [&](const Ray& ray) {
+        const cv::Vec3d dir = Rt * cv::Vec3d(ray.x, ray.y, 1.0);
+        return TraceRay(scene, {origin[0], origin[1], origin[2]}, {dir[0], dir[1], dir[2]});
+    };
+
+    // The raw frame is what the distorted lens sees; truth lives on the ideal grid.
+    cv::Mat bgr(H, W, CV_8UC3);
+    frame.truthDepth.assign(static_cast<size_t>(W) * H, 0.0f);
+    frame.object.assign(static_cast<size_t>(W) * H, kNoObject);
+    for (int v = 0; v < H; ++v)
+        for (int u = 0; u < W; ++u) {
+            const SurfaceHit raw = trace(lens.At(u, v));
+            bgr.at<cv::Vec3b>(v, u) = raw.object == kNoObject ? cv::Vec3b(0, 0, 0) : Texture(raw);
+            const Ray ideal{(u - lens.lens.cx) / lens.lens.fx, (v - lens.lens.cy) / lens.lens.fy};
+            const SurfaceHit h = trace(ideal);
+            const size_t i = static_cast<size_t>(v) * W + u;
+            frame.object[i] = static_cast<uint8_t>(h.object);
+            frame.truthDepth[i] = h.object == kNoObject ? 0.0f : static_cast<float>(h.point.z);
+        }
+
+    // NV12: the Y plane, then interleaved U and V at half resolution.
+    cv::Mat i420;
+    cv::cvtColor(bgr, i420, cv::COLOR_BGR2YUV_I420);
+    frame.nv12.resize(static_cast<size_t>(W) * H * 3 / 2);
+    const size_t ySize = static_cast<size_t>(W) * H, cSize = ySize / 4;
+    std::copy(i420.data, i420.data + ySize, frame.nv12.begin());
+    for (size_t k = 0; k < cSize; ++k) {
+        frame.nv12[ySize + 2 * k] = i420.data[ySize + k];
+        frame.nv12[ySize + 2 * k + 1] = i420.data[ySize + cSize + k];
+    }
+    return frame;
 }
 
 }  // namespace qvsim

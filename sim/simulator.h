@@ -35,6 +35,21 @@ struct Hit {
 };
 Hit TraceScene(const SceneSpec& scene, double x, double y);
 
+// Scene objects: 0 the wall or plane, 1 and 2 the boxes, 1 the sphere.
+constexpr uint8_t kNoObject = 255;
+
+struct Vec3 {
+    double x, y, z;
+};
+struct SurfaceHit {
+    double s;            // ray parameter of the hit
+    Vec3 point;          // in the depth camera's frame, mm
+    double reflectivity;
+    int object;          // kNoObject when the ray meets nothing
+};
+// The nearest surface along origin + s * dir (s > 0), in the depth camera's frame.
+SurfaceHit TraceRay(const SceneSpec& scene, const Vec3& origin, const Vec3& dir);
+
 struct CaptureSpec {
     qvapi::DeviceType device = qvapi::DEVICE_GENERIC;
     qvapi::StreamType stream = qvapi::STREAM_DUAL_FREQ;
@@ -67,6 +82,18 @@ struct Capture {
 // sensor); the per-pixel rays and corrections follow it.
 Capture SimulateCapture(const qvapi::CameraCalibrationParam& calibration, const SceneSpec& scene,
                         const CaptureSpec& spec);
+
+// The colour camera's view of a scene (1920 x 1080), through the calibration's
+// colour lens and depth-to-colour extrinsics.
+struct ColourFrame {
+    int width = 1920, height = 1080;
+    std::vector<uint8_t> nv12;       // the raw (distorted) frame, NV12
+    // On the undistorted colour grid: the depth-camera Z of the surface each colour
+    // pixel sees (what registration should put there) and that surface's object.
+    std::vector<float> truthDepth;
+    std::vector<uint8_t> object;
+};
+ColourFrame RenderColour(const qvapi::CameraCalibrationParam& calibration, const SceneSpec& scene);
 
 }  // namespace qvsim
 

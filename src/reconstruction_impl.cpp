@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <vector>
 #include <opencv2/imgproc.hpp>
 #include <iterator>
 
@@ -13,7 +15,12 @@
 #include "depth/edge_filter.h"
 #include "depth/ir.h"
 #include "depth/single_freq.h"
+#include "depth/point_cloud.h"
 #include "depth/temperature.h"
+#include "colour/false_colour.h"
+#include "files/depth_files.h"
+#include "registration/map_depth_to_rgb.h"
+#include "common/numeric.h"
 #include "registration/rgbd_geometry.h"
 
 namespace qvapi {
@@ -420,21 +427,133 @@ int32_t ReconstructionImpl::GetIR(const uint16_t* raw, uint16_t* image, int32_t 
     return STATUS_OK;
 }
 
-// ---------------------------------------------------------------- not built yet
+// ---------------------------------------------------------------- points and colour
 
-int32_t ReconstructionImpl::GetCloudPoint(const uint16_t*, float*, int32_t, int32_t)
+int32_t ReconstructionImpl::GetCloudPoint(const uint16_t* depth, float* points, int32_t width,
+                                          int32_t height)
 {
-    return STATUS_NOT_INITIALIZED;
+    if (!m_initialized)
+        return STATUS_NOT_INITIALIZED;
+    if (depth == nullptr || points == nullptr || width <= 0 || height <= 0)
+        return STATUS_INVALID_ARGUMENT;
+    // Images 1920 wide or 1080 high are registered to the colour camera.
+    const bool colour = width == kColourWidth || height == kColourHeight;
+    const int64_t mapWidth = colour ? kColourWidth : m_tableWidth;
+    const int64_t mapSize = mapWidth * (colour ? kColourHeight : m_tableHeight);
+    // The furthest ray a pixel inside the mask reads at binning b.
+    const auto lastIndex = [&](int64_t b) { return ((int64_t(height) - 2) * width * b + width - 2) * b; };
+    int binning = m_binning;
+    if (lastIndex(binning) >= mapSize) {
+        // The binning left by the last depth frame does not fit this image (for
+        // instance the reduced stream, whose maps are already at 320 x 240): read
+        // the maps at the image's own scale instead of past their end.
+        const int64_t scale = mapWidth / width;
+        if (scale < 1 || lastIndex(scale) >= mapSize)
+            return STATUS_INVALID_ARGUMENT;
+        binning = static_cast<int>(scale);
+    }
+    const int cut = PointCloudCut(m_binning, m_streamType == STREAM_SINGLE_FREQ);
+    PointCloud(depth, width, height, binning, cut, colour ? m_rgbRayX.get() : m_rectifyMapX.get(),
+               colour ? m_rgbRayY.get() : m_rectifyMapY.get(), points);
+    return STATUS_OK;
 }
 
-void ReconstructionImpl::Convert2RGB(uint8_t**, uint16_t*, int32_t, int32_t) {}
-
-int32_t ReconstructionImpl::MapDepthToRGB(uint8_t**, uint16_t**, uint8_t*, int32_t, int32_t, int&,
-                                          int&)
+void ReconstructionImpl::Convert2RGB(uint8_t** image, uint16_t* depth, int32_t width,
+                                     int32_t height)
 {
-    return STATUS_NOT_INITIALIZED;
+    // Needs no calibration. A call that cannot be served leaves *image untouched.
+    if (image == nullptr || depth == nullptr || width <= 0 || height <= 0)
+        return;
+    const size_t n = static_cast<size_t>(width) * height;
+    *image = new uint8_t[3 * n];
+    FalseColour(depth, n, m_customMinDistance, m_customMaxDistance, *image);
 }
 
-void ReconstructionImpl::GetColorBar(uint8_t**, int&) {}
+void ReconstructionImpl::GetColorBar(uint8_t** bar, int& count)
+{
+    if (bar == nullptr)
+        return;
+    *bar = new uint8_t[sizeof color_map];
+    std::memcpy(*bar, color_map, sizeof color_map);
+    count = 360;
+}
+
+int32_t ReconstructionImpl::MapDepthToRGB(uint8_t** image, uint16_t** depth, uint8_t* nv12,
+                                          int32_t colorWidth, int32_t colorHeight, int& width,
+                                          int& height)
+{
+    std::lock_guard<std::mutex> lock(ParamMutex());
+    if (!m_initialized)
+        return STATUS_NOT_INITIALIZED;
+    // The colour undistortion maps are built for 1920 x 1080; the depth frame is
+    // 640 x 480 and needs the full stream's ray tables.
+    if (image == nullptr || depth == nullptr || *depth == nullptr || nv12 == nullptr ||
+        colorWidth != kColourWidth || colorHeight != kColourHeight)
+        return STATUS_INVALID_ARGUMENT;
+    if (m_tableWidth != 640 || m_tableHeight != 480)
+        return STATUS_STREAM_MISMATCH;
+
+    m_width = 640;
+    m_height = 480;
+    const cv::Mat yuv(colorHeight * 3 / 2, colorWidth, CV_8UC1, nv12);
+    cv::Mat bgr, undistorted;
+    cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
+    cv::remap(bgr, undistorted, m_colorUndistortMapX, m_colorUndistortMapY, cv::INTER_NEAREST,
+              cv::BORDER_CONSTANT, cv::Scalar(0));
+
+    // Reference depth at the frame's centre; a fallback of 0 is not stored.
+    const bool fallbackFromRecord = m_workParam.vectorCount >= 6;
+    const int32_t reference = CentreReferenceDepth(
+        *depth, fallbackFromRecord ? TruncToInt(m_workParam.vector[3]) : 2000);
+    if ((reference & 0xFFFF) != 0)
+        m_centerDepth = static_cast<int16_t>(reference);
+
+    cv::Mat landed(colorHeight, colorWidth, CV_16UC1, cv::Scalar(0)), registered;
+    ProjectDepthToColour(*depth, m_rectifyMapX.get(), m_rectifyMapY.get(),
+                         MakeRegistrationParams(m_workParam),
+                         reinterpret_cast<uint16_t*>(landed.data), colorWidth, colorHeight);
+    cv::medianBlur(landed, registered, 5);
+
+    // Both outputs exist before the caller's depth buffer is released, so a failed
+    // allocation leaves the caller's pointers as they were.
+    const size_t n = static_cast<size_t>(colorWidth) * colorHeight;
+    std::unique_ptr<uint8_t[]> colourOut(new uint8_t[3 * n]);
+    std::unique_ptr<uint16_t[]> depthOut(new uint16_t[n]);
+    std::memcpy(colourOut.get(), undistorted.data, 3 * n);
+    std::memcpy(depthOut.get(), registered.data, 2 * n);
+    delete[] *depth;
+    *depth = depthOut.release();
+    *image = colourOut.release();
+    width = registered.cols;
+    height = registered.rows;
+    return STATUS_OK;
+}
+
+// ---------------------------------------------------------------- files
+
+int ReconstructionImpl::SaveDepth(uint16_t* depth, std::string path)
+{
+    const size_t n = static_cast<size_t>(std::max(m_width, 0)) * std::max(m_height, 0);
+    return WriteRawDepth(depth, n, path);
+}
+
+void ReconstructionImpl::SavePointCloud(float* cloud, std::string path)
+{
+    const std::string name = path + "_" + std::to_string(m_plyFileCounter) + ".ply";
+    ++m_plyFileCounter;
+    WritePly(cloud, std::max(m_width, 0), std::max(m_height, 0), name);
+}
+
+void ReconstructionImpl::SaveCloudPoint(uint16_t* depth, std::string path)
+{
+    const size_t n = static_cast<size_t>(std::max(m_width, 0)) * std::max(m_height, 0);
+    std::vector<float> cloud(3 * n, 0.0f);
+    // Through the interface, as a derived implementation would expect.
+    Reconstruction& self = *this;
+    if (self.GetCloudPoint(depth, cloud.data(), m_width, m_height) != STATUS_OK)
+        return;
+    SaveDepth(depth, path + ".raw");
+    SavePointCloud(cloud.data(), path);
+}
 
 }  // namespace qvapi

@@ -72,6 +72,14 @@ public:
     int GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth, int width, int height);
     int GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_t** depth, int width, int height);
 
+    // Diagnostics files at the size of the current depth image (m_width x m_height).
+    // SaveDepth returns 0 when the file cannot be opened, else the result of closing it.
+    int SaveDepth(uint16_t* depth, std::string path);
+    // Writes path_N.ply, N being m_plyFileCounter, which then advances.
+    void SavePointCloud(float* cloud, std::string path);
+    // path.raw and path_N.ply of one depth image.
+    void SaveCloudPoint(uint16_t* depth, std::string path);
+
     // --- State. Public so that the library's own tests can inspect it; the class is
     // not part of the installed headers.
 

@@ -142,4 +142,8 @@ protected:
 
 }  // namespace qvapi
 
+// The colour-bar legend handed out by GetColorBar: 360 RGB triples from dark red
+// (nearest) to dark blue (farthest). Writable, as the library has always exported it.
+QV_EXPORT extern unsigned char color_map[360][3];
+
 #endif  // QVRECONSTRUCTION_RECONSTRUCTION_H

@@ -14,6 +14,14 @@ inline int32_t TruncToInt(double v)
     return (v > -2147483648.0 && v < 2147483648.0) ? static_cast<int32_t>(v) : 0;
 }
 
+// Truncation as the x86 conversion instruction does it: NaN and values beyond the
+// integer range give the most negative integer ("integer indefinite"), on every
+// platform. The false colouring depends on that for an empty distance range.
+inline int32_t TruncToIntIndefinite(double v)
+{
+    return (v > -2147483649.0 && v < 2147483648.0) ? static_cast<int32_t>(v) : INT32_MIN;
+}
+
 // Truncates toward zero and keeps the low 16 bits, as a 16-bit store of an int does.
 inline uint16_t TruncToU16Bits(double v) { return static_cast<uint16_t>(TruncToInt(v)); }
 
