@@ -17,6 +17,7 @@
 #include "depth/single_freq.h"
 #include "depth/point_cloud.h"
 #include "depth/temperature.h"
+#include "depth/temperature_log.h"
 #include "colour/false_colour.h"
 #include "files/depth_files.h"
 #include "registration/map_depth_to_rgb.h"
@@ -528,6 +529,37 @@ int32_t ReconstructionImpl::MapDepthToRGB(uint8_t** image, uint16_t** depth, uin
     height = registered.rows;
     return STATUS_OK;
 }
+
+// ---------------------------------------------------------------- post-filters and recorder
+
+void ReconstructionImpl::EdgeFilterMad(uint16_t* depth)
+{
+    qvapi::EdgeFilterMad(depth, m_width, m_height, m_madThreshold);
+}
+
+void ReconstructionImpl::OkadaFilter(uint16_t* depth) { qvapi::OkadaFilter(depth, m_width, m_height); }
+
+void ReconstructionImpl::SpeckleFilter(uint16_t* depth, int maxSpeckleSize, int maxDiff)
+{
+    qvapi::SpeckleFilter(depth, m_width, m_height, maxSpeckleSize, maxDiff);
+}
+
+void ReconstructionImpl::TemperatureTest(const uint16_t* raw, uint16_t* depth)
+{
+    if (!m_tempLogFile.is_open())
+        m_tempLogFile.open(m_tempLogPath.empty() ? kDefaultTemperatureLog : m_tempLogPath.c_str(),
+                           std::ios::out);
+    // An interval below 1 records every frame rather than dividing by zero.
+    const int32_t interval = m_tempLogInterval > 0 ? m_tempLogInterval : 1;
+    if (m_tempLogCounter % interval == 0 && raw != nullptr && depth != nullptr) {
+        const std::string line = TemperatureLogLine(raw, depth, m_width, m_height, m_lastDistance1,
+                                                    m_lastDistance2, GetCurrentTime2Str());
+        m_tempLogFile << line << std::flush;
+    }
+    ++m_tempLogCounter;
+}
+
+std::string ReconstructionImpl::GetCurrentTime2Str() { return LocalTimeStamp(); }
 
 // ---------------------------------------------------------------- files
 

@@ -72,6 +72,16 @@ public:
     int GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth, int width, int height);
     int GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_t** depth, int width, int height);
 
+    // Post-filters of the current depth image (m_width x m_height), in place.
+    void EdgeFilterMad(uint16_t* depth);
+    void OkadaFilter(uint16_t* depth);
+    void SpeckleFilter(uint16_t* depth, int maxSpeckleSize, int maxDiff);
+
+    // Temperature test recorder: every m_tempLogInterval-th call appends a line to
+    // m_tempLogPath (qv_temperature_test.csv in the working directory when empty).
+    void TemperatureTest(const uint16_t* raw, uint16_t* depth);
+    std::string GetCurrentTime2Str();
+
     // Diagnostics files at the size of the current depth image (m_width x m_height).
     // SaveDepth returns 0 when the file cannot be opened, else the result of closing it.
     int SaveDepth(uint16_t* depth, std::string path);

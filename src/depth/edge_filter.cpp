@@ -8,7 +8,7 @@ namespace qvapi {
 
 void EdgeFilter(uint16_t* depth, int width, int height)
 {
-    if (width <= 0 || height <= 0)
+    if (depth == nullptr || width <= 0 || height <= 0)
         return;
     // In place: pixel i reads only pixels at i and after, and is written after it
     // has been read, so no later pixel sees a filtered value.

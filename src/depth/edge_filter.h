@@ -1,16 +1,9 @@
 #ifndef QVRECONSTRUCTION_SRC_DEPTH_EDGE_FILTER_H
 #define QVRECONSTRUCTION_SRC_DEPTH_EDGE_FILTER_H
 
-#include <cstdint>
+#include "qvreconstruction/depth_filters.h"
 
 namespace qvapi {
-
-// Flying-pixel removal on 2 x 2 blocks, in place: a pixel whose block (itself, right,
-// below, below-right) deviates from the block mean by more than the threshold of
-// that mean's distance band becomes 0. In the last column the right neighbours are
-// the first pixels of the next rows, as they fall in the array. The last two rows
-// become 0.
-void EdgeFilter(uint16_t* depth, int width, int height);
 
 // The deviation threshold, mm, for a block mean in mm.
 inline int EdgeThreshold(int mean)
