@@ -57,7 +57,10 @@ public:
     void GetWindowArray(int row, int col, int plane, unsigned short* img, unsigned short* window,
                         int winH, int winW, int stride, int planeSize);
     unsigned short GetGuassNum(unsigned short* window, double* kernel, int n);
-    // Bilateral filter over a disc of radius r with clamped borders.
+    // Bilateral filter over a disc of radius r with clamped borders; r < 0 clears the
+    // image, a radius above kMaxBilateralRadius leaves it unchanged (the work grows
+    // with r squared per pixel). Depth differences of 7500 or more weigh as 7499.
+    static constexpr int kMaxBilateralRadius = 64;
     void Bilateral_Filter(unsigned short* img, int r, double sigmaS, double sigmaR, int width,
                           int height);
 
