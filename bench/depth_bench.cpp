@@ -23,11 +23,11 @@ struct Setup {
         r->Init(small, stream == STREAM_SINGLE_FREQ ? small : qvsim::SampleCalibration());
         qvsim::SceneSpec scene;
         scene.kind = qvsim::SceneKind::Boxes;
-        qvsim::CaptureSpec spec;
-        spec.stream = stream;
-        spec.binned = binned;
-        spec.noiseSigma = 1.0;
-        cap = qvsim::SimulateCapture(r->m_secondParam, scene, spec);
+        qvsim::CaptureSpec setup;
+        setup.stream = stream;
+        setup.binned = binned;
+        setup.noiseSigma = 1.0;
+        cap = qvsim::SimulateCapture(r->m_secondParam, scene, setup);
     }
 };
 

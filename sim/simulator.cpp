@@ -227,12 +227,12 @@ void Split(double total, int parts, long* out)
 }  // namespace
 
 Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpec& scene,
-                        const CaptureSpec& spec)
+                        const CaptureSpec& setup)
 {
-    const bool single = spec.stream == qvapi::STREAM_SINGLE_FREQ;
+    const bool single = setup.stream == qvapi::STREAM_SINGLE_FREQ;
     const bool dual = !single;
     const int tableW = single ? 320 : 640, tableH = single ? 240 : 480;
-    const int b = (dual && spec.binned) ? 2 : 1;
+    const int b = (dual && setup.binned) ? 2 : 1;
     Capture cap;
     cap.width = tableW / b;
     cap.height = tableH / b;
@@ -243,9 +243,9 @@ Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpe
     cap.truthRadial.assign(N, 0.0f);
     cap.label.assign(N, kValid);
 
-    const bool drift = spec.device != qvapi::DEVICE_TYPE_4;
-    const double t = spec.temperatureC;
-    const RayModel rays{cal.depthLens, spec.device == qvapi::DEVICE_TYPE_4};
+    const bool drift = setup.device != qvapi::DEVICE_TYPE_4;
+    const double t = setup.temperatureC;
+    const RayModel rays{cal.depthLens, setup.device == qvapi::DEVICE_TYPE_4};
 
     // Frequencies and their corrections, as the calibration record describes them.
     const double f1 = single ? 40e6 : 80e6, f2 = 100e6;
@@ -268,14 +268,14 @@ Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpe
     }
     const double maxRange = single ? range(f1) : 7500.0;
 
-    std::mt19937 rng(spec.seed);
-    std::normal_distribution<double> noise(0.0, spec.noiseSigma > 0 ? spec.noiseSigma : 1.0);
+    std::mt19937 rng(setup.seed);
+    std::normal_distribution<double> noise(0.0, setup.noiseSigma > 0 ? setup.noiseSigma : 1.0);
     const auto sample = [&](double v, uint16_t top) {
-        if (spec.noiseSigma > 0)
+        if (setup.noiseSigma > 0)
             v += noise(rng);
         return static_cast<uint16_t>(std::clamp(std::lround(v), 0L, static_cast<long>(top)));
     };
-    const int flip = std::clamp(static_cast<int>(spec.flip), 0, 3);
+    const int flip = std::clamp(static_cast<int>(setup.flip), 0, 3);
     const int* roles = kRoles[single ? 0 : flip];
 
     for (int r = 0; r < H; ++r) {
@@ -297,7 +297,7 @@ Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpe
             int count = 1;
             hits[0] = hit;
             subRays[0] = centre;
-            if (spec.mixEdges) {
+            if (setup.mixEdges) {
                 double zMin = hit.z, zMax = hit.z;
                 const double o = 0.25 * b;
                 const double du[4] = {-o, o, -o, o}, dv[4] = {-o, -o, o, o};

@@ -81,7 +81,7 @@ struct Capture {
 // Init as its second argument (for the reduced stream, the record of the 320 x 240
 // sensor); the per-pixel rays and corrections follow it.
 Capture SimulateCapture(const qvapi::CameraCalibrationParam& calibration, const SceneSpec& scene,
-                        const CaptureSpec& spec);
+                        const CaptureSpec& setup);
 
 // The colour camera's view of a scene (1920 x 1080), through the calibration's
 // colour lens and depth-to-colour extrinsics.

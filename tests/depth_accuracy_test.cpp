@@ -90,16 +90,16 @@ TEST(DepthAccuracy, DualFrequencyAcrossTheCombinedRangeFlipsAndDevices)
             {
                 {
                     const double temperature = n < 4 ? 25.0 : 45.0;
-                    CaptureSpec spec;
-                    spec.device = device;
-                    spec.flip = static_cast<FlipMode>(flip);
-                    spec.temperatureC = temperature;
-                    f.r->SetFlipMode(spec.flip);
+                    CaptureSpec setup;
+                    setup.device = device;
+                    setup.flip = static_cast<FlipMode>(flip);
+                    setup.temperatureC = temperature;
+                    f.r->SetFlipMode(setup.flip);
                     SceneSpec scene;
                     scene.kind = SceneKind::TiltedPlane;
                     scene.distanceMm = distance;
                     scene.tiltDeg = 20;
-                    const Capture cap = qvsim::SimulateCapture(f.Working(), scene, spec);
+                    const Capture cap = qvsim::SimulateCapture(f.Working(), scene, setup);
                     char what[96];
                     std::snprintf(what, sizeof what, "dual dev %d at %.0f mm flip %d %.0f C", device,
                                   distance, flip, temperature);
@@ -122,14 +122,14 @@ TEST(DepthAccuracy, BinnedFramesInTheFullStream)
     for (double distance : {800.0, 3300.0}) {
         // The threshold halves on every binned frame; keep it from reaching 0 early.
         f.r->m_amplitudeThreshold = 5;
-        CaptureSpec spec;
-        spec.binned = true;
-        spec.flip = FLIP_BOTH;
+        CaptureSpec setup;
+        setup.binned = true;
+        setup.flip = FLIP_BOTH;
         f.r->SetFlipMode(FLIP_BOTH);
         SceneSpec scene;
         scene.kind = SceneKind::Sphere;
         scene.distanceMm = distance;
-        const Capture cap = qvsim::SimulateCapture(f.Working(), scene, spec);
+        const Capture cap = qvsim::SimulateCapture(f.Working(), scene, setup);
         ASSERT_EQ(cap.width, 320);
         Expect(Compare(f.Depth(cap, true).data(), cap, 3.0), "binned sphere");
         EXPECT_EQ(f.r->m_binning, 2);
@@ -142,15 +142,15 @@ TEST(DepthAccuracy, SingleFrequencyStream)
         Fixture f(device, STREAM_SINGLE_FREQ);
         for (double distance : {300.0, 1200.0, 2500.0, 3400.0}) {
             for (double temperature : {25.0, 45.0}) {
-                CaptureSpec spec;
-                spec.device = device;
-                spec.stream = STREAM_SINGLE_FREQ;
-                spec.temperatureC = temperature;
+                CaptureSpec setup;
+                setup.device = device;
+                setup.stream = STREAM_SINGLE_FREQ;
+                setup.temperatureC = temperature;
                 SceneSpec scene;
                 scene.kind = SceneKind::TiltedPlane;
                 scene.distanceMm = distance;
                 scene.tiltDeg = 15;
-                const Capture cap = qvsim::SimulateCapture(f.Working(), scene, spec);
+                const Capture cap = qvsim::SimulateCapture(f.Working(), scene, setup);
                 ASSERT_EQ(cap.width, 320);
                 char what[96];
                 std::snprintf(what, sizeof what, "single dev %d at %.0f mm %.0f C", device, distance,
@@ -202,12 +202,12 @@ TEST(DepthAccuracy, SaturationDarknessAndFlyingPixels)
 TEST(DepthAccuracy, NoiseStaysWithinAFewMillimetresAfterFiltering)
 {
     Fixture f(DEVICE_GENERIC, STREAM_DUAL_FREQ);
-    CaptureSpec spec;
-    spec.noiseSigma = 1.0;
-    spec.seed = 7;
+    CaptureSpec setup;
+    setup.noiseSigma = 1.0;
+    setup.seed = 7;
     SceneSpec scene;
     scene.distanceMm = 1500;
-    const Capture cap = qvsim::SimulateCapture(f.Working(), scene, spec);
+    const Capture cap = qvsim::SimulateCapture(f.Working(), scene, setup);
     const Outcome o = Compare(f.Depth(cap, true).data(), cap, 6.0);
     EXPECT_EQ(o.outside, 0u) << o.worst;
 }

@@ -189,12 +189,12 @@ struct Pipeline : ::testing::Test {
     }
     qvsim::Capture Simulate(StreamType stream, bool binned = false)
     {
-        qvsim::CaptureSpec spec;
-        spec.stream = stream;
-        spec.binned = binned;
+        qvsim::CaptureSpec setup;
+        setup.stream = stream;
+        setup.binned = binned;
         qvsim::SceneSpec scene;
         scene.kind = qvsim::SceneKind::Boxes;
-        return qvsim::SimulateCapture(r->m_secondParam, scene, spec);
+        return qvsim::SimulateCapture(r->m_secondParam, scene, setup);
     }
 };
 

@@ -121,9 +121,9 @@ TEST_F(Cloud, SimulatedWallsFitTheirPlanes)
             scene.kind = qvsim::SceneKind::TiltedPlane;
             scene.tiltDeg = tilt;
             scene.distanceMm = 1800;
-            qvsim::CaptureSpec spec;
-            spec.device = device;
-            const qvsim::Capture cap = qvsim::SimulateCapture(r->m_secondParam, scene, spec);
+            qvsim::CaptureSpec setup;
+            setup.device = device;
+            const qvsim::Capture cap = qvsim::SimulateCapture(r->m_secondParam, scene, setup);
             uint16_t* depth = nullptr;
             ASSERT_EQ(r->CalculateDepth(cap.raw.data(), &depth, 640, 480), 0);
             const std::vector<float> pts = Points(std::vector<uint16_t>(depth, depth + 640 * 480), 640, 480);

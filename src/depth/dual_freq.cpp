@@ -30,6 +30,31 @@ inline bool AnySaturated(const Samples& s)
     return s.a == kSaturated || s.b == kSaturated || s.c == kSaturated || s.d == kSaturated;
 }
 
+struct FrequencyModel {
+    float phaseToMm, offset, range, step;
+    const float* table;
+};
+
+// The corrected wrapped distance of one frequency from its two tag captures p and q,
+// or false when the amplitude (of `amplitudeFrom`) is below the threshold. Both
+// corrections count by their integer parts; the wiggling index is not folded.
+inline bool CorrectedDistance(const Samples& p, const Samples& q, const Samples& amplitudeFrom,
+                              float threshold, const FrequencyModel& f, float fppn, float& d)
+{
+    const float phase = std::atan2(static_cast<float>((p.b - q.b) - (p.d - q.d)) * 0.5f,
+                                   static_cast<float>((p.a - q.a) - (p.c - q.c)) * 0.5f);
+    const Samples& s = amplitudeFrom;
+    const int64_t energy = static_cast<int64_t>(s.b - s.d) * (s.b - s.d) +
+                           static_cast<int64_t>(s.a - s.c) * (s.a - s.c);
+    const float amplitude = static_cast<float>(std::sqrt(static_cast<float>(energy)) * 1.5707963265);
+    if (threshold > amplitude)
+        return false;
+    d = WrapOnce(phase * f.phaseToMm + f.offset, f.range);
+    const float wig = WigglingAt(f.table, f.step, d, false, 0);
+    d = WrapOnce(d + std::trunc(fppn) - std::trunc(wig), f.range);
+    return true;
+}
+
 }  // namespace
 
 void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
@@ -53,9 +78,11 @@ void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
     if (height < 3)
         return;
 
-    const float off1 = p.depthOffset1 - comp1;
-    const float off2 = p.depthOffset2 - comp2;
-    const float range1 = static_cast<float>(R1), range2 = static_cast<float>(R2);
+    // The second frequency's table step serves both tables.
+    const FrequencyModel f1Model{p.phaseToMm1, p.depthOffset1 - comp1, static_cast<float>(R1),
+                                 p.tableStep2, p.table1};
+    const FrequencyModel f2Model{p.phaseToMm2, p.depthOffset2 - comp2, static_cast<float>(R2),
+                                 p.tableStep2, p.table2};
     const float rangeC = static_cast<float>(Rc);
     const double invR1 = 1.0 / R1, invR2 = 1.0 / R2;
     const float threshold = static_cast<float>(p.amplitudeThreshold);
@@ -88,46 +115,31 @@ void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
                 return Samples{pl[s[roles.a]], pl[s[roles.b]], pl[s[roles.c]], pl[s[roles.d]]};
             };
 
+            // First frequency: planes 2 and 3, amplitude from plane 3.
             const Samples a2 = at(p2);
             if (AnySaturated(a2)) {
                 out = 1;
                 continue;
             }
             const Samples a3 = at(p3);
-            const float phase1 = std::atan2(
-                static_cast<float>((a2.b - a3.b) - (a2.d - a3.d)) * 0.5f,
-                static_cast<float>((a2.a - a3.a) - (a2.c - a3.c)) * 0.5f);
-            const int64_t e1 = static_cast<int64_t>(a3.b - a3.d) * (a3.b - a3.d) +
-                               static_cast<int64_t>(a3.a - a3.c) * (a3.a - a3.c);
-            const float amp1 = static_cast<float>(std::sqrt(static_cast<float>(e1)) * 1.5707963265);
-            if (threshold > amp1) {
+            float d1;
+            if (!CorrectedDistance(a2, a3, a3, threshold, f1Model, fppn1[idx], d1)) {
                 out = 0;
                 continue;
             }
-            float d1 = WrapOnce(phase1 * p.phaseToMm1 + off1, range1);
-            const float wig1 = WigglingAt(p.table1, p.tableStep2, d1, false, 0);
-            d1 = WrapOnce(d1 + std::trunc(fppn1[idx]) - std::trunc(wig1), range1);
             last.distance1 = d1;
 
+            // Second frequency: planes 0 and 1, amplitude from plane 0.
             const Samples a0 = at(p0);
             if (AnySaturated(a0)) {
                 out = 1;
                 continue;
             }
-            const Samples a1 = at(p1);
-            const float phase2 = std::atan2(
-                static_cast<float>((a0.b - a1.b) - (a0.d - a1.d)) * 0.5f,
-                static_cast<float>((a0.a - a1.a) - (a0.c - a1.c)) * 0.5f);
-            const int64_t e2 = static_cast<int64_t>(a0.b - a0.d) * (a0.b - a0.d) +
-                               static_cast<int64_t>(a0.a - a0.c) * (a0.a - a0.c);
-            const float amp2 = static_cast<float>(std::sqrt(static_cast<float>(e2)) * 1.5707963265);
-            if (threshold > amp2) {
+            float d2;
+            if (!CorrectedDistance(a0, at(p1), a0, threshold, f2Model, fppn2[idx], d2)) {
                 out = 0;
                 continue;
             }
-            float d2 = WrapOnce(phase2 * p.phaseToMm2 + off2, range2);
-            const float wig2 = WigglingAt(p.table2, p.tableStep2, d2, false, 0);
-            d2 = WrapOnce(std::trunc(fppn2[idx]) + d2 - std::trunc(wig2), range2);
             last.distance2 = d2;
 
             if (d1 == 0.0f || d2 == 0.0f) {
