@@ -13,9 +13,11 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kSpeedFactor = 1.5e11;  // c / 2 in mm/s: distance per cycle is kSpeedFactor / f
-constexpr double kAmbient = 512.0;       // sample level without modulation
+constexpr double kDarkLevel = 16.0;      // sample level without light
 constexpr double kMaxAmplitude = 500.0;  // larger modulation clips the 10-bit sensor
-constexpr double kAmplitudePerReflectivity = 450.0;
+// Modulation amplitude per unit of reflectivity up to 2.5 m (falling as 1/R beyond);
+// the samples' mean follows the amplitude, so that the infrared image shows the scene.
+constexpr double kAmplitudePerReflectivity = 280.0;
 constexpr uint16_t kSaturatedWord = 1023;
 constexpr double kEdgeStepMm = 30.0;
 
@@ -89,7 +91,9 @@ SurfaceHit TraceRay(const SceneSpec& s, const Vec3& o, const Vec3& dir)
     }
     }
     best.point = {o.x + best.s * dir.x, o.y + best.s * dir.y, o.z + best.s * dir.z};
-    best.reflectivity = s.reflectivity;
+    // Objects reflect a little differently from the wall, which the infrared image shows.
+    const double objectShade[3] = {1.0, 0.8, 0.6};
+    best.reflectivity = s.reflectivity * (best.object <= 2 ? objectShade[best.object] : 1.0);
     // Patches at fixed places of the depth camera's image.
     const double px = best.point.x / best.point.z, py = best.point.y / best.point.z;
     if (s.brightPatch && px > -0.30 && px < -0.20 && py > 0.28 && py < 0.38)
@@ -344,6 +348,8 @@ Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpe
             const size_t words[4] = {rowBase + 2 * c, rowBase + 2 * c + 1,
                                      rowBase + 2 * static_cast<size_t>(W) + 2 * c,
                                      rowBase + 2 * static_cast<size_t>(W) + 2 * c + 1};
+            // The samples' mean: the modulated light's own level over the dark level.
+            const double level = kDarkLevel + std::max(std::hypot(ph1.re, ph1.im), std::hypot(ph2.re, ph2.im));
             if (single) {
                 // I = S0 - S3, Q = S2 - S1.
                 uint16_t* w = cap.raw.data();
@@ -354,10 +360,10 @@ Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpe
                     long i2[2], q2[2];
                     Split(2.0 * ph1.re, 2, i2);
                     Split(2.0 * ph1.im, 2, q2);
-                    w[words[0]] = sample(kAmbient + i2[0], 65535);
-                    w[words[3]] = sample(kAmbient - i2[1], 65535);
-                    w[words[2]] = sample(kAmbient + q2[0], 65535);
-                    w[words[1]] = sample(kAmbient - q2[1], 65535);
+                    w[words[0]] = sample(level + i2[0], 65535);
+                    w[words[3]] = sample(level - i2[1], 65535);
+                    w[words[2]] = sample(level + q2[0], 65535);
+                    w[words[1]] = sample(level - q2[1], 65535);
                 }
                 continue;
             }
@@ -374,8 +380,8 @@ Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpe
                 const double qv[4] = {-double(c4[2]), -double(s4[2]), +double(c4[3]), +double(s4[3])};
                 for (int role = 0; role < 4; ++role) {
                     const size_t word = words[roles[role]];
-                    p[word] = saturated ? kSaturatedWord : sample(kAmbient + pv[role], 1022);
-                    q[word] = sample(kAmbient + qv[role], 1022);
+                    p[word] = saturated ? kSaturatedWord : sample(level + pv[role], 1022);
+                    q[word] = sample(level + qv[role], 1022);
                 }
             };
             writePair(2, ph1);

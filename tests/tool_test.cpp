@@ -1,0 +1,164 @@
+// The command-line tool, run as a user runs it (the binary beside the library in
+// the installed layout of the build tree).
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
+
+#include "calibration_file.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Outcome {
+    int code;
+    std::string err;
+};
+
+class Tool : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = fs::path(testing::TempDir()) /
+               ("qvrecon_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    Outcome Qvrecon(const std::string& args)
+    {
+        const std::string err = (dir_ / "stderr.txt").string();
+        const std::string cmd = std::string(QVRECON_BINARY) + " " + args + " > /dev/null 2> " + err;
+        const int status = std::system(cmd.c_str());
+        std::ifstream in(err);
+        std::stringstream text;
+        text << in.rdbuf();
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text.str()};
+    }
+    std::string P(const std::string& name) const { return (dir_ / name).string(); }
+    static size_t Files(const fs::path& folder)
+    {
+        if (!fs::exists(folder))
+            return 0;
+        return static_cast<size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
+    }
+
+    fs::path dir_;
+};
+
+TEST_F(Tool, SimulateThenDepthGivesTheSceneBack)
+{
+    for (const char* stream : {"dual", "single", "binned"}) {
+        const std::string cap = P(std::string("cap_") + stream), out = P(std::string("out_") + stream);
+        ASSERT_EQ(Qvrecon(std::string("simulate --scene plane --tilt 20 --distance 1600 --stream ") + stream +
+                          " --out " + cap).code, 0);
+        const Outcome run = Qvrecon("depth " + cap + "/capture.raw --out " + out);
+        ASSERT_EQ(run.code, 0) << run.err;
+        for (const char* suffix : {"_depth.png", "_colour.png", "_ir.png", ".ply"})
+            EXPECT_TRUE(fs::exists(out + "/capture" + suffix)) << stream << suffix;
+        const cv::Mat depth = cv::imread(out + "/capture_depth.png", cv::IMREAD_UNCHANGED);
+        const cv::Mat truth = cv::imread(cap + "/truth_depth.png", cv::IMREAD_UNCHANGED);
+        ASSERT_EQ(depth.type(), CV_16UC1);
+        ASSERT_EQ(depth.size(), truth.size());
+        // Rows 0 and 1 carry no depth, and the median sees them beside row 2.
+        int checked = 0, outside = 0;
+        for (int r = 3; r < depth.rows - 2; ++r)
+            for (int c = 1; c < depth.cols - 1; ++c) {
+                ++checked;
+                outside += std::abs(depth.at<uint16_t>(r, c) - truth.at<uint16_t>(r, c)) > 3;
+            }
+        EXPECT_EQ(outside, 0) << stream << " of " << checked;
+    }
+}
+
+TEST_F(Tool, CalibrationRoundTripAndTheShippedSample)
+{
+    qvrecon::ModuleCalibration cal = qvrecon::SampleModule();
+    cal.full.vectorCount = 4;
+    cal.full.vector[3] = 1234.5f;
+    cal.full.table3[200] = -7.25f;  // beyond its count: kept too
+    cal.binned.label = "edited";
+    for (const char* name : {"cal.yaml", "cal.json"}) {
+        qvrecon::WriteCalibration(P(name), cal);
+        const qvrecon::ModuleCalibration back = qvrecon::ReadCalibration(P(name));
+        for (auto pair : {std::make_pair(&cal.full, &back.full), std::make_pair(&cal.binned, &back.binned)}) {
+            const auto* a = reinterpret_cast<const unsigned char*>(pair.first);
+            const auto* b = reinterpret_cast<const unsigned char*>(pair.second);
+            const size_t after = offsetof(qvapi::CameraCalibrationParam, depthLens);
+            EXPECT_EQ(pair.first->label, pair.second->label);
+            EXPECT_EQ(0, std::memcmp(a + after, b + after, sizeof(qvapi::CameraCalibrationParam) - after)) << name;
+        }
+    }
+    const qvrecon::ModuleCalibration shipped = qvrecon::ReadCalibration(QVRECON_SAMPLE_CALIBRATION);
+    const qvrecon::ModuleCalibration sample = qvrecon::SampleModule();
+    EXPECT_EQ(0, std::memcmp(&shipped.full.depthLens, &sample.full.depthLens,
+                             sizeof(qvapi::CameraCalibrationParam) - offsetof(qvapi::CameraCalibrationParam, depthLens)));
+    EXPECT_EQ(shipped.full.label, sample.full.label);
+
+    // Missing fields stay zero.
+    std::ofstream(P("partial.yaml")) << "%YAML:1.0\n---\nfull:\n   depthOffsetF2: 12.5\n";
+    const qvrecon::ModuleCalibration partial = qvrecon::ReadCalibration(P("partial.yaml"));
+    EXPECT_EQ(partial.full.depthOffsetF2, 12.5f);
+    EXPECT_EQ(partial.full.depthLens.fx, 0.0f);
+    EXPECT_EQ(partial.binned.tableCountF1, 0);
+}
+
+TEST_F(Tool, BadInputsGiveOneMessageAnExitCodeAndNoOutput)
+{
+    ASSERT_EQ(Qvrecon("simulate --out " + P("cap")).code, 0);
+    std::ofstream(P("short.raw"), std::ios::binary) << std::string(1000, 'x');
+    std::ofstream(P("unknown.yaml")) << "%YAML:1.0\n---\nfull:\n   depthLens:\n      focal: 3\n";
+    std::ofstream(P("badtype.yaml")) << "%YAML:1.0\n---\nfull:\n   tableCountF1: 2.5\n";
+    std::ofstream(P("garbage.yaml")) << "{{{ not yaml";
+    std::ofstream(P("afile")) << "x";
+    struct Case {
+        std::string args, message;
+    } cases[] = {
+        {"depth " + P("missing.raw") + " --out " + P("o1"), "missing.raw: cannot read"},
+        {"depth " + P("short.raw") + " --out " + P("o2"), "1000 bytes fit no stream"},
+        {"depth " + P("cap/capture.raw") + " --stream single --out " + P("o3"), "a single capture has 614400"},
+        {"depth " + P("cap/capture.raw") + " --calib " + P("unknown.yaml") + " --out " + P("o4"),
+         "full.depthLens: unknown field 'focal'"},
+        {"depth " + P("cap/capture.raw") + " --calib " + P("badtype.yaml") + " --out " + P("o5"),
+         "full.tableCountF1: expected an integer"},
+        {"info --calib " + P("garbage.yaml"), "not a readable YAML or JSON calibration"},
+        {"depth " + P("cap/capture.raw") + " --out " + P("afile") + "/sub", "cannot create the output folder"},
+        {"register " + P("cap/capture.raw") + " " + P("cap/colour.nv12") + " --out " + P("o6"),
+         "expected a 16-bit 640x480 depth PNG"},
+        {"register " + P("nothing.png") + " " + P("cap/colour.nv12") + " --out " + P("o7"), "nothing.png: cannot open"},
+    };
+    for (const Case& c : cases) {
+        const Outcome run = Qvrecon(c.args);
+        EXPECT_NE(run.code, 0) << c.args;
+        EXPECT_NE(run.err.find(c.message), std::string::npos) << c.args << "\n" << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    }
+    for (const char* o : {"o1", "o2", "o3", "o4", "o5", "o6", "o7"})
+        EXPECT_EQ(Files(dir_ / o), 0u) << o;
+}
+
+TEST_F(Tool, RegisterInfoAndDemo)
+{
+    ASSERT_EQ(Qvrecon("simulate --scene boxes --out " + P("cap")).code, 0);
+    ASSERT_EQ(Qvrecon("depth " + P("cap/capture.raw") + " --outputs depth --filter off --out " + P("d")).code, 0);
+    EXPECT_FALSE(fs::exists(P("d/capture_ir.png")));
+    const Outcome reg = Qvrecon("register " + P("d/capture_depth.png") + " " + P("cap/colour.nv12") + " --out " + P("r"));
+    ASSERT_EQ(reg.code, 0) << reg.err;
+    const cv::Mat registered = cv::imread(P("r/registered_depth.png"), cv::IMREAD_UNCHANGED);
+    EXPECT_EQ(registered.size(), cv::Size(1920, 1080));
+    EXPECT_GT(cv::countNonZero(registered), 1920 * 1080 / 3);
+    EXPECT_EQ(cv::imread(P("r/overlay.png")).size(), cv::Size(1920, 1080));
+    EXPECT_EQ(Qvrecon("info").code, 0);
+    const Outcome demo = Qvrecon("demo --out " + P("demo"));
+    ASSERT_EQ(demo.code, 0) << demo.err;
+    EXPECT_GE(Files(dir_ / "demo"), 11u);
+}
+
+}  // namespace

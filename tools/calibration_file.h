@@ -1,0 +1,36 @@
+// Calibration files: both records of a module (binned and full read-out) in one
+// YAML or JSON file, read and written with OpenCV's persistence.
+#ifndef QVRECON_CALIBRATION_FILE_H
+#define QVRECON_CALIBRATION_FILE_H
+
+#include <stdexcept>
+#include <string>
+
+#include <qvreconstruction/reconstruction.h>
+
+namespace qvrecon {
+
+struct ModuleCalibration {
+    qvapi::CameraCalibrationParam binned{};  // Init's first record (320-wide read-out)
+    qvapi::CameraCalibrationParam full{};    // Init's second record
+};
+
+// A calibration file that cannot be used; the message names the file and the field.
+struct CalibrationError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Reads a file written by WriteCalibration (or by hand): two maps "binned" and "full",
+// each holding the record's fields by name. Missing fields stay zero; unknown fields,
+// wrong types and arrays longer than the record holds are errors.
+ModuleCalibration ReadCalibration(const std::string& path);
+
+// Writes both records; the format follows the extension (.yaml, .yml or .json).
+void WriteCalibration(const std::string& path, const ModuleCalibration& calibration);
+
+// The built-in sample module, the same as the shipped data/sample_calibration.yaml.
+ModuleCalibration SampleModule();
+
+}  // namespace qvrecon
+
+#endif

@@ -1,0 +1,154 @@
+#include "pipeline.h"
+
+#include <cstdio>
+#include <memory>
+
+#include <opencv2/imgproc.hpp>
+
+#include "output_files.h"
+
+namespace qvrecon {
+namespace {
+
+const StreamInfo kStreams[] = {
+    {StreamKind::Single, "single", qvapi::STREAM_SINGLE_FREQ, 320, 240, 4u * 320 * 240},
+    {StreamKind::Dual, "dual", qvapi::STREAM_DUAL_FREQ, 640, 480, 16u * 640 * 480},
+    {StreamKind::Binned, "binned", qvapi::STREAM_DUAL_FREQ, 320, 240, 16u * 320 * 240},
+};
+
+// Converts an RGB buffer of the library (new[]-allocated, ours to free) into a BGR image.
+cv::Mat TakeRgb(uint8_t* rgb, int width, int height)
+{
+    std::unique_ptr<uint8_t[]> owned(rgb);
+    cv::Mat bgr;
+    cv::cvtColor(cv::Mat(height, width, CV_8UC3, owned.get()), bgr, cv::COLOR_RGB2BGR);
+    return bgr;
+}
+
+cv::Mat Paint(qvapi::Reconstruction& lib, const cv::Mat& depth16, int minMm, int maxMm)
+{
+    cv::Mat depth = depth16.isContinuous() ? depth16 : depth16.clone();
+    lib.SetCustomDistanceRange(minMm, maxMm);
+    uint8_t* rgb = nullptr;
+    lib.Convert2RGB(&rgb, reinterpret_cast<uint16_t*>(depth.data), depth.cols, depth.rows);
+    if (rgb == nullptr)
+        throw ToolError("cannot colour an empty depth image");
+    return TakeRgb(rgb, depth.cols, depth.rows);
+}
+
+}  // namespace
+
+const StreamInfo& Info(StreamKind kind) { return kStreams[static_cast<int>(kind)]; }
+
+std::optional<StreamKind> StreamForBytes(size_t bytes)
+{
+    for (const StreamInfo& s : kStreams)
+        if (bytes == 2 * s.words)
+            return s.kind;
+    return std::nullopt;
+}
+
+StreamKind ParseStream(const std::string& name)
+{
+    for (const StreamInfo& s : kStreams)
+        if (name == s.name)
+            return s.kind;
+    throw ToolError("unknown stream '" + name + "' (single, dual or binned)");
+}
+
+std::string StreamSizes()
+{
+    std::string out;
+    for (const StreamInfo& s : kStreams)
+        out += (out.empty() ? "" : ", ") + std::string(s.name) + " " + std::to_string(2 * s.words);
+    return out + " bytes";
+}
+
+qvapi::Reconstruction& Configure(const ModuleCalibration& calibration, qvapi::DeviceType device,
+                                 StreamKind stream)
+{
+    qvapi::Reconstruction& lib = *qvapi::Reconstruction::CreateInstance();
+    lib.SetType(device, Info(stream).type);
+    const qvapi::CameraCalibrationParam& working =
+        stream == StreamKind::Single ? calibration.binned : calibration.full;
+    const int32_t status = lib.Init(calibration.binned, working);
+    if (status != qvapi::STATUS_OK)
+        throw ToolError("the library refused the calibration: " + StatusText(status));
+    return lib;
+}
+
+std::string StatusText(int32_t status)
+{
+    switch (status) {
+    case qvapi::STATUS_OK: return "";
+    case qvapi::STATUS_NOT_INITIALIZED: return "the library is not initialised";
+    case qvapi::STATUS_INVALID_ARGUMENT: return "the frame does not fit the calibration's stream";
+    default: return "library status " + std::to_string(status);
+    }
+}
+
+cv::Mat FalseColourWithLegend(qvapi::Reconstruction& lib, const cv::Mat& depth16, int minMm,
+                              int maxMm)
+{
+    const cv::Mat picture = Paint(lib, depth16, minMm, maxMm);
+    uint8_t* bar = nullptr;
+    int entries = 0;
+    lib.GetColorBar(&bar, entries);
+    const cv::Mat legendRgb = TakeRgb(bar, 1, entries);  // near at the top
+
+    const int H = picture.rows, margin = 14, barWidth = 24, textWidth = 92;
+    cv::Mat canvas(H, picture.cols + barWidth + textWidth + 2 * margin, CV_8UC3, cv::Scalar(32, 32, 32));
+    picture.copyTo(canvas(cv::Rect(0, 0, picture.cols, H)));
+    const int barTop = margin, barHeight = H - 2 * margin;
+    cv::Mat scaled;
+    cv::resize(legendRgb, scaled, cv::Size(barWidth, barHeight), 0, 0, cv::INTER_NEAREST);
+    scaled.copyTo(canvas(cv::Rect(picture.cols + margin, barTop, barWidth, barHeight)));
+    const int textX = picture.cols + margin + barWidth + 6;
+    const auto label = [&](const std::string& text, int y) {
+        cv::putText(canvas, text, cv::Point(textX, y), cv::FONT_HERSHEY_SIMPLEX, 0.45,
+                    cv::Scalar(235, 235, 235), 1, cv::LINE_AA);
+    };
+    label(std::to_string(minMm) + " mm", barTop + 12);
+    label(std::to_string((minMm + maxMm) / 2) + " mm", barTop + barHeight / 2 + 4);
+    label(std::to_string(maxMm) + " mm", barTop + barHeight);
+    return canvas;
+}
+
+cv::Mat IrPicture(const std::vector<uint16_t>& ir, int width, int height)
+{
+    cv::Mat out;
+    cv::Mat(height, width, CV_16UC1, const_cast<uint16_t*>(ir.data())).convertTo(out, CV_8UC1);
+    return out;
+}
+
+void WritePointCloud(const std::string& path, const std::vector<float>& cloud)
+{
+    std::string body;
+    size_t count = 0;
+    char line[96];
+    for (size_t i = 0; i + 2 < cloud.size(); i += 3) {
+        if (cloud[i + 2] <= 0.0f)
+            continue;
+        const int n = std::snprintf(line, sizeof line, "%.1f %.1f %.1f\n", cloud[i], cloud[i + 1], cloud[i + 2]);
+        body.append(line, static_cast<size_t>(n));
+        ++count;
+    }
+    const std::string header = "ply\nformat ascii 1.0\ncomment qvrecon point cloud, millimetres\n"
+                               "element vertex " + std::to_string(count) +
+                               "\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
+    const std::string all = header + body;
+    WriteBytes(path, all.data(), all.size());
+}
+
+cv::Mat Overlay(qvapi::Reconstruction& lib, const cv::Mat& colourBgr, const cv::Mat& registered16,
+                int minMm, int maxMm)
+{
+    const cv::Mat painted = Paint(lib, registered16, minMm, maxMm);
+    cv::Mat out = colourBgr.clone();
+    cv::Mat blended;
+    cv::addWeighted(colourBgr, 0.4, painted, 0.6, 0.0, blended);
+    blended.copyTo(out, registered16 > 9);
+    return out;
+}
+
+}  // namespace qvrecon

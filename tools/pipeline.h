@@ -1,0 +1,64 @@
+// What the sub-commands share: stream kinds, the configured library instance, and
+// the pictures and files made from its results.
+#ifndef QVRECON_PIPELINE_H
+#define QVRECON_PIPELINE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <qvreconstruction/reconstruction.h>
+
+#include "calibration_file.h"
+
+namespace qvrecon {
+
+// The three kinds of raw capture the sensor delivers.
+enum class StreamKind { Single, Dual, Binned };
+
+struct StreamInfo {
+    StreamKind kind;
+    const char* name;         // as on the command line
+    qvapi::StreamType type;   // for SetType
+    int width, height;        // depth image
+    size_t words;             // 16-bit words of one capture
+};
+
+const StreamInfo& Info(StreamKind kind);
+// The stream whose capture has this many bytes, if any.
+std::optional<StreamKind> StreamForBytes(size_t bytes);
+// "single", "dual" or "binned".
+StreamKind ParseStream(const std::string& name);
+// "single 614400, binned 2457600, dual 9830400 bytes": for messages.
+std::string StreamSizes();
+
+// The library's one instance, configured for a module, a device and a stream. The
+// reduced stream is initialised with the binned record as its working record (its
+// tables are 320 x 240); the full stream with the binned and full records.
+qvapi::Reconstruction& Configure(const ModuleCalibration& calibration, qvapi::DeviceType device,
+                                 StreamKind stream);
+
+// A library status as a message ("" for success).
+std::string StatusText(int32_t status);
+
+// False-colour picture of a depth image (BGR) with the colour-bar legend beside it and
+// the distance range written on it.
+cv::Mat FalseColourWithLegend(qvapi::Reconstruction& lib, const cv::Mat& depth16, int minMm,
+                              int maxMm);
+
+// 8-bit picture of an IR image (values 0..255 in 16 bits).
+cv::Mat IrPicture(const std::vector<uint16_t>& ir, int width, int height);
+
+// Writes the points with a depth as an ASCII PLY file (millimetres, float coordinates).
+void WritePointCloud(const std::string& path, const std::vector<float>& cloud);
+
+// Registered depth in false colour laid over the colour image where there is depth.
+cv::Mat Overlay(qvapi::Reconstruction& lib, const cv::Mat& colourBgr, const cv::Mat& registered16,
+                int minMm, int maxMm);
+
+}  // namespace qvrecon
+
+#endif

@@ -1,0 +1,380 @@
+// qvrecon: time-of-flight captures to depth, IR, point clouds and registered colour,
+// without writing code. Sub-commands: simulate, depth, register, info, demo.
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include "calibration_file.h"
+#include "demo.h"
+#include "output_files.h"
+#include "pipeline.h"
+#include "simulator.h"
+
+namespace fs = std::filesystem;
+using namespace qvrecon;
+
+namespace {
+
+struct Common {
+    std::string out;
+    std::string calib;  // empty: the built-in sample module
+    int device = 0;
+};
+
+void AddCommon(CLI::App* cmd, Common& c, const std::string& defaultOut, bool writes = true)
+{
+    if (writes)
+        cmd->add_option("--out", c.out, "Output folder, created if missing")->default_val(defaultOut);
+    cmd->add_option("--calib", c.calib, "Calibration file (YAML or JSON); the sample module if omitted");
+    cmd->add_option("--device", c.device, "Device type: 1, 4, or 0 for the general module")->default_val(0);
+}
+
+ModuleCalibration LoadCalibration(const Common& c)
+{
+    return c.calib.empty() ? SampleModule() : ReadCalibration(c.calib);
+}
+
+std::string In(const std::string& folder, const std::string& name) { return (fs::path(folder) / name).string(); }
+
+cv::Mat DepthMat(uint16_t* depth, int width, int height)
+{
+    return cv::Mat(height, width, CV_16UC1, depth).clone();
+}
+
+// ---------------------------------------------------------------- simulate
+
+struct SimulateArgs {
+    Common common;
+    std::string scene = "boxes", stream = "dual";
+    double distance = 2000, tilt = 35, temperature = 25, noise = 0;
+    int flip = 0;
+    unsigned seed = 1;
+    bool bright = false, dark = false;
+};
+
+qvsim::SceneKind ParseScene(const std::string& s)
+{
+    if (s == "wall") return qvsim::SceneKind::Wall;
+    if (s == "plane") return qvsim::SceneKind::TiltedPlane;
+    if (s == "boxes") return qvsim::SceneKind::Boxes;
+    if (s == "sphere") return qvsim::SceneKind::Sphere;
+    throw ToolError("unknown scene '" + s + "' (wall, plane, boxes or sphere)");
+}
+
+int RunSimulate(const SimulateArgs& a)
+{
+    const ModuleCalibration cal = LoadCalibration(a.common);
+    const StreamKind kind = ParseStream(a.stream);
+    qvsim::SceneSpec scene;
+    scene.kind = ParseScene(a.scene);
+    scene.distanceMm = a.distance;
+    scene.tiltDeg = a.tilt;
+    scene.brightPatch = a.bright;
+    scene.darkPatch = a.dark;
+    qvsim::CaptureSpec setup;
+    setup.device = static_cast<qvapi::DeviceType>(a.common.device);
+    setup.stream = Info(kind).type;
+    setup.binned = kind == StreamKind::Binned;
+    setup.flip = static_cast<qvapi::FlipMode>(a.flip);
+    setup.temperatureC = a.temperature;
+    setup.noiseSigma = a.noise;
+    setup.seed = a.seed;
+    EnsureFolder(a.common.out);
+
+    const qvsim::Capture cap =
+        qvsim::SimulateCapture(kind == StreamKind::Single ? cal.binned : cal.full, scene, setup);
+    WriteBytes(In(a.common.out, "capture.raw"), cap.raw.data(), cap.raw.size() * 2);
+    cv::Mat truth(cap.height, cap.width, CV_16UC1);
+    for (size_t i = 0; i < cap.truthZ.size(); ++i)
+        truth.at<uint16_t>(static_cast<int>(i)) = static_cast<uint16_t>(std::lround(std::min(cap.truthZ[i], 65535.0f)));
+    WritePng(In(a.common.out, "truth_depth.png"), truth);
+    WriteCalibration(In(a.common.out, "calibration.yaml"), cal);
+    if (cal.full.rgbLens.fx != 0.0f) {
+        const qvsim::ColourFrame colour = qvsim::RenderColour(cal.full, scene);
+        WriteBytes(In(a.common.out, "colour.nv12"), colour.nv12.data(), colour.nv12.size());
+    }
+    std::printf("simulated a %s capture (%dx%d) of %s at %.0f mm into %s\n", Info(kind).name, cap.width,
+                cap.height, a.scene.c_str(), a.distance, a.common.out.c_str());
+    return 0;
+}
+
+// ---------------------------------------------------------------- depth
+
+struct DepthArgs {
+    Common common;
+    std::vector<std::string> captures;
+    std::string stream = "auto", filter = "on";
+    int flip = 0;
+    std::vector<int> range = {300, 4500};
+    std::vector<std::string> outputs = {"depth", "colour", "ir", "ply"};
+};
+
+// Progress on a terminal as a bar, elsewhere as plain lines.
+class Progress {
+public:
+    explicit Progress(size_t total) : total_(total), tty_(isatty(fileno(stderr)) != 0) {}
+    void Step(size_t done, const std::string& name, double fps)
+    {
+        if (tty_) {
+            const int width = 30, filled = static_cast<int>(width * done / total_);
+            std::fprintf(stderr, "\r[%s%s] %zu/%zu %6.1f fps  %-32.32s", std::string(filled, '#').c_str(),
+                         std::string(width - filled, '.').c_str(), done, total_, fps, name.c_str());
+            if (done == total_)
+                std::fprintf(stderr, "\n");
+        } else {
+            std::fprintf(stderr, "%zu/%zu %s %.1f fps\n", done, total_, name.c_str(), fps);
+        }
+    }
+
+private:
+    size_t total_;
+    bool tty_;
+};
+
+int RunDepth(const DepthArgs& a)
+{
+    const ModuleCalibration cal = LoadCalibration(a.common);
+    const bool filter = a.filter == "on";
+    if (!filter && a.filter != "off")
+        throw ToolError("--filter takes on or off");
+    if (a.range.size() != 2 || a.range[0] >= a.range[1])
+        throw ToolError("--range takes two distances in mm, the smaller first");
+    for (const std::string& o : a.outputs)
+        if (o != "depth" && o != "colour" && o != "ir" && o != "ply")
+            throw ToolError("unknown output '" + o + "' (depth, colour, ir, ply)");
+    const auto wants = [&](const char* o) { return std::find(a.outputs.begin(), a.outputs.end(), o) != a.outputs.end(); };
+
+    // Every input is checked before anything is written.
+    std::vector<StreamKind> kinds;
+    for (const std::string& path : a.captures) {
+        std::error_code ec;
+        const auto bytes = fs::file_size(path, ec);
+        if (ec)
+            throw ToolError(path + ": cannot read (" + ec.message() + ")");
+        const std::optional<StreamKind> found = StreamForBytes(bytes);
+        if (a.stream == "auto") {
+            if (!found)
+                throw ToolError(path + ": " + std::to_string(bytes) + " bytes fit no stream (" + StreamSizes() + ")");
+            kinds.push_back(*found);
+        } else {
+            const StreamKind k = ParseStream(a.stream);
+            if (bytes != 2 * Info(k).words)
+                throw ToolError(path + ": " + std::to_string(bytes) + " bytes, a " + a.stream + " capture has " +
+                                std::to_string(2 * Info(k).words));
+            kinds.push_back(k);
+        }
+    }
+    EnsureFolder(a.common.out);
+
+    Progress progress(a.captures.size());
+    const auto start = std::chrono::steady_clock::now();
+    std::optional<StreamKind> configured;
+    qvapi::Reconstruction* lib = nullptr;
+    size_t validPixels = 0, pixels = 0;
+    for (size_t n = 0; n < a.captures.size(); ++n) {
+        const StreamInfo& s = Info(kinds[n]);
+        if (configured != kinds[n]) {
+            lib = &Configure(cal, static_cast<qvapi::DeviceType>(a.common.device), kinds[n]);
+            configured = kinds[n];
+        }
+        lib->OpenFilter(filter);
+        lib->SetFlipMode(static_cast<qvapi::FlipMode>(a.flip));
+        const std::vector<uint8_t> bytes = ReadFile(a.captures[n]);
+        if (bytes.size() != 2 * s.words)
+            throw ToolError(a.captures[n] + ": changed size while reading");
+        std::vector<uint16_t> raw(s.words);
+        std::memcpy(raw.data(), bytes.data(), bytes.size());
+
+        uint16_t* out = nullptr;
+        const int32_t status = lib->CalculateDepth(raw.data(), &out, s.width, s.height);
+        if (status != qvapi::STATUS_OK)
+            throw ToolError(a.captures[n] + ": " + StatusText(status));
+        const cv::Mat depth = DepthMat(out, s.width, s.height);
+        delete[] out;
+        validPixels += static_cast<size_t>(cv::countNonZero(depth > 1));
+        pixels += depth.total();
+
+        const std::string stem = In(a.common.out, fs::path(a.captures[n]).stem().string());
+        if (wants("depth"))
+            WritePng(stem + "_depth.png", depth);
+        if (wants("colour"))
+            WritePng(stem + "_colour.png", FalseColourWithLegend(*lib, depth, a.range[0], a.range[1]));
+        if (wants("ir")) {
+            std::vector<uint16_t> ir(static_cast<size_t>(s.width) * s.height);
+            lib->GetIR(raw.data(), ir.data(), s.width, s.height);
+            WritePng(stem + "_ir.png", IrPicture(ir, s.width, s.height));
+        }
+        if (wants("ply")) {
+            std::vector<float> cloud(3 * static_cast<size_t>(s.width) * s.height);
+            const int32_t st = lib->GetCloudPoint(reinterpret_cast<const uint16_t*>(depth.data), cloud.data(),
+                                                  s.width, s.height);
+            if (st != qvapi::STATUS_OK)
+                throw ToolError(a.captures[n] + ": " + StatusText(st));
+            WritePointCloud(stem + ".ply", cloud);
+        }
+        const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        progress.Step(n + 1, fs::path(a.captures[n]).filename().string(), (n + 1) / std::max(seconds, 1e-9));
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("%zu capture%s in %.2f s (%.1f per second), %.1f%% of pixels with depth; outputs in %s\n",
+                a.captures.size(), a.captures.size() == 1 ? "" : "s", seconds, a.captures.size() / std::max(seconds, 1e-9),
+                pixels ? 100.0 * validPixels / pixels : 0.0, a.common.out.c_str());
+    return 0;
+}
+
+// ---------------------------------------------------------------- register
+
+struct RegisterArgs {
+    Common common;
+    std::string depth, nv12;
+    std::vector<int> range = {300, 4500};
+};
+
+int RunRegister(const RegisterArgs& a)
+{
+    const ModuleCalibration cal = LoadCalibration(a.common);
+    if (a.range.size() != 2 || a.range[0] >= a.range[1])
+        throw ToolError("--range takes two distances in mm, the smaller first");
+    ReadFile(a.depth);  // a clear message for a missing file
+    const cv::Mat depth = cv::imread(a.depth, cv::IMREAD_UNCHANGED);
+    if (depth.empty() || depth.type() != CV_16UC1 || depth.cols != 640 || depth.rows != 480)
+        throw ToolError(a.depth + ": expected a 16-bit 640x480 depth PNG");
+    std::vector<uint8_t> nv12 = ReadFile(a.nv12);
+    if (nv12.size() != 1920u * 1080u * 3u / 2u)
+        throw ToolError(a.nv12 + ": " + std::to_string(nv12.size()) + " bytes, an NV12 1920x1080 frame has " +
+                        std::to_string(1920 * 1080 * 3 / 2));
+    if (cal.full.rgbLens.fx == 0.0f)
+        std::fprintf(stderr, "qvrecon: the calibration has no colour lens; the factory geometry is used\n");
+    EnsureFolder(a.common.out);
+
+    qvapi::Reconstruction& lib = Configure(cal, static_cast<qvapi::DeviceType>(a.common.device), StreamKind::Dual);
+    uint16_t* d = new uint16_t[640 * 480];
+    std::memcpy(d, depth.data, 640 * 480 * 2);
+    uint8_t* colour = nullptr;
+    int w = 0, h = 0;
+    const int32_t status = lib.MapDepthToRGB(&colour, &d, nv12.data(), 1920, 1080, w, h);
+    if (status != qvapi::STATUS_OK) {
+        delete[] d;
+        throw ToolError("registration failed: " + StatusText(status));
+    }
+    const cv::Mat registered = DepthMat(d, w, h);
+    const cv::Mat bgr = cv::Mat(h, w, CV_8UC3, colour).clone();
+    delete[] d;
+    delete[] colour;
+    WritePng(In(a.common.out, "registered_depth.png"), registered);
+    WritePng(In(a.common.out, "colour.png"), bgr);
+    WritePng(In(a.common.out, "overlay.png"), Overlay(lib, bgr, registered, a.range[0], a.range[1]));
+    std::printf("registered %s onto %s: %d of %d colour pixels with depth; outputs in %s\n", a.depth.c_str(),
+                a.nv12.c_str(), cv::countNonZero(registered), w * h, a.common.out.c_str());
+    return 0;
+}
+
+// ---------------------------------------------------------------- info
+
+void PrintLens(const char* name, const qvapi::Intrinsics& l)
+{
+    std::printf("    %-6s %4dx%-4d fx %8.2f fy %8.2f cx %7.2f cy %7.2f  k1 %+.4f k2 %+.4f p1 %+.5f p2 %+.5f k3 %+.4f\n",
+                name, l.width, l.height, l.fx, l.fy, l.cx, l.cy, l.k1, l.k2, l.p1, l.p2, l.k3);
+}
+
+int RunInfo(const Common& c)
+{
+    const ModuleCalibration cal = LoadCalibration(c);
+    std::string version;
+    qvapi::Reconstruction::CreateInstance()->GetAlgorithmVersion(version);
+    std::printf("qvreconstruction %s\n", version.c_str());
+    std::printf("calibration: %s\n", c.calib.empty() ? "built-in sample module" : c.calib.c_str());
+    for (const auto* rec : {&cal.binned, &cal.full}) {
+        std::printf("  %s record \"%s\"\n", rec == &cal.binned ? "binned" : "full", rec->label.c_str());
+        PrintLens("depth", rec->depthLens);
+        PrintLens("colour", rec->rgbLens);
+        std::printf("    offsets %.3f / %.3f, wiggling tables %d / %d entries, registration values %d\n",
+                    rec->depthOffsetF1, rec->depthOffsetF2, rec->tableCountF1, rec->tableCountF2, rec->vectorCount);
+    }
+    // The constants Init derives from the full record.
+    const qvapi::CameraCalibrationParam& p = cal.full;
+    const float offset1 = std::fabs(p.depthOffsetF1) < 100 ? p.depthOffsetF1 * 1000 : p.depthOffsetF1;
+    std::printf("derived, full stream (640x480):   80 MHz range 1875 mm, 100 MHz range 1500 mm, combined 7500 mm\n");
+    std::printf("derived, reduced stream (320x240): 40 MHz range 3750 mm\n");
+    std::printf("offsets: first frequency %.1f mm%s, second %.1f mm\n", offset1,
+                std::fabs(p.depthOffsetF1) < 100 ? " (given in metres)" : "", p.depthOffsetF2);
+    std::printf("binning: %d (depth lens %d wide); wiggling steps %.2f / %.2f\n", p.depthLens.width == 320 ? 2 : 1,
+                p.depthLens.width, p.tableCountF1 > 20 ? 0.02 : 0.01, p.tableCountF2 > 20 ? 0.02 : 0.01);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app{"qvrecon: time-of-flight captures to depth, IR, point clouds and registered colour"};
+    app.require_subcommand(1);
+
+    SimulateArgs sim;
+    CLI::App* simulate = app.add_subcommand("simulate", "Write a simulated capture of a built-in scene");
+    AddCommon(simulate, sim.common, "capture");
+    simulate->add_option("--scene", sim.scene, "wall, plane, boxes or sphere")->default_val("boxes");
+    simulate->add_option("--distance", sim.distance, "Scene distance, mm")->default_val(2000);
+    simulate->add_option("--tilt", sim.tilt, "Tilt of the plane scene, degrees")->default_val(35);
+    simulate->add_option("--stream", sim.stream, "single, dual or binned")->default_val("dual");
+    simulate->add_option("--flip", sim.flip, "Flip mode 0-3")->default_val(0)->check(CLI::Range(0, 3));
+    simulate->add_option("--temperature", sim.temperature, "Sensor temperature, degrees C")->default_val(25);
+    simulate->add_option("--noise", sim.noise, "Noise per sample, sample units")->default_val(0);
+    simulate->add_option("--seed", sim.seed, "Noise seed")->default_val(1);
+    simulate->add_flag("--bright", sim.bright, "Add a patch that saturates the sensor");
+    simulate->add_flag("--dark", sim.dark, "Add a patch that returns no light");
+
+    DepthArgs dep;
+    CLI::App* depth = app.add_subcommand("depth", "Raw captures to depth, false colour, IR and point clouds");
+    AddCommon(depth, dep.common, "depth");
+    depth->add_option("captures", dep.captures, "Raw capture files")->required();
+    depth->add_option("--stream", dep.stream, "auto (from the file size), single, dual or binned")->default_val("auto");
+    depth->add_option("--filter", dep.filter, "Median and edge filter: on or off")->default_val("on");
+    depth->add_option("--flip", dep.flip, "Flip mode 0-3")->default_val(0)->check(CLI::Range(0, 3));
+    depth->add_option("--range", dep.range, "Distance range of the false colour, mm")->expected(2)->default_str("300 4500");
+    depth->add_option("--outputs", dep.outputs, "Outputs to write: depth colour ir ply")->default_str("depth colour ir ply");
+
+    RegisterArgs reg;
+    CLI::App* registerCmd = app.add_subcommand("register", "Register a depth image onto an NV12 colour frame");
+    AddCommon(registerCmd, reg.common, "registered");
+    registerCmd->add_option("depth", reg.depth, "16-bit 640x480 depth PNG")->required();
+    registerCmd->add_option("nv12", reg.nv12, "1920x1080 NV12 colour frame")->required();
+    registerCmd->add_option("--range", reg.range, "Distance range of the overlay colours, mm")->expected(2)->default_str("300 4500");
+
+    Common infoArgs;
+    CLI::App* info = app.add_subcommand("info", "Library version, calibration summary and derived constants");
+    AddCommon(info, infoArgs, "", false);
+
+    DemoArgs demoArgs;
+    CLI::App* demo = app.add_subcommand("demo", "Simulate a scene and run the whole pipeline on it");
+    demo->add_option("--out", demoArgs.out, "Output folder, created if missing")->default_val("qvrecon-demo");
+    demo->add_option("--calib", demoArgs.calib, "Calibration file; the sample module if omitted");
+
+    CLI11_PARSE(app, argc, argv);
+    try {
+        if (*simulate)
+            return RunSimulate(sim);
+        if (*depth)
+            return RunDepth(dep);
+        if (*registerCmd)
+            return RunRegister(reg);
+        if (*info)
+            return RunInfo(infoArgs);
+        if (*demo)
+            return RunDemo(demoArgs);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "qvrecon: %s\n", e.what());
+        return 1;
+    }
+    return 1;
+}
