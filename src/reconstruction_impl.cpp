@@ -13,6 +13,7 @@
 #include "calibration/undistort.h"
 #include "depth/dual_freq.h"
 #include "depth/edge_filter.h"
+#include "depth/fast/depth_fast.h"
 #include "depth/ir.h"
 #include "depth/single_freq.h"
 #include "depth/point_cloud.h"
@@ -346,7 +347,10 @@ void ReconstructionImpl::FilterDepth(uint16_t* depth, int width, int height)
     cv::Mat median(height, width, CV_16UC1, cv::Scalar(0));
     cv::medianBlur(view, median, 3);
     median.copyTo(view);
-    EdgeFilter(depth, width, height);
+    if (FastPathsEnabled())
+        EdgeFilterFast(depth, width, height);
+    else
+        EdgeFilter(depth, width, height);
 }
 
 int32_t ReconstructionImpl::DoubleFreqDepth(const uint16_t* frame1, const uint16_t* /*frame2*/,
@@ -376,8 +380,11 @@ int ReconstructionImpl::GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth,
     const SingleFreqParams params{f.phaseToMm,  f.depthOffset, f.rangeMm,
                                   f.tableStep,  f.tableCount,  f.table,
                                   m_amplitudeThreshold, m_deviceType != DEVICE_TYPE_4};
-    SingleFreqDepth(raw, depth, width, height, m_width, params, m_fppnOffset.get(),
-                    m_radialToZ.get());
+    if (FastPathsEnabled() && FastSingleFreqApplies(params, width, m_width))
+        SingleFreqDepthFast(raw, depth, width, height, params, m_fppnOffset.get(), m_radialToZ.get());
+    else
+        SingleFreqDepth(raw, depth, width, height, m_width, params, m_fppnOffset.get(),
+                        m_radialToZ.get());
     return 0;
 }
 
@@ -411,8 +418,12 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
                                 m_deviceType != DEVICE_TYPE_4,  m_flipMode,
                                 m_binning};
     DualFreqLast last{m_lastDistance1, m_lastDistance2};
-    DualFreqDepth(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
-                  m_radialToZ.get(), last);
+    if (FastPathsEnabled() && FastDualFreqApplies(params, width))
+        DualFreqDepthFast(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
+                          m_radialToZ.get(), last);
+    else
+        DualFreqDepth(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
+                      m_radialToZ.get(), last);
     m_lastDistance1 = last.distance1;
     m_lastDistance2 = last.distance2;
     return STATUS_OK;

@@ -1,0 +1,401 @@
+// Vectorisable depth kernels. This file is compiled once per instruction set, each time
+// into its own namespace QV_KERNEL_NS; depth_fast_dispatch.cpp chooses between them.
+//
+// Every loop here is branch-free (selects instead of jumps), calls no library
+// function and allocates nothing, so that the compiler turns it into vector code. The
+// arithmetic follows the scalar kernels step by step; the differences are the
+// polynomial arctangent, single precision where the scalar kernels round through
+// double, and the amplitude test done on integer energies (exact).
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "depth/dual_freq.h"
+#include "depth/single_freq.h"
+
+#ifndef QV_KERNEL_NS
+#error "QV_KERNEL_NS names the instruction set this file is compiled for"
+#endif
+
+namespace qvapi {
+namespace QV_KERNEL_NS {
+namespace {
+
+constexpr float kPi = 3.14159265358979f;
+constexpr float kHalfPi = 1.57079632679490f;
+constexpr float kQuarterPi = 0.78539816339745f;
+
+// atan2 within about 1e-7 rad: atan on [0, 1], reduced to |u| <= tan(pi/8) by
+// atan(t) = pi/4 + atan((t - 1) / (t + 1)) above tan(pi/8), where a degree-17 odd
+// polynomial (Abramowitz and Stegun 4.4.49) is far below float resolution; then folded
+// into the four quadrants. Exact for the common exact cases: atan2(0, 0) = 0,
+// atan2(0, x < 0) = pi (integer differences give +0), and |y| = |x| (pi/4 multiples).
+inline float Atan2(float y, float x)
+{
+    const float ax = std::fabs(x), ay = std::fabs(y);
+    const float hi = ax > ay ? ax : ay;
+    const float lo = ax > ay ? ay : ax;
+    const float t = lo / std::max(hi, 1.0e-30f);  // 0 / 0 would be NaN; lo is 0 then
+    const bool reduce = t > 0.41421356f;
+    const float u = reduce ? (t - 1.0f) / (t + 1.0f) : t;
+    const float s = u * u;
+    float p = 0.0028662257f;
+    p = p * s - 0.0161657367f;
+    p = p * s + 0.0429096138f;
+    p = p * s - 0.0752896400f;
+    p = p * s + 0.1065626393f;
+    p = p * s - 0.1420889944f;
+    p = p * s + 0.1999355085f;
+    p = p * s - 0.3333314528f;
+    const float atanU = u + u * s * p;
+    float a = reduce ? kQuarterPi + atanU : atanU;
+    a = ay > ax ? kHalfPi - a : a;
+    a = x < 0.0f ? kPi - a : a;
+    return y < 0.0f ? -a : a;
+}
+
+inline float Wrap(float d, float range)
+{
+    d = d < 0.0f ? d + range : d;
+    return d > range ? d - range : d;
+}
+
+// Truncation toward zero of a value kept within +-2^30 (NaN gives 0), as float.
+inline float Trunc(float v)
+{
+    v = v > -1.0e9f ? v : -1.0e9f;  // NaN takes this side
+    v = v < 1.0e9f ? v : 1.0e9f;
+    return static_cast<float>(static_cast<int32_t>(v));
+}
+
+// Low 16 bits of the truncation toward zero; 0 for NaN and beyond the int32 range.
+inline int32_t TruncLow16(float v)
+{
+    const bool inRange = (v > -2.1e9f) & (v < 2.1e9f);
+    return static_cast<int32_t>(inRange ? v : 0.0f) & 0xFFFF;
+}
+
+// Wiggling look-up at x = step * d: an index beyond `count` folds back by count - 1
+// (pass INT32_MAX for no folding); indices are kept inside the 256-entry table.
+inline float Wiggling(const float* table, float step, float d, int32_t count)
+{
+    float x = step * d;
+    x = x > 0.0f ? x : 0.0f;  // NaN too
+    x = x < 1.0e6f ? x : 1.0e6f;
+    int32_t k0 = static_cast<int32_t>(x);
+    const float f = x - static_cast<float>(k0);
+    int32_t k1 = k0 + (f > 0.0f);
+    k0 -= (k0 > count) * (count - 1);
+    k1 -= (k1 > count) * (count - 1);
+    k0 = std::min(std::max(k0, 0), 255);
+    k1 = std::min(std::max(k1, 0), 255);
+    return (1.0f - f) * table[k0] + f * table[k1];
+}
+
+struct DualRowArgs {
+    const uint16_t* raw;
+    size_t plane;  // words per plane
+    int width, height;
+    const DualFreqParams* p;
+    const float *fppn1, *fppn2, *radialToZ;
+    float minEnergy;
+    float off1, off2, range1, range2, rangeC, ratio1, ratio2, invR1, invR2;
+    int32_t R1, R2;
+};
+
+// Scratch of one row: the samples' sums and differences, then the calibration values
+// of the row's pixels, each as a contiguous array the next loop streams through.
+struct DualRowScratch {
+    float *i1, *q1, *e1, *i2, *q2, *e2;  // phase vectors and amplitude energies
+    int32_t* saturated;                   // 1: first frequency, 2: second
+    float *fppn1, *fppn2, *rays;          // calibration at the flipped, binned position
+};
+
+// 1. Samples to phase vectors, energies and saturation (1: first frequency, 2: second).
+template <int kA, int kB, int kC, int kD>
+void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
+                const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
+                float* __restrict i1, float* __restrict qq1, float* __restrict e1,
+                float* __restrict i2, float* __restrict qq2, float* __restrict e2,
+                int32_t* __restrict sat)
+{
+    for (int c = 0; c < W; ++c) {
+        const size_t w0 = 2 * static_cast<size_t>(c);
+        const size_t words[4] = {w0, w0 + 1, half + w0, half + w0 + 1};
+        const int32_t A2 = q2[words[kA]], B2 = q2[words[kB]], C2 = q2[words[kC]], D2 = q2[words[kD]];
+        const int32_t A3 = q3[words[kA]], B3 = q3[words[kB]], C3 = q3[words[kC]], D3 = q3[words[kD]];
+        const int32_t A0 = q0[words[kA]], B0 = q0[words[kB]], C0 = q0[words[kC]], D0 = q0[words[kD]];
+        const int32_t A1 = q1[words[kA]], B1 = q1[words[kB]], C1 = q1[words[kC]], D1 = q1[words[kD]];
+        const bool sat1 = (A2 == 1023) | (B2 == 1023) | (C2 == 1023) | (D2 == 1023);
+        const bool sat2 = (A0 == 1023) | (B0 == 1023) | (C0 == 1023) | (D0 == 1023);
+        // Energies in float are exact below 2^24, and on the right side of the
+        // threshold above it (the threshold's energy is below 2^24).
+        const float ex1 = static_cast<float>(B3 - D3), ey1 = static_cast<float>(A3 - C3);
+        const float ex2 = static_cast<float>(B0 - D0), ey2 = static_cast<float>(A0 - C0);
+        e1[c] = ex1 * ex1 + ey1 * ey1;
+        e2[c] = ex2 * ex2 + ey2 * ey2;
+        i1[c] = static_cast<float>((A2 - A3) - (C2 - C3));
+        qq1[c] = static_cast<float>((B2 - B3) - (D2 - D3));
+        i2[c] = static_cast<float>((A0 - A1) - (C0 - C1));
+        qq2[c] = static_cast<float>((B0 - B1) - (D0 - D1));
+        sat[c] = sat1 + 2 * sat2;
+    }
+}
+
+// 2. The row's calibration at the flipped, binned positions, contiguous.
+template <int Step>
+void RowCalibration(const float* __restrict f1, const float* __restrict f2,
+                    const float* __restrict rz, int W, float* __restrict o1,
+                    float* __restrict o2, float* __restrict orz)
+{
+    for (int c = 0; c < W; ++c) {
+        o1[c] = Trunc(f1[Step * c]);
+        o2[c] = Trunc(f2[Step * c]);
+        orz[c] = rz[Step * c];
+    }
+}
+
+// 3. One frequency's corrected wrapped distance from its phase vector: both corrections
+// by their integer parts, the wiggling index not folded (foldCount INT32_MAX). The
+// count stays a run-time value (no inter-procedural constant propagation): folded
+// away, the look-up's two addresses become a choice the vectoriser cannot gather.
+#if defined(__GNUC__) && !defined(__clang__)
+__attribute__((noipa))
+#endif
+void RowDistance(const float* __restrict iv, const float* __restrict qv,
+                 const float* __restrict fppnTrunc, const float* __restrict table,
+                 float phaseToMm, float offset, float range, float step, int32_t foldCount,
+                 int W, float* __restrict dOut)
+{
+    for (int c = 0; c < W; ++c) {
+        const float d = Wrap(Atan2(qv[c], iv[c]) * phaseToMm + offset, range);
+        dOut[c] = Wrap(d + fppnTrunc[c] - Trunc(Wiggling(table, step, d, foldCount)), range);
+    }
+}
+
+struct UnwrapConstants {
+    float minEnergy, rangeC, ratio1, ratio2, invR1, invR2;
+    int32_t R1, R2;
+};
+
+// 4. Unwrapping into the combined range, the consistency of the two distances, the
+// depth or its marks, and how far each pixel got (1: the first frequency's distance,
+// 2: both) for the last-distance members.
+void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s,
+               const float* __restrict d2s, const float* __restrict e1,
+               const float* __restrict e2, const int32_t* __restrict sat,
+               const float* __restrict rays, int W, uint16_t* __restrict out,
+               int32_t* __restrict reachOut)
+{
+    for (int c = 0; c < W; ++c) {
+        const float d1 = d1s[c], d2 = d2s[c];
+        const float e = Wrap(k.ratio1 * d1 - k.ratio2 * d2, k.rangeC);
+        float kf2 = (e - d2) * k.invR2 + 0.5f;
+        float kf1 = (e - d1) * k.invR1 + 0.5f;
+        kf2 = kf2 > -1.0e6f ? kf2 : -1.0e6f;  // NaN too
+        kf2 = kf2 < 1.0e6f ? kf2 : 1.0e6f;
+        kf1 = kf1 > -1.0e6f ? kf1 : -1.0e6f;
+        kf1 = kf1 < 1.0e6f ? kf1 : 1.0e6f;
+        const int32_t k2 = static_cast<int32_t>(kf2), k1 = static_cast<int32_t>(kf1);
+        float D1 = d1 + static_cast<float>(k1 * k.R1);
+        const float D2 = d2 + static_cast<float>(k2 * k.R2);
+        const float z = rays[c] * 0.5f * (D1 + D2);
+        D1 = z < 0.0f ? D1 + k.rangeC : D1;
+        const float disagreement = z > k.rangeC ? D1 - k.rangeC - D2 : D1 - D2;
+        const bool keep = (std::fabs(disagreement) <= 200.0f) & (d1 != 0.0f) & (d2 != 0.0f);
+
+        // 1 for saturation (the first frequency tested first), the depth for a pixel
+        // strong and consistent at both frequencies, 0 otherwise: the two cases exclude
+        // each other, so the sum selects.
+        // Integers rather than bools throughout: the vectoriser handles no 1-bit lanes.
+        const int32_t sat1 = sat[c] & 1, sat2 = (sat[c] >> 1) & 1;
+        const int32_t strong1 = e1[c] >= k.minEnergy ? 1 : 0;
+        const int32_t strong2 = e2[c] >= k.minEnergy ? 1 : 0;
+        const int32_t reach1 = (1 - sat1) & strong1;
+        const int32_t reach2 = reach1 & (1 - sat2) & strong2;
+        const int32_t mark = sat1 | (reach1 & sat2);
+        out[c] = static_cast<uint16_t>(mark + (reach2 & (keep ? 1 : 0)) * TruncLow16(z));
+        reachOut[c] = reach1 + reach2;
+    }
+}
+
+template <int Flip, int Binning>
+void DualRow(const DualRowArgs& a, int r, const DualRowScratch& s, uint16_t* out, float* d1s,
+             float* d2s, int32_t* reached)
+{
+    // Sample roles A, B, C, D as word indices S0..S3 of the flip mode.
+    constexpr int kA = Flip == 0 ? 0 : Flip == 1 ? 2 : Flip == 2 ? 1 : 3;
+    constexpr int kB = Flip == 0 ? 2 : Flip == 1 ? 0 : Flip == 2 ? 3 : 1;
+    constexpr int kC = Flip == 0 ? 3 : Flip == 1 ? 1 : Flip == 2 ? 2 : 0;
+    constexpr int kD = Flip == 0 ? 1 : Flip == 1 ? 3 : Flip == 2 ? 0 : 2;
+    constexpr bool kMirrorRows = Flip == 1 || Flip == 3;
+    constexpr bool kMirrorCols = Flip == 2 || Flip == 3;
+    const int W = a.width;
+    const DualFreqParams& p = *a.p;
+
+    const uint16_t* q0 = a.raw + 4 * static_cast<size_t>(W) * r;
+    RowSamples<kA, kB, kC, kD>(q0, q0 + a.plane, q0 + 2 * a.plane, q0 + 3 * a.plane,
+                               2 * static_cast<size_t>(W), W, s.i1, s.q1, s.e1, s.i2, s.q2, s.e2,
+                               s.saturated);
+
+    const size_t calRow = static_cast<size_t>(kMirrorRows ? a.height - 1 - r : r);
+    const size_t first = calRow * W * Binning * Binning +
+                         (kMirrorCols ? static_cast<size_t>(W - 1) * Binning : 0);
+    RowCalibration<kMirrorCols ? -Binning : Binning>(a.fppn1 + first, a.fppn2 + first,
+                                                      a.radialToZ + first, W, s.fppn1, s.fppn2,
+                                                      s.rays);
+
+    RowDistance(s.i1, s.q1, s.fppn1, p.table1, p.phaseToMm1, a.off1, a.range1, p.tableStep2,
+                INT32_MAX, W, d1s);
+    RowDistance(s.i2, s.q2, s.fppn2, p.table2, p.phaseToMm2, a.off2, a.range2, p.tableStep2,
+                INT32_MAX, W, d2s);
+    const UnwrapConstants k{a.minEnergy, a.rangeC, a.ratio1, a.ratio2, a.invR1, a.invR2, a.R1, a.R2};
+    RowUnwrap(k, d1s, d2s, s.e1, s.e2, s.saturated, s.rays, W, out, reached);
+}
+
+using DualRowFn = void (*)(const DualRowArgs&, int, const DualRowScratch&, uint16_t*, float*, float*,
+                           int32_t*);
+
+template <int Binning>
+DualRowFn DualRowFor(int flip)
+{
+    switch (flip) {
+    case 1: return DualRow<1, Binning>;
+    case 2: return DualRow<2, Binning>;
+    case 3: return DualRow<3, Binning>;
+    default: return DualRow<0, Binning>;
+    }
+}
+
+}  // namespace
+
+void DualFreqDepthRows(const uint16_t* raw, uint16_t* depth, int width, int height,
+                       const DualFreqParams& p, const float* fppn1, const float* fppn2,
+                       const float* radialToZ, float comp1, float comp2, float minEnergy,
+                       float* scratch, DualFreqLast& last)
+{
+    // Scratch: 12 float rows and 2 byte rows of the frame's width.
+    const size_t W = static_cast<size_t>(width);
+    DualRowScratch rowScratch{scratch,         scratch + W,     scratch + 2 * W,
+                              scratch + 3 * W, scratch + 4 * W, scratch + 5 * W,
+                              reinterpret_cast<int32_t*>(scratch + 6 * W),
+                              scratch + 7 * W, scratch + 8 * W, scratch + 9 * W};
+    float* d1s = scratch + 10 * W;
+    float* d2s = scratch + 11 * W;
+    int32_t* reached = reinterpret_cast<int32_t*>(scratch + 12 * W);
+    const int32_t f1 = p.frequency1, f2 = p.frequency2;
+    DualRowArgs a{};
+    a.raw = raw;
+    a.plane = 4 * static_cast<size_t>(width) * height;
+    a.width = width;
+    a.height = height;
+    a.p = &p;
+    a.fppn1 = fppn1;
+    a.fppn2 = fppn2;
+    a.radialToZ = radialToZ;
+    a.minEnergy = minEnergy;
+    a.off1 = p.depthOffset1 - comp1;
+    a.off2 = p.depthOffset2 - comp2;
+    a.R1 = p.range1;
+    a.R2 = p.range2;
+    a.range1 = static_cast<float>(p.range1);
+    a.range2 = static_cast<float>(p.range2);
+    a.ratio1 = static_cast<float>(f1 / (f1 - f2));
+    a.ratio2 = static_cast<float>(f2 / (f1 - f2));
+    a.rangeC = static_cast<float>((f1 / (f1 > f2 ? f1 - f2 : f2 - f1)) * p.range1);
+    a.invR1 = static_cast<float>(1.0 / p.range1);
+    a.invR2 = static_cast<float>(1.0 / p.range2);
+    const DualRowFn row = p.binning == 2 ? DualRowFor<2>(p.flipMode) : DualRowFor<1>(p.flipMode);
+    for (int r = 2; r < height; ++r) {
+        row(a, r, rowScratch, depth + static_cast<size_t>(r) * width, d1s, d2s, reached);
+        // The last pixel of the frame that reached each frequency's distance.
+        int c = width - 1;
+        while (c >= 0 && reached[c] == 0)
+            --c;
+        if (c >= 0)
+            last.distance1 = d1s[c];
+        while (c >= 0 && reached[c] < 2)
+            --c;
+        if (c >= 0)
+            last.distance2 = d2s[c];
+    }
+}
+
+void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int height,
+                          const SingleFreqParams& p, const float* fppnOffset, const float* radialToZ,
+                          float halfRangeMinusComp, float minEnergy)
+{
+    const float range = static_cast<float>(p.rangeMm);
+    for (int r = 0; r < height; ++r) {
+        const uint16_t* h0 = raw + 4 * static_cast<size_t>(width) * r;
+        const uint16_t* h1 = h0 + 2 * static_cast<size_t>(width);
+        const size_t rowBase = static_cast<size_t>(r) * width;
+        const float* fppn = fppnOffset + rowBase;
+        const float* ray = radialToZ + rowBase;
+        uint16_t* out = depth + rowBase;
+        for (int c = 0; c < width; ++c) {
+            const int32_t s0 = h0[2 * c], s1 = h0[2 * c + 1], s2 = h1[2 * c], s3 = h1[2 * c + 1];
+            const float I = static_cast<float>(s0 - s3), Q = static_cast<float>(s2 - s1);
+            const bool strong = I * I + Q * Q >= minEnergy;
+            float d = Atan2(Q, I) * p.phaseToMm + p.depthOffset;
+            d = Wrap(d + halfRangeMinusComp, range);
+            const float wig = Wiggling(p.table, p.tableStep, d, p.tableCount);
+            d = Wrap((d + fppn[c]) - Trunc(wig), range);
+            out[c] = static_cast<uint16_t>(strong * TruncLow16(d * ray[c]));
+        }
+    }
+}
+
+namespace {
+
+// (T + 1)^2 for the deviation threshold T of each band of block means: 0, 1-1000,
+// 1001-2000, 2001-3000 (which falls back to 30), 3001-4000, 4001-5000, above.
+const uint32_t kEdgeLimit[7] = {31 * 31, 31 * 31, 41 * 41, 31 * 31, 51 * 51, 61 * 61, 81 * 81};
+
+}  // namespace
+
+bool EdgeFilterRows(uint16_t* depth, int width, int height)
+{
+    // The block of pixel i is i, i + 1, i + W, i + W + 1 in the array, whatever the
+    // column: the last column's right neighbours are the next row's first pixels. A
+    // pixel is written after its block is read, and later pixels read only later
+    // positions, so the filter works in place.
+    const size_t W = static_cast<size_t>(width);
+    const size_t n = static_cast<size_t>(height - 2) * W;
+    // Squares of deviations fit 32 bits only for depths below 32768; other images go
+    // to the scalar kernel.
+    uint16_t top = 0;
+    const size_t all = static_cast<size_t>(height) * W;
+    for (size_t i = 0; i < all; ++i)
+        top = depth[i] > top ? depth[i] : top;
+    if (top >= 32768)
+        return false;
+    constexpr size_t kBlock = 64;
+    uint16_t result[kBlock];
+    for (size_t start = 0; start < n; start += kBlock) {
+        const size_t count = n - start < kBlock ? n - start : kBlock;
+        const uint16_t* d = depth + start;
+        for (size_t k = 0; k < count; ++k) {
+            const int32_t p = d[k], right = d[k + 1], below = d[k + W], br = d[k + W + 1];
+            const int32_t mean = (p + right + below + br) >> 2;
+            const uint32_t sq = static_cast<uint32_t>((p - mean) * (p - mean)) +
+                                static_cast<uint32_t>((right - mean) * (right - mean)) +
+                                static_cast<uint32_t>((below - mean) * (below - mean)) +
+                                static_cast<uint32_t>((br - mean) * (br - mean));
+            // trunc(sqrt(sq)) > T exactly when sq >= (T + 1)^2 (sq < 2^32 here).
+            int32_t band = (mean + 999) / 1000;  // 1 for 1..1000, 2 for 1001..2000, ...
+            band = band < 6 ? band : 6;
+            result[k] = static_cast<uint16_t>(p * (sq < kEdgeLimit[band]));
+        }
+        // Reads of the next block start at its own first pixel: storing now is safe.
+        std::memcpy(depth + start, result, count * sizeof(uint16_t));
+    }
+    std::memset(depth + n, 0, 2 * W * sizeof(uint16_t));
+    return true;
+}
+
+}  // namespace QV_KERNEL_NS
+}  // namespace qvapi

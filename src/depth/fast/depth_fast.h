@@ -1,0 +1,46 @@
+// Fast paths of the per-frame depth kernels. Each has a plain scalar kernel beside it
+// (single_freq.cpp, dual_freq.cpp, edge_filter.cpp) that is the reference the parity
+// tests compare against. The fast paths are written as branch-free loops the compiler
+// vectorises; depth_fast.cpp is compiled once per instruction set and the best one
+// for the running processor is chosen at run time.
+#ifndef QVRECONSTRUCTION_SRC_DEPTH_FAST_DEPTH_FAST_H
+#define QVRECONSTRUCTION_SRC_DEPTH_FAST_DEPTH_FAST_H
+
+#include <cstdint>
+
+#include "depth/dual_freq.h"
+#include "depth/single_freq.h"
+
+namespace qvapi {
+
+// The smallest energy I^2 + Q^2 whose amplitude, as the scalar kernels compute it
+// (sqrtf, times pi/2 in double, rounded to float), is not below the threshold: the
+// amplitude test done exactly on integers. INT64_MAX when none is.
+int64_t MinValidEnergy(int32_t amplitudeThreshold);
+
+// Whether the fast paths can serve these parameters exactly as the scalar kernels
+// define them (otherwise the caller uses the scalar kernel).
+bool FastDualFreqApplies(const DualFreqParams& p, int width);
+bool FastSingleFreqApplies(const SingleFreqParams& p, int width, int invalidStride);
+
+// Same contracts as DualFreqDepth, SingleFreqDepth and EdgeFilter. Depth may differ
+// from the scalar kernels by 1 mm where a value lies within about 1e-4 mm of an
+// integer (the arctangent is a polynomial); 0 and 1 marks never differ.
+void DualFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int height,
+                       const DualFreqParams& p, const float* fppn1, const float* fppn2,
+                       const float* radialToZ, DualFreqLast& last);
+void SingleFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int height,
+                         const SingleFreqParams& p, const float* fppnOffset,
+                         const float* radialToZ);
+void EdgeFilterFast(uint16_t* depth, int width, int height);
+
+// The instruction set the fast paths run with ("avx2", "baseline"), or "scalar" when
+// the build forces the scalar kernels.
+const char* FastPathName();
+// False in a build configured with QV_FORCE_SCALAR: the instance then runs the
+// scalar kernels only.
+bool FastPathsEnabled();
+
+}  // namespace qvapi
+
+#endif
