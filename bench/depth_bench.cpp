@@ -1,131 +1,105 @@
-// Per-frame depth operations at their real sizes, on simulated captures.
-#include <benchmark/benchmark.h>
-
-#include <memory>
-
+// Depth: CalculateDepth in every stream, the IR image and the depth filters.
+#include "bench_support.h"
 #include "depth/edge_filter.h"
-#include "reconstruction_impl.h"
-#include "sample_calibration.h"
-#include "simulator.h"
+#include "depth/fast/depth_fast.h"
+#include "qvreconstruction/depth_filters.h"
 
 namespace {
 
 using namespace qvapi;
+using qvbench::Scene;
 
-struct Setup {
-    std::unique_ptr<ReconstructionImpl> r = std::make_unique<ReconstructionImpl>();
-    qvsim::Capture cap;
-
-    Setup(StreamType stream, bool binned)
-    {
-        r->SetType(DEVICE_GENERIC, stream);
-        const auto small = qvsim::SampleBinnedCalibration();
-        r->Init(small, stream == STREAM_SINGLE_FREQ ? small : qvsim::SampleCalibration());
-        qvsim::SceneSpec scene;
-        scene.kind = qvsim::SceneKind::Boxes;
-        qvsim::CaptureSpec setup;
-        setup.stream = stream;
-        setup.binned = binned;
-        setup.noiseSigma = 1.0;
-        cap = qvsim::SimulateCapture(r->m_secondParam, scene, setup);
-    }
+struct DepthCase {
+    StreamType stream;
+    bool binned, filter;
 };
 
-// Arguments: stream type, binned frames, filter switch.
-void BM_CalculateDepth(benchmark::State& state)
+// The public operation as callers run it: with the fast paths, or with the plain
+// scalar kernels the tests compare against.
+void Run(benchmark::State& state, DepthCase c, bool fast)
 {
-    Setup s(static_cast<StreamType>(state.range(0)), state.range(1) != 0);
-    s.r->OpenFilter(state.range(2) != 0);
+    Scene s(c.stream, c.binned);
+    s.r->OpenFilter(c.filter);
+    s.r->m_fastPaths = fast;
     for (auto _ : state) {
-        // Binned frames halve the threshold every frame; keep it at its default.
-        s.r->m_amplitudeThreshold = 5;
+        s.r->m_amplitudeThreshold = 5;  // binned frames halve it on every frame
         uint16_t* depth = nullptr;
         s.r->CalculateDepth(s.cap.raw.data(), &depth, s.cap.width, s.cap.height);
         benchmark::DoNotOptimize(depth);
         delete[] depth;
     }
-    state.SetItemsProcessed(state.iterations() * s.cap.width * s.cap.height);
 }
-BENCHMARK(BM_CalculateDepth)
-    ->ArgNames({"stream", "binned", "filter"})
-    ->Args({0, 0, 1})
-    ->Args({0, 0, 0})
-    ->Args({0, 1, 1})
-    ->Args({5, 0, 1})
-    ->Args({5, 0, 0})
-    ->Unit(benchmark::kMillisecond);
+void Fast(benchmark::State& state, DepthCase c) { Run(state, c, true); }
+void Reference(benchmark::State& state, DepthCase c) { Run(state, c, false); }
 
-void BM_GetIR(benchmark::State& state)
+void StreamReadCapture(benchmark::State& state, DepthCase c)
 {
-    Setup s(STREAM_DUAL_FREQ, false);
+    Scene s(c.stream, c.binned);
+    qvbench::StreamRead(state, s.cap.raw.data(), s.cap.raw.size() * 2);
+}
+
+#define QV_DEPTH_CASE(name, ...)                                                                   \
+    BENCHMARK_CAPTURE(Fast, name, DepthCase{__VA_ARGS__})->Name(#name "/fast")->Unit(benchmark::kMillisecond); \
+    BENCHMARK_CAPTURE(Reference, name, DepthCase{__VA_ARGS__})->Name(#name "/reference")->Unit(benchmark::kMillisecond); \
+    BENCHMARK_CAPTURE(StreamReadCapture, name, DepthCase{__VA_ARGS__})->Name(#name "/stream_read")->Unit(benchmark::kMillisecond);
+
+QV_DEPTH_CASE(CalculateDepth_dual_filtered, STREAM_DUAL_FREQ, false, true)
+QV_DEPTH_CASE(CalculateDepth_dual_unfiltered, STREAM_DUAL_FREQ, false, false)
+QV_DEPTH_CASE(CalculateDepth_binned_filtered, STREAM_DUAL_FREQ, true, true)
+QV_DEPTH_CASE(CalculateDepth_single_filtered, STREAM_SINGLE_FREQ, false, true)
+QV_DEPTH_CASE(CalculateDepth_single_unfiltered, STREAM_SINGLE_FREQ, false, false)
+
+void GetIRFast(benchmark::State& state)
+{
+    Scene s(STREAM_DUAL_FREQ, false);
     std::vector<uint16_t> ir(640 * 480);
     for (auto _ : state) {
         s.r->GetIR(s.cap.raw.data(), ir.data(), 640, 480);
         benchmark::DoNotOptimize(ir.data());
     }
-    state.SetBytesProcessed(state.iterations() * 4 * 640 * 480 * 2);
 }
-BENCHMARK(BM_GetIR)->Unit(benchmark::kMicrosecond);
-
-}  // namespace
-
-namespace {
-
-void BM_EdgeFilter(benchmark::State& state)
+void GetIRStream(benchmark::State& state)
 {
-    Setup s(STREAM_DUAL_FREQ, false);
-    s.r->OpenFilter(false);
-    uint16_t* depth = nullptr;
-    s.r->CalculateDepth(s.cap.raw.data(), &depth, 640, 480);
-    std::vector<uint16_t> work(depth, depth + 640 * 480);
-    delete[] depth;
-    for (auto _ : state) {
-        state.PauseTiming();
-        std::vector<uint16_t> img = work;
-        state.ResumeTiming();
-        qvapi::EdgeFilter(img.data(), 640, 480);
-        benchmark::DoNotOptimize(img.data());
-    }
+    Scene s(STREAM_DUAL_FREQ, false);
+    qvbench::StreamRead(state, s.cap.raw.data(), 4 * 640 * 480 * 2);  // the first block only
 }
-BENCHMARK(BM_EdgeFilter)->Unit(benchmark::kMicrosecond);
+BENCHMARK(GetIRFast)->Name("GetIR/fast")->Unit(benchmark::kMillisecond);
+BENCHMARK(GetIRStream)->Name("GetIR/stream_read")->Unit(benchmark::kMillisecond);
 
-}  // namespace
-
-namespace {
-
-// The post-filters on a filtered depth frame of the boxes scene.
+// A depth filter on a fresh copy of a filtered frame each time (the copy is not timed).
 template <typename Filter>
-void RunPostFilter(benchmark::State& state, Filter filter)
+void RunFilter(benchmark::State& state, Filter filter)
 {
-    Setup s(STREAM_DUAL_FREQ, false);
-    uint16_t* depth = nullptr;
-    s.r->CalculateDepth(s.cap.raw.data(), &depth, 640, 480);
-    const std::vector<uint16_t> work(depth, depth + 640 * 480);
-    delete[] depth;
-    std::vector<uint16_t> img(work.size());
+    Scene s(STREAM_DUAL_FREQ, false);
+    const std::vector<uint16_t> input = s.Depth();
+    std::vector<uint16_t> img(input.size());
     for (auto _ : state) {
         state.PauseTiming();
-        img = work;
+        img = input;
         state.ResumeTiming();
         filter(img.data());
         benchmark::DoNotOptimize(img.data());
     }
 }
+void DepthStream(benchmark::State& state)
+{
+    Scene s(STREAM_DUAL_FREQ, false);
+    const std::vector<uint16_t> input = s.Depth();
+    qvbench::StreamRead(state, input.data(), input.size() * 2);
+}
 
-void BM_EdgeFilterMad(benchmark::State& state)
-{
-    RunPostFilter(state, [](uint16_t* d) { qvapi::EdgeFilterMad(d, 640, 480, 15); });
-}
-void BM_OkadaFilter(benchmark::State& state)
-{
-    RunPostFilter(state, [](uint16_t* d) { qvapi::OkadaFilter(d, 640, 480); });
-}
-void BM_SpeckleFilter(benchmark::State& state)
-{
-    RunPostFilter(state, [](uint16_t* d) { qvapi::SpeckleFilter(d, 640, 480, 100, 30); });
-}
-BENCHMARK(BM_EdgeFilterMad)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_OkadaFilter)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_SpeckleFilter)->Unit(benchmark::kMicrosecond);
+#define QV_FILTER(name, kind, call)                                                                 \
+    void name##_##kind(benchmark::State& state) { RunFilter(state, [](uint16_t* d) { call; }); } \
+    BENCHMARK(name##_##kind)->Name(#name "/" #kind)->Unit(benchmark::kMillisecond);
+
+QV_FILTER(EdgeFilter, fast, EdgeFilterFast(d, 640, 480))
+QV_FILTER(EdgeFilter, reference, qvapi::EdgeFilter(d, 640, 480))
+QV_FILTER(EdgeFilterMad, fast, qvapi::EdgeFilterMad(d, 640, 480, 15))
+QV_FILTER(OkadaFilter, fast, qvapi::OkadaFilter(d, 640, 480))
+QV_FILTER(SpeckleFilter, fast, qvapi::SpeckleFilter(d, 640, 480, 100, 30))
+BENCHMARK(DepthStream)->Name("EdgeFilter/stream_read")->Unit(benchmark::kMillisecond);
+BENCHMARK(DepthStream)->Name("EdgeFilterMad/stream_read")->Unit(benchmark::kMillisecond);
+BENCHMARK(DepthStream)->Name("OkadaFilter/stream_read")->Unit(benchmark::kMillisecond);
+BENCHMARK(DepthStream)->Name("SpeckleFilter/stream_read")->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -1,81 +1,90 @@
-// Point clouds, false colour and depth-to-colour registration at their real sizes.
-#include <benchmark/benchmark.h>
-
-#include <memory>
-#include <vector>
-
-#include "reconstruction_impl.h"
-#include "sample_calibration.h"
-#include "simulator.h"
+// Point clouds, false colour and registration onto the colour camera.
+#include "bench_support.h"
 
 namespace {
 
 using namespace qvapi;
+using qvbench::Scene;
 
-struct Scene {
-    std::unique_ptr<ReconstructionImpl> r = std::make_unique<ReconstructionImpl>();
-    std::vector<uint16_t> depth;
-    std::vector<uint8_t> nv12;
-
-    explicit Scene(bool colour)
-    {
-        r->SetType(DEVICE_GENERIC, STREAM_DUAL_FREQ);
-        const auto cal = qvsim::SampleCalibration();
-        r->Init(qvsim::SampleBinnedCalibration(), cal);
-        qvsim::SceneSpec scene;
-        scene.kind = qvsim::SceneKind::Boxes;
-        const qvsim::Capture cap = qvsim::SimulateCapture(cal, scene, qvsim::CaptureSpec{});
-        uint16_t* d = nullptr;
-        r->CalculateDepth(cap.raw.data(), &d, 640, 480);
-        depth.assign(d, d + 640 * 480);
-        delete[] d;
-        if (colour)
-            nv12 = qvsim::RenderColour(cal, scene).nv12;
-    }
-};
-
-void BM_GetCloudPoint(benchmark::State& state)
+void GetCloudPointRun(benchmark::State& state, bool fast)
 {
-    Scene s(false);
-    std::vector<float> cloud(3 * 640 * 480);
+    Scene s(STREAM_DUAL_FREQ, false);
+    s.r->m_fastPaths = fast;
+    const std::vector<uint16_t> depth = s.Depth();
+    std::vector<float> cloud(3 * depth.size());
     for (auto _ : state) {
-        s.r->GetCloudPoint(s.depth.data(), cloud.data(), 640, 480);
+        s.r->GetCloudPoint(depth.data(), cloud.data(), 640, 480);
         benchmark::DoNotOptimize(cloud.data());
     }
-    state.SetBytesProcessed(state.iterations() * 640 * 480 * 2);
 }
-BENCHMARK(BM_GetCloudPoint)->Unit(benchmark::kMicrosecond);
 
-void BM_Convert2RGB(benchmark::State& state)
+void Convert2RGBRun(benchmark::State& state, bool fast)
 {
-    Scene s(false);
+    Scene s(STREAM_DUAL_FREQ, false);
+    s.r->m_fastPaths = fast;
+    const std::vector<uint16_t> depth = s.Depth();
     s.r->SetCustomDistanceRange(300, 4000);
     for (auto _ : state) {
         uint8_t* rgb = nullptr;
-        s.r->Convert2RGB(&rgb, s.depth.data(), 640, 480);
+        s.r->Convert2RGB(&rgb, const_cast<uint16_t*>(depth.data()), 640, 480);
         benchmark::DoNotOptimize(rgb);
         delete[] rgb;
     }
-    state.SetBytesProcessed(state.iterations() * 640 * 480 * 2);
 }
-BENCHMARK(BM_Convert2RGB)->Unit(benchmark::kMicrosecond);
 
-void BM_MapDepthToRGB(benchmark::State& state)
+void DepthStream(benchmark::State& state)
 {
-    Scene s(true);
+    Scene s(STREAM_DUAL_FREQ, false);
+    const std::vector<uint16_t> depth = s.Depth();
+    qvbench::StreamRead(state, depth.data(), depth.size() * 2);
+}
+
+struct Registration {
+    Scene s{STREAM_DUAL_FREQ, false};
+    std::vector<uint16_t> depth = s.Depth();
+    std::vector<uint8_t> nv12 = qvsim::RenderColour(s.r->m_secondParam, [] {
+        qvsim::SceneSpec scene;
+        scene.kind = qvsim::SceneKind::Boxes;
+        return scene;
+    }()).nv12;
+};
+
+void MapDepthToRGBRun(benchmark::State& state, bool fast)
+{
+    Registration g;
+    g.s.r->m_fastPaths = fast;
     for (auto _ : state) {
         state.PauseTiming();
-        uint16_t* depth = new uint16_t[640 * 480];
-        std::copy(s.depth.begin(), s.depth.end(), depth);
+        uint16_t* depth = new uint16_t[g.depth.size()];
+        std::copy(g.depth.begin(), g.depth.end(), depth);
         state.ResumeTiming();
         uint8_t* colour = nullptr;
         int w = 0, h = 0;
-        s.r->MapDepthToRGB(&colour, &depth, s.nv12.data(), 1920, 1080, w, h);
+        g.s.r->MapDepthToRGB(&colour, &depth, g.nv12.data(), 1920, 1080, w, h);
         benchmark::DoNotOptimize(colour);
         delete[] colour;
         delete[] depth;
     }
 }
-BENCHMARK(BM_MapDepthToRGB)->Unit(benchmark::kMillisecond);
+
+void MapDepthToRGBStream(benchmark::State& state)
+{
+    Registration g;
+    std::vector<uint8_t> input(g.nv12);
+    input.insert(input.end(), reinterpret_cast<const uint8_t*>(g.depth.data()),
+                 reinterpret_cast<const uint8_t*>(g.depth.data() + g.depth.size()));
+    qvbench::StreamRead(state, input.data(), input.size());
+}
+
+#define QV_OPERATION(name, run)                                                                     \
+    BENCHMARK_CAPTURE(run, fast, true)->Name(#name "/fast")->Unit(benchmark::kMillisecond);         \
+    BENCHMARK_CAPTURE(run, reference, false)->Name(#name "/reference")->Unit(benchmark::kMillisecond);
+
+QV_OPERATION(GetCloudPoint, GetCloudPointRun)
+QV_OPERATION(Convert2RGB, Convert2RGBRun)
+QV_OPERATION(MapDepthToRGB, MapDepthToRGBRun)
+BENCHMARK(DepthStream)->Name("GetCloudPoint/stream_read")->Unit(benchmark::kMillisecond);
+BENCHMARK(DepthStream)->Name("Convert2RGB/stream_read")->Unit(benchmark::kMillisecond);
+BENCHMARK(MapDepthToRGBStream)->Name("MapDepthToRGB/stream_read")->Unit(benchmark::kMillisecond);
 
 }  // namespace

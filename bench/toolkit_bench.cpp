@@ -30,7 +30,7 @@ void BM_BilateralFiter(benchmark::State& state)
         benchmark::DoNotOptimize(img.data());
     }
 }
-BENCHMARK(BM_BilateralFiter)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BilateralFiter)->Name("BilateralFiter/fast")->Unit(benchmark::kMillisecond);
 
 void BM_Bilateral_Filter(benchmark::State& state)
 {
@@ -44,6 +44,7 @@ void BM_Bilateral_Filter(benchmark::State& state)
         benchmark::DoNotOptimize(img.data());
     }
 }
-BENCHMARK(BM_Bilateral_Filter)->ArgName("r")->Arg(2)->Arg(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Bilateral_Filter)->Name("Bilateral_Filter_r2/fast")->Arg(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Bilateral_Filter)->Name("Bilateral_Filter_r4/fast")->Arg(4)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -44,7 +44,7 @@ Reconstruction* Reconstruction::CreateInstance()
     return instance;
 }
 
-ReconstructionImpl::ReconstructionImpl() = default;
+ReconstructionImpl::ReconstructionImpl() : m_fastPaths(FastPathsEnabled()) {}
 
 // ---------------------------------------------------------------- version
 
@@ -289,6 +289,11 @@ void ReconstructionImpl::GetRgbdRt()
     m_depthUndistortMapY = g.depthMapY;
     m_colorUndistortMapX = g.colorMapX;
     m_colorUndistortMapY = g.colorMapY;
+    // Nearest-pixel positions of the colour map as integers, once per Init: remap
+    // reads them without rounding floats on every frame.
+    cv::Mat unused;
+    cv::convertMaps(m_colorUndistortMapX, m_colorUndistortMapY, m_colorRemapFixed, unused, CV_16SC2,
+                    true);
 }
 
 // ---------------------------------------------------------------- depth
@@ -347,7 +352,7 @@ void ReconstructionImpl::FilterDepth(uint16_t* depth, int width, int height)
     cv::Mat median(height, width, CV_16UC1, cv::Scalar(0));
     cv::medianBlur(view, median, 3);
     median.copyTo(view);
-    if (FastPathsEnabled())
+    if (m_fastPaths)
         EdgeFilterFast(depth, width, height);
     else
         EdgeFilter(depth, width, height);
@@ -380,7 +385,7 @@ int ReconstructionImpl::GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth,
     const SingleFreqParams params{f.phaseToMm,  f.depthOffset, f.rangeMm,
                                   f.tableStep,  f.tableCount,  f.table,
                                   m_amplitudeThreshold, m_deviceType != DEVICE_TYPE_4};
-    if (FastPathsEnabled() && FastSingleFreqApplies(params, width, m_width))
+    if (m_fastPaths && FastSingleFreqApplies(params, width, m_width))
         SingleFreqDepthFast(raw, depth, width, height, params, m_fppnOffset.get(), m_radialToZ.get());
     else
         SingleFreqDepth(raw, depth, width, height, m_width, params, m_fppnOffset.get(),
@@ -418,7 +423,7 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
                                 m_deviceType != DEVICE_TYPE_4,  m_flipMode,
                                 m_binning};
     DualFreqLast last{m_lastDistance1, m_lastDistance2};
-    if (FastPathsEnabled() && FastDualFreqApplies(params, width))
+    if (m_fastPaths && FastDualFreqApplies(params, width))
         DualFreqDepthFast(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
                           m_radialToZ.get(), last);
     else
@@ -465,8 +470,12 @@ int32_t ReconstructionImpl::GetCloudPoint(const uint16_t* depth, float* points, 
         binning = static_cast<int>(scale);
     }
     const int cut = PointCloudCut(m_binning, m_streamType == STREAM_SINGLE_FREQ);
-    PointCloud(depth, width, height, binning, cut, colour ? m_rgbRayX.get() : m_rectifyMapX.get(),
-               colour ? m_rgbRayY.get() : m_rectifyMapY.get(), points);
+    const float* rayX = colour ? m_rgbRayX.get() : m_rectifyMapX.get();
+    const float* rayY = colour ? m_rgbRayY.get() : m_rectifyMapY.get();
+    if (m_fastPaths)
+        PointCloudRows(depth, width, height, binning, cut, rayX, rayY, points);
+    else
+        PointCloud(depth, width, height, binning, cut, rayX, rayY, points);
     return STATUS_OK;
 }
 
@@ -478,7 +487,10 @@ void ReconstructionImpl::Convert2RGB(uint8_t** image, uint16_t* depth, int32_t w
         return;
     const size_t n = static_cast<size_t>(width) * height;
     *image = new uint8_t[3 * n];
-    FalseColour(depth, n, m_customMinDistance, m_customMaxDistance, *image);
+    if (m_fastPaths)
+        FalseColourFast(depth, n, m_customMinDistance, m_customMaxDistance, *image);
+    else
+        FalseColour(depth, n, m_customMinDistance, m_customMaxDistance, *image);
 }
 
 void ReconstructionImpl::GetColorBar(uint8_t** bar, int& count)
@@ -510,8 +522,12 @@ int32_t ReconstructionImpl::MapDepthToRGB(uint8_t** image, uint16_t** depth, uin
     const cv::Mat yuv(colorHeight * 3 / 2, colorWidth, CV_8UC1, nv12);
     cv::Mat bgr, undistorted;
     cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
-    cv::remap(bgr, undistorted, m_colorUndistortMapX, m_colorUndistortMapY, cv::INTER_NEAREST,
-              cv::BORDER_CONSTANT, cv::Scalar(0));
+    if (m_fastPaths)  // the same nearest pixels from the fixed-point map
+        cv::remap(bgr, undistorted, m_colorRemapFixed, cv::noArray(), cv::INTER_NEAREST,
+                  cv::BORDER_CONSTANT, cv::Scalar(0));
+    else
+        cv::remap(bgr, undistorted, m_colorUndistortMapX, m_colorUndistortMapY, cv::INTER_NEAREST,
+                  cv::BORDER_CONSTANT, cv::Scalar(0));
 
     // Reference depth at the frame's centre; a fallback of 0 is not stored.
     const bool fallbackFromRecord = m_workParam.vectorCount >= 6;

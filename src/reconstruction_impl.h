@@ -112,6 +112,10 @@ public:
     DeviceType m_deviceType = DEVICE_GENERIC;
     StreamType m_streamType = STREAM_DUAL_FREQ;
 
+    // Whether frame operations use the vectorised kernels (false runs the scalar
+    // reference kernels; always false in a build with QV_FORCE_SCALAR).
+    bool m_fastPaths;
+
     int32_t m_amplitudeThreshold = 5;
     int32_t m_madThreshold = 15;
     // Kept from the original configuration; no operation reads it.
@@ -135,6 +139,7 @@ public:
     float m_depthToColorMatrix[16] = {};
     cv::Mat m_depthUndistortMapX, m_depthUndistortMapY;
     cv::Mat m_colorUndistortMapX, m_colorUndistortMapY;
+    cv::Mat m_colorRemapFixed;  // the colour map's nearest positions, CV_16SC2
     int16_t m_centerDepth = 0;
     int32_t m_plyFileCounter = 0;
 

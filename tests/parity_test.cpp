@@ -1,13 +1,18 @@
 // The fast depth kernels against their scalar references: simulated scenes and random
 // frames, every flip mode and stream, widths that are not multiples of a vector.
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <opencv2/imgproc.hpp>
+
+#include "colour/false_colour.h"
 #include "depth/dual_freq.h"
+#include "depth/point_cloud.h"
 #include "depth/edge_filter.h"
 #include "depth/fast/depth_fast.h"
 #include "depth/single_freq.h"
@@ -34,13 +39,13 @@ struct Differences {
             off++;
         }
     }
-    // At most 1 mm on at most 0.01 % of the pixels, and never between a mark (0 or 1)
-    // and a depth.
-    void Check(const char* what) const
+    // At most 1 mm on at most `share` of the pixels (0.01 % for the converters), and
+    // never between a mark (0 or 1) and a depth.
+    void Check(const char* what, double share = 1e-4) const
     {
         EXPECT_EQ(flips, 0u) << what;
         EXPECT_LE(worst, 1u) << what;
-        EXPECT_LE(off * 10000, pixels) << what << ": " << off << " of " << pixels;
+        EXPECT_LE(static_cast<double>(off), share * pixels) << what << ": " << off << " of " << pixels;
         std::printf("  %-34s %zu of %zu pixels differ by 1 mm\n", what, off, pixels);
     }
 };
@@ -184,6 +189,104 @@ TEST(Parity, EdgeFilterIsExact)
             }
         }
     }
+}
+
+TEST(Parity, ColouringPointsAndColourRemapAreExact)
+{
+    // Every depth value, ordinary, narrow, wide, empty and reversed ranges.
+    std::vector<uint16_t> all(65536);
+    for (size_t d = 0; d < all.size(); ++d)
+        all[d] = static_cast<uint16_t>(d);
+    for (auto range : {std::make_pair(0, 7500), std::make_pair(300, 4000), std::make_pair(1000, 1001),
+                       std::make_pair(-50, 3), std::make_pair(0, 1), std::make_pair(700, 700),
+                       std::make_pair(900, 100), std::make_pair(60000, 70000), std::make_pair(-100000, 100000)}) {
+        std::vector<uint8_t> ref(3 * all.size()), fast(ref.size());
+        FalseColour(all.data(), all.size(), range.first, range.second, ref.data());
+        FalseColourFast(all.data(), all.size(), range.first, range.second, fast.data());
+        ASSERT_EQ(ref, fast) << range.first << ".." << range.second;
+    }
+
+    std::mt19937 rng(5);
+    std::uniform_int_distribution<int> u(0, 9000);
+    std::vector<float> rays(640 * 480);
+    for (float& v : rays)
+        v = static_cast<float>(u(rng)) / 9000.0f - 0.5f;
+    for (int w : {3, 17, 320, 640}) {
+        for (int binning : {1, 2}) {
+            const int h = std::min(480 / binning, 300000 / w / binning / binning);
+            if (static_cast<size_t>((h - 1) * w * binning + w) * binning > rays.size())
+                continue;
+            std::vector<uint16_t> depth(static_cast<size_t>(w) * h);
+            for (uint16_t& d : depth)
+                d = static_cast<uint16_t>(u(rng));
+            for (int cut : {0, 12, 25, 50, 1000}) {
+                std::vector<float> ref(3 * depth.size(), -1.0f), fast(ref.size(), -2.0f);
+                PointCloud(depth.data(), w, h, binning, cut, rays.data(), rays.data(), ref.data());
+                PointCloudRows(depth.data(), w, h, binning, cut, rays.data(), rays.data(), fast.data());
+                ASSERT_EQ(ref, fast) << w << "x" << h << " binning " << binning << " cut " << cut;
+            }
+        }
+    }
+
+    Instance in(DEVICE_GENERIC, STREAM_DUAL_FREQ);
+    cv::Mat bgr(1080, 1920, CV_8UC3), a, b;
+    cv::randu(bgr, 0, 256);
+    cv::remap(bgr, a, in.r->m_colorUndistortMapX, in.r->m_colorUndistortMapY, cv::INTER_NEAREST,
+              cv::BORDER_CONSTANT, cv::Scalar(0));
+    cv::remap(bgr, b, in.r->m_colorRemapFixed, cv::noArray(), cv::INTER_NEAREST, cv::BORDER_CONSTANT,
+              cv::Scalar(0));
+    EXPECT_EQ(cv::norm(a, b, cv::NORM_INF), 0.0);
+}
+
+TEST(Parity, WholeOperationsWithAndWithoutFastPaths)
+{
+    Instance in(DEVICE_GENERIC, STREAM_DUAL_FREQ);
+    qvsim::SceneSpec scene;
+    scene.kind = qvsim::SceneKind::Boxes;
+    scene.brightPatch = true;
+    const qvsim::Capture cap = qvsim::SimulateCapture(in.r->m_secondParam, scene, qvsim::CaptureSpec{});
+    std::vector<uint16_t> depth[2];
+    std::vector<float> cloud[2];
+    std::vector<uint8_t> colour[2], registered[2];
+    const std::vector<uint8_t> nv12 = qvsim::RenderColour(in.r->m_secondParam, scene).nv12;
+    Differences diff;
+    for (int fast = 0; fast < 2; ++fast) {
+        in.r->m_fastPaths = fast == 1;
+        uint16_t* d = nullptr;
+        ASSERT_EQ(in.r->CalculateDepth(cap.raw.data(), &d, 640, 480), 0);
+        depth[fast].assign(d, d + 640 * 480);
+        cloud[fast].resize(3 * 640 * 480);
+        ASSERT_EQ(in.r->GetCloudPoint(d, cloud[fast].data(), 640, 480), 0);
+        uint8_t* rgb = nullptr;
+        in.r->Convert2RGB(&rgb, d, 640, 480);
+        colour[fast].assign(rgb, rgb + 3 * 640 * 480);
+        delete[] rgb;
+        // Registration of the same (reference) depth frame.
+        uint16_t* entry = new uint16_t[640 * 480];
+        std::copy(depth[0].begin(), depth[0].end(), entry);
+        std::vector<uint8_t> frame = nv12;
+        int w = 0, h = 0;
+        ASSERT_EQ(in.r->MapDepthToRGB(&rgb, &entry, frame.data(), 1920, 1080, w, h), 0);
+        registered[fast].assign(reinterpret_cast<uint8_t*>(entry), reinterpret_cast<uint8_t*>(entry + w * h));
+        registered[fast].insert(registered[fast].end(), rgb, rgb + 3 * w * h);
+        delete[] entry;
+        delete[] rgb;
+        delete[] d;
+    }
+    diff.Add(depth[0].data(), depth[1].data(), depth[0].size());
+    // The 3 x 3 median hands each converter difference on to up to eight neighbours.
+    diff.Check("CalculateDepth, filters on", 9e-4);
+    EXPECT_EQ(registered[0], registered[1]);
+    // Colour and points follow the depth: equal wherever the depth is.
+    size_t colourDiffer = 0, cloudDiffer = 0;
+    for (size_t i = 0; i < depth[0].size(); ++i) {
+        if (depth[0][i] != depth[1][i])
+            continue;
+        colourDiffer += std::memcmp(&colour[0][3 * i], &colour[1][3 * i], 3) != 0;
+        cloudDiffer += std::memcmp(&cloud[0][3 * i], &cloud[1][3 * i], 3 * sizeof(float)) != 0;
+    }
+    EXPECT_EQ(colourDiffer, 0u);
+    EXPECT_EQ(cloudDiffer, 0u);
 }
 
 TEST(Parity, ExactAmplitudeThreshold)

@@ -1,5 +1,6 @@
 #include "depth/point_cloud.h"
 
+#include <algorithm>
 #include <cstddef>
 
 namespace qvapi {
@@ -21,6 +22,35 @@ void PointCloud(const uint16_t* depth, int width, int height, int binning, int c
             p[1] = rayY[idx] * z;
             p[2] = z;
         }
+    }
+}
+
+void PointCloudRows(const uint16_t* depth, int width, int height, int binning, int cut,
+                    const float* rayX, const float* rayY, float* cloud)
+{
+    for (int r = 0; r < height; ++r) {
+        // The octagon's columns in this row: c >= 2, c >= cut - r, c >= r - (height - cut);
+        // c <= width - 2, c <= width + height - cut - r, c <= width - cut + r.
+        int lo = std::max({2, cut - r, r - (height - cut)});
+        int hi = std::min({width - 2, width + height - cut - r, width - cut + r});
+        if (r < 2 || r > height - 2 || lo > hi) {
+            lo = width;
+            hi = width - 1;
+        }
+        const size_t row = static_cast<size_t>(r) * width;
+        float* out = cloud + 3 * row;
+        std::fill(out, out + 3 * static_cast<size_t>(std::min(lo, width)), 0.0f);
+        const uint16_t* d = depth + row;
+        const size_t rays = static_cast<size_t>(r) * width * binning * binning;
+        const float* __restrict rx = rayX + rays;
+        const float* __restrict ry = rayY + rays;
+        for (int c = lo; c <= hi; ++c) {
+            const float z = d[c];
+            out[3 * c] = rx[static_cast<size_t>(c) * binning] * z;
+            out[3 * c + 1] = ry[static_cast<size_t>(c) * binning] * z;
+            out[3 * c + 2] = z;
+        }
+        std::fill(out + 3 * static_cast<size_t>(hi + 1), out + 3 * static_cast<size_t>(width), 0.0f);
     }
 }
 
