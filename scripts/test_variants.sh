@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# The builds beside the main one: the forced-scalar build runs the parity and
+# accuracy tests with the scalar kernels in the library, and the ARM64 build of the
+# kernels runs its parity program under qemu-user.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+build=${BUILD_DIR:-build}-scalar
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DQV_FORCE_SCALAR=ON -DQV_BUILD_BENCHMARKS=OFF \
+  -DQV_BUILD_TOOLS=OFF -DQV_BUILD_TESTS=ON
+cmake --build "$build" -j "$(nproc)" --target parity_test depth_accuracy_test depth_test
+ctest --test-dir "$build" --output-on-failure -j "$(nproc)" -R 'Parity|DepthAccuracy|Pipeline'
+bash scripts/arm64_check.sh
