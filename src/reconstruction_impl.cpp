@@ -157,9 +157,13 @@ int32_t ReconstructionImpl::Init(CameraCalibrationParam first, CameraCalibration
     GetAlgorithmVersion(version);
     try {
         BuildTables(first, second);
+    } catch (const cv::Exception&) {
+        // OpenCV refused the calibration's geometry: the instance stays released.
+        ReleaseBuffers();
+        return STATUS_INVALID_ARGUMENT;
     } catch (...) {
-        // An allocation or OpenCV failure leaves the instance released, with
-        // nothing half-built; the lock is released by its guard.
+        // An allocation failure leaves the instance released, with nothing
+        // half-built, and propagates; the lock is released by its guard.
         ReleaseBuffers();
         throw;
     }
@@ -437,8 +441,9 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
 int32_t ReconstructionImpl::GetIR(const uint16_t* raw, uint16_t* image, int32_t width,
                                   int32_t height)
 {
-    // Needs no calibration: works in every state.
-    if (raw == nullptr || image == nullptr || width <= 0 || height <= 0)
+    // Needs no calibration: works in every state, for frames the sensor can deliver.
+    if (raw == nullptr || image == nullptr || width <= 0 || height <= 0 ||
+        width > kMaxFrameWidth || height > kMaxFrameHeight)
         return STATUS_INVALID_ARGUMENT;
     InfraredImage(raw, image, width, height);
     return STATUS_OK;
@@ -449,17 +454,26 @@ int32_t ReconstructionImpl::GetIR(const uint16_t* raw, uint16_t* image, int32_t 
 int32_t ReconstructionImpl::GetCloudPoint(const uint16_t* depth, float* points, int32_t width,
                                           int32_t height)
 {
-    if (!m_initialized)
-        return STATUS_NOT_INITIALIZED;
+    // The state the depth path writes (binning) is read under the lock; the work
+    // itself runs outside it, beside other frame operations.
+    int32_t currentBinning, tableWidth, tableHeight;
+    {
+        std::lock_guard<std::mutex> lock(ParamMutex());
+        if (!m_initialized)
+            return STATUS_NOT_INITIALIZED;
+        currentBinning = std::max(m_binning, 1);
+        tableWidth = m_tableWidth;
+        tableHeight = m_tableHeight;
+    }
     if (depth == nullptr || points == nullptr || width <= 0 || height <= 0)
         return STATUS_INVALID_ARGUMENT;
     // Images 1920 wide or 1080 high are registered to the colour camera.
     const bool colour = width == kColourWidth || height == kColourHeight;
-    const int64_t mapWidth = colour ? kColourWidth : m_tableWidth;
-    const int64_t mapSize = mapWidth * (colour ? kColourHeight : m_tableHeight);
+    const int64_t mapWidth = colour ? kColourWidth : tableWidth;
+    const int64_t mapSize = mapWidth * (colour ? kColourHeight : tableHeight);
     // The furthest ray a pixel inside the mask reads at binning b.
     const auto lastIndex = [&](int64_t b) { return ((int64_t(height) - 2) * width * b + width - 2) * b; };
-    int binning = m_binning;
+    int binning = currentBinning;
     if (lastIndex(binning) >= mapSize) {
         // The binning left by the last depth frame does not fit this image (for
         // instance the reduced stream, whose maps are already at 320 x 240): read
@@ -469,7 +483,7 @@ int32_t ReconstructionImpl::GetCloudPoint(const uint16_t* depth, float* points, 
             return STATUS_INVALID_ARGUMENT;
         binning = static_cast<int>(scale);
     }
-    const int cut = PointCloudCut(m_binning, m_streamType == STREAM_SINGLE_FREQ);
+    const int cut = PointCloudCut(currentBinning, m_streamType == STREAM_SINGLE_FREQ);
     const float* rayX = colour ? m_rgbRayX.get() : m_rectifyMapX.get();
     const float* rayY = colour ? m_rgbRayY.get() : m_rectifyMapY.get();
     if (m_fastPaths)
@@ -482,8 +496,10 @@ int32_t ReconstructionImpl::GetCloudPoint(const uint16_t* depth, float* points, 
 void ReconstructionImpl::Convert2RGB(uint8_t** image, uint16_t* depth, int32_t width,
                                      int32_t height)
 {
-    // Needs no calibration. A call that cannot be served leaves *image untouched.
-    if (image == nullptr || depth == nullptr || width <= 0 || height <= 0)
+    // Needs no calibration. A call that cannot be served leaves *image untouched:
+    // depth images are at most the colour camera's size.
+    if (image == nullptr || depth == nullptr || width <= 0 || height <= 0 ||
+        int64_t(width) * height > int64_t(kColourWidth) * kColourHeight)
         return;
     const size_t n = static_cast<size_t>(width) * height;
     *image = new uint8_t[3 * n];

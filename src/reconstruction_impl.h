@@ -157,6 +157,9 @@ public:
 
     static constexpr int kColourWidth = 1920;
     static constexpr int kColourHeight = 1080;
+    // The largest frame the sensor delivers (the full read-out).
+    static constexpr int kMaxFrameWidth = 640;
+    static constexpr int kMaxFrameHeight = 480;
 
 private:
     // Frees every table and resets the frequency sets; the caller holds the lock.

@@ -102,6 +102,18 @@ TEST_F(Tool, CalibrationRoundTripAndTheShippedSample)
                              sizeof(qvapi::CameraCalibrationParam) - offsetof(qvapi::CameraCalibrationParam, depthLens)));
     EXPECT_EQ(shipped.full.label, sample.full.label);
 
+    // Regressions found by fuzzing: text on which OpenCV's parser throws a standard
+    // length error, and binary input on which it never returns. Both are unreadable
+    // calibrations, reported at once.
+    for (const char* name : {"calibration_parser_length_error.bin", "calibration_parser_hang.bin",
+                             "calibration_parser_hang_non_ascii.bin", "calibration_parser_hang_ascii.bin"}) {
+        std::ifstream found(std::string(QVRECON_REGRESSIONS "/") + name, std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(found)), std::istreambuf_iterator<char>());
+        ASSERT_GT(bytes.size(), 1u) << name;
+        std::ofstream(P("found.yaml"), std::ios::binary) << bytes.substr(1);  // the harness's first byte picks .yaml
+        EXPECT_THROW(qvrecon::ReadCalibration(P("found.yaml")), qvrecon::CalibrationError) << name;
+    }
+
     // Missing fields stay zero.
     std::ofstream(P("partial.yaml")) << "%YAML:1.0\n---\nfull:\n   depthOffsetF2: 12.5\n";
     const qvrecon::ModuleCalibration partial = qvrecon::ReadCalibration(P("partial.yaml"));

@@ -25,6 +25,11 @@ struct CalibrationError : std::runtime_error {
 // wrong types and arrays longer than the record holds are errors.
 ModuleCalibration ReadCalibration(const std::string& path);
 
+// The same from text in memory, parsed in this process (ReadCalibration parses in a
+// child process it stops after a few seconds, since OpenCV's parser does not return
+// on some malformed text).
+ModuleCalibration ParseCalibrationText(const std::string& text, const std::string& where);
+
 // Writes both records; the format follows the extension (.yaml, .yml or .json).
 void WriteCalibration(const std::string& path, const ModuleCalibration& calibration);
 
