@@ -21,10 +21,6 @@ namespace qvapi {
 // depth path, the single-frequency depth path and MapDepthToRGB hold it.
 std::mutex& ParamMutex();
 
-// Extra status for a frame operation whose stream no longer matches the tables of
-// the last Init (SetType changed the stream afterwards): call Init again.
-constexpr int32_t STATUS_STREAM_MISMATCH = -3;
-
 class ReconstructionImpl final : public Reconstruction {
 public:
     ReconstructionImpl();

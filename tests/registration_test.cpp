@@ -114,8 +114,8 @@ TEST_F(Registered, CentreDepthStateAndRefusedCalls)
     Start();
     uint16_t* const entry = depth;
     EXPECT_EQ(Map(depth, colour, 1280, 720), STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(r->MapDepthToRGB(&colour, &depth, nullptr, 1920, 1080, *new int(0), *new int(0)),
-              STATUS_INVALID_ARGUMENT);
+    int w = 0, h = 0;
+    EXPECT_EQ(r->MapDepthToRGB(&colour, &depth, nullptr, 1920, 1080, w, h), STATUS_INVALID_ARGUMENT);
     EXPECT_EQ(depth, entry);
     EXPECT_EQ(colour, nullptr);
     EXPECT_EQ(r->m_width, 0);

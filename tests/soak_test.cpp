@@ -94,8 +94,15 @@ TEST(Soak, MemoryStaysFlatOverThousandsOfFrames)
     EXPECT_EQ(r.Release(), STATUS_OK);
     std::printf("  %d reduced-stream and %d full-stream frames; resident %ld -> %ld KiB and %ld -> %ld KiB\n",
                 frames, fullFrames, warm, afterSmall, fullWarm, afterFull);
+#if defined(__SANITIZE_ADDRESS__)
+    // AddressSanitizer keeps freed memory in quarantine, so the resident size grows;
+    // LeakSanitizer checks for leaks at exit instead.
+    (void)afterSmall;
+    (void)afterFull;
+#else
     EXPECT_LT(afterSmall - warm, 2048);
     EXPECT_LT(afterFull - fullWarm, 4096);
+#endif
 }
 
 }  // namespace

@@ -52,6 +52,8 @@ enum StatusCode : int32_t {
     STATUS_OK = 0,
     STATUS_NOT_INITIALIZED = -1,    // frame operation before Init (or after Release)
     STATUS_INVALID_ARGUMENT = -2,   // null pointer, or a size the instance cannot serve
+    STATUS_STREAM_MISMATCH = -3,    // the tables of the last Init are for the other stream:
+                                    // call Init again after SetType
 };
 
 // Lens model: 13 four-byte fields. Distortion in the order k1, k2, p1, p2, k3;

@@ -57,6 +57,20 @@ inline bool CorrectedDistance(const Samples& p, const Samples& q, const Samples&
 
 }  // namespace
 
+bool DualFreqPrepare(const uint16_t* raw, uint16_t* depth, int width, int height,
+                     const DualFreqParams& p, float& comp1, float& comp2)
+{
+    comp1 = comp2 = 0.0f;
+    if (p.temperatureCompensation) {
+        const float t = SensorTemperature(raw);
+        comp1 = DualFreqDrift1(t) * p.phaseToMm1;
+        comp2 = DualFreqDrift2(t) * p.phaseToMm2;
+    }
+    // Rows 0 and 1 carry no depth.
+    std::memset(depth, 0, sizeof(uint16_t) * static_cast<size_t>(width) * (height < 2 ? height : 2));
+    return height >= 3;
+}
+
 void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
                    const DualFreqParams& p, const float* fppn1, const float* fppn2,
                    const float* radialToZ, DualFreqLast& last)
@@ -67,15 +81,8 @@ void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
     const int32_t ratio2 = f2 / (f1 - f2);
     const int32_t Rc = (f1 / std::abs(f1 - f2)) * R1;
 
-    float comp1 = 0.0f, comp2 = 0.0f;
-    if (p.temperatureCompensation) {
-        const float t = SensorTemperature(raw);
-        comp1 = DualFreqDrift1(t) * p.phaseToMm1;
-        comp2 = DualFreqDrift2(t) * p.phaseToMm2;
-    }
-    // Rows 0 and 1 carry no depth.
-    std::memset(depth, 0, sizeof(uint16_t) * static_cast<size_t>(width) * (height < 2 ? height : 2));
-    if (height < 3)
+    float comp1, comp2;
+    if (!DualFreqPrepare(raw, depth, width, height, p, comp1, comp2))
         return;
 
     // The second frequency's table step serves both tables.

@@ -24,6 +24,12 @@ struct DualFreqLast {
     float distance1, distance2;
 };
 
+// The temperature drifts of both frequencies in mm (0 for device type 4), and rows 0
+// and 1 of the depth set to 0: what every dual-frequency kernel does first. Returns
+// whether there are rows to convert (height >= 3).
+bool DualFreqPrepare(const uint16_t* raw, uint16_t* depth, int width, int height,
+                     const DualFreqParams& p, float& comp1, float& comp2);
+
 // Depth in mm of a four-plane capture (planes of 4 * width * height words: second
 // frequency p and q, first frequency p and q). Rows 2 and below are converted;
 // rows 0 and 1 are set to 0. 1 marks saturation, 0 a weak or inconsistent pixel.

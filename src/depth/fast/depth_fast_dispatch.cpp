@@ -107,14 +107,8 @@ void DualFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int heig
                        const DualFreqParams& p, const float* fppn1, const float* fppn2,
                        const float* radialToZ, DualFreqLast& last)
 {
-    float comp1 = 0.0f, comp2 = 0.0f;
-    if (p.temperatureCompensation) {
-        const float t = SensorTemperature(raw);
-        comp1 = DualFreqDrift1(t) * p.phaseToMm1;
-        comp2 = DualFreqDrift2(t) * p.phaseToMm2;
-    }
-    std::memset(depth, 0, sizeof(uint16_t) * static_cast<size_t>(width) * (height < 2 ? height : 2));
-    if (height < 3)
+    float comp1, comp2;
+    if (!DualFreqPrepare(raw, depth, width, height, p, comp1, comp2))
         return;
     const float minEnergy = static_cast<float>(MinValidEnergy(p.amplitudeThreshold));
     // Row scratch of the kernels: 13 rows of floats (bytes rows take a float row each).
