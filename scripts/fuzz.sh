@@ -22,7 +22,7 @@ for target in frames toolkit calibration; do
   name=fuzz_$target
   [ "$target" = calibration ] && name=fuzz_calibration_file
   echo "== $name for ${seconds} s"
-  "$build/fuzz/$name" "$corpus/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=4096 \
+  "$build/fuzz/$name" "$corpus/$target" -max_total_time="$seconds" -timeout=10 -seed="${FUZZ_SEED:-1}" -rss_limit_mb=4096 \
     -artifact_prefix="$build/findings/$name-" -print_final_stats=1 2>&1 | grep -E "^(#[0-9]+.*DONE|stat::number_of_executed_units|stat::average_exec_per_sec|==.*ERROR|SUMMARY)" || true
   if ls "$build/findings/$name-"* >/dev/null 2>&1; then
     echo "!! $name found an input that fails: $(ls "$build/findings/$name-"*)"; exit 1
