@@ -331,8 +331,7 @@ int32_t ReconstructionImpl::CalculateDepth(const uint16_t* raw, uint16_t** depth
     if (raw == nullptr || depth == nullptr)
         return m_initialized ? STATUS_INVALID_ARGUMENT : STATUS_NOT_INITIALIZED;
     if (m_streamType == STREAM_SINGLE_FREQ) {
-        // Unlike the original design, the lock is released on return: a second frame
-        // must not wait forever on the first.
+        // A scoped lock, released on every return: the next frame never waits on this one.
         std::lock_guard<std::mutex> lock(ParamMutex());
         if (!m_initialized)
             return STATUS_NOT_INITIALIZED;
@@ -427,7 +426,7 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
                                 m_deviceType != DEVICE_TYPE_4,  m_flipMode,
                                 m_binning};
     DualFreqLast last{m_lastDistance1, m_lastDistance2};
-    if (m_fastPaths && FastDualFreqApplies(params, width))
+    if (m_fastPaths && FastDualFreqApplies(params))
         DualFreqDepthFast(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
                           m_radialToZ.get(), last);
     else

@@ -24,9 +24,10 @@ int Gather3x3(const unsigned short* img, int width, int height, int y, int x, un
     return n;
 }
 
-}  // namespace
-
-void filter_module::meanFilter(unsigned short* img, int width, int height)
+// Replaces every pixel, in row-major order and in place, by reduce(window, count) of
+// its in-image 3 x 3 neighbourhood as it is at that moment.
+template <typename Reduce>
+void Running3x3(unsigned short* img, int width, int height, Reduce reduce)
 {
     if (img == nullptr || width <= 0 || height <= 0)
         return;
@@ -34,11 +35,20 @@ void filter_module::meanFilter(unsigned short* img, int width, int height)
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
             const int n = Gather3x3(img, width, height, y, x, window);
-            uint32_t sum = 0;
-            for (int k = 0; k < n; ++k)
-                sum += window[k];
-            img[static_cast<size_t>(y) * width + x] = static_cast<unsigned short>(sum / n);
+            img[static_cast<size_t>(y) * width + x] = reduce(window, n);
         }
+}
+
+}  // namespace
+
+void filter_module::meanFilter(unsigned short* img, int width, int height)
+{
+    Running3x3(img, width, height, [](unsigned short* window, int n) {
+        uint32_t sum = 0;
+        for (int k = 0; k < n; ++k)
+            sum += window[k];
+        return static_cast<unsigned short>(sum / n);
+    });
 }
 
 void filter_module::medianFilter(unsigned short* img, int width, int height)
@@ -56,15 +66,10 @@ void filter_module::medianFilter(unsigned short* img, int width, int height)
 
 void filter_module::medianFilter2(unsigned short* img, int width, int height)
 {
-    if (img == nullptr || width <= 0 || height <= 0)
-        return;
-    unsigned short window[9];
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            const int n = Gather3x3(img, width, height, y, x, window);
-            std::sort(window, window + n);
-            img[static_cast<size_t>(y) * width + x] = window[n / 2];  // upper median
-        }
+    Running3x3(img, width, height, [](unsigned short* window, int n) {
+        std::sort(window, window + n);
+        return window[n / 2];  // upper median
+    });
 }
 
 void filter_module::PixelFilter(unsigned short* img, int width, int height, int minInner,

@@ -20,7 +20,7 @@ int64_t MinValidEnergy(int32_t amplitudeThreshold);
 
 // Whether the fast paths can serve these parameters exactly as the scalar kernels
 // define them (otherwise the caller uses the scalar kernel).
-bool FastDualFreqApplies(const DualFreqParams& p, int width);
+bool FastDualFreqApplies(const DualFreqParams& p);
 bool FastSingleFreqApplies(const SingleFreqParams& p, int width, int invalidStride);
 
 // Same contracts as DualFreqDepth, SingleFreqDepth and EdgeFilter. Depth may differ

@@ -92,7 +92,7 @@ const char* FastPathName()
     return UseAvx2() ? "avx2" : "baseline";
 }
 
-bool FastDualFreqApplies(const DualFreqParams& p, int /*width*/)
+bool FastDualFreqApplies(const DualFreqParams& p)
 {
     return p.frequency1 != p.frequency2 && p.flipMode >= 0 && p.flipMode <= 3 &&
            (p.binning == 1 || p.binning == 2) && MinValidEnergy(p.amplitudeThreshold) <= kExactFloatEnergy;
