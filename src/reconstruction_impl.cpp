@@ -24,6 +24,7 @@
 #include "registration/map_depth_to_rgb.h"
 #include "common/numeric.h"
 #include "registration/rgbd_geometry.h"
+#include "registration/register_fast.h"
 
 namespace qvapi {
 
@@ -138,6 +139,8 @@ void ReconstructionImpl::ReleaseBuffers()
     m_fppnOffsetHalf.reset();
     m_fppnOffset2Half.reset();
     m_radialToZHalf.reset();
+    m_registrationBgr = std::vector<uint8_t>();
+    m_registrationLanded = std::vector<uint16_t>();
     m_freqParam[0] = FrequencyParam{};
     m_freqParam[1] = FrequencyParam{};
     m_initialized = false;
@@ -293,11 +296,11 @@ void ReconstructionImpl::GetRgbdRt()
     m_depthUndistortMapY = g.depthMapY;
     m_colorUndistortMapX = g.colorMapX;
     m_colorUndistortMapY = g.colorMapY;
-    // Nearest-pixel positions of the colour map as integers, once per Init: remap
-    // reads them without rounding floats on every frame.
-    cv::Mat unused;
-    cv::convertMaps(m_colorUndistortMapX, m_colorUndistortMapY, m_colorRemapFixed, unused, CV_16SC2,
-                    true);
+    // The colour map's nearest source pixels as byte offsets, once per Init: the
+    // fast registration copies pixels without rounding floats on every frame.
+    cv::Mat nearest, unused;
+    cv::convertMaps(m_colorUndistortMapX, m_colorUndistortMapY, nearest, unused, CV_16SC2, true);
+    m_colorNearestOffset = NearestOffsets(nearest, kColourWidth, kColourHeight);
 }
 
 // ---------------------------------------------------------------- depth
@@ -534,16 +537,6 @@ int32_t ReconstructionImpl::MapDepthToRGB(uint8_t** image, uint16_t** depth, uin
 
     m_width = 640;
     m_height = 480;
-    const cv::Mat yuv(colorHeight * 3 / 2, colorWidth, CV_8UC1, nv12);
-    cv::Mat bgr, undistorted;
-    cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
-    if (m_fastPaths)  // the same nearest pixels from the fixed-point map
-        cv::remap(bgr, undistorted, m_colorRemapFixed, cv::noArray(), cv::INTER_NEAREST,
-                  cv::BORDER_CONSTANT, cv::Scalar(0));
-    else
-        cv::remap(bgr, undistorted, m_colorUndistortMapX, m_colorUndistortMapY, cv::INTER_NEAREST,
-                  cv::BORDER_CONSTANT, cv::Scalar(0));
-
     // Reference depth at the frame's centre; a fallback of 0 is not stored.
     const bool fallbackFromRecord = m_workParam.vectorCount >= 6;
     const int32_t reference = CentreReferenceDepth(
@@ -551,25 +544,79 @@ int32_t ReconstructionImpl::MapDepthToRGB(uint8_t** image, uint16_t** depth, uin
     if ((reference & 0xFFFF) != 0)
         m_centerDepth = static_cast<int16_t>(reference);
 
-    cv::Mat landed(colorHeight, colorWidth, CV_16UC1, cv::Scalar(0)), registered;
-    ProjectDepthToColour(*depth, m_rectifyMapX.get(), m_rectifyMapY.get(),
-                         MakeRegistrationParams(m_workParam),
-                         reinterpret_cast<uint16_t*>(landed.data), colorWidth, colorHeight);
-    cv::medianBlur(landed, registered, 5);
-
     // Both outputs exist before the caller's depth buffer is released, so a failed
     // allocation leaves the caller's pointers as they were.
     const size_t n = static_cast<size_t>(colorWidth) * colorHeight;
     std::unique_ptr<uint8_t[]> colourOut(new uint8_t[3 * n]);
     std::unique_ptr<uint16_t[]> depthOut(new uint16_t[n]);
-    std::memcpy(colourOut.get(), undistorted.data, 3 * n);
-    std::memcpy(depthOut.get(), registered.data, 2 * n);
+    const cv::Mat yuv(colorHeight * 3 / 2, colorWidth, CV_8UC1, nv12);
+    cv::Mat registered(colorHeight, colorWidth, CV_16UC1, depthOut.get());
+    if (m_fastPaths)
+        RegisterFast(yuv, *depth, colourOut.get(), registered);
+    else
+        RegisterReference(yuv, *depth, colourOut.get(), registered);
     delete[] *depth;
     *depth = depthOut.release();
     *image = colourOut.release();
-    width = registered.cols;
-    height = registered.rows;
+    width = colorWidth;
+    height = colorHeight;
     return STATUS_OK;
+}
+
+void ReconstructionImpl::RegisterReference(const cv::Mat& yuv, const uint16_t* depth,
+                                           uint8_t* colourOut, cv::Mat& registered)
+{
+    cv::Mat bgr, undistorted;
+    cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
+    cv::remap(bgr, undistorted, m_colorUndistortMapX, m_colorUndistortMapY, cv::INTER_NEAREST,
+              cv::BORDER_CONSTANT, cv::Scalar(0));
+    cv::Mat landed(registered.size(), CV_16UC1, cv::Scalar(0)), filtered;
+    ProjectDepthToColour(depth, m_rectifyMapX.get(), m_rectifyMapY.get(),
+                         MakeRegistrationParams(m_workParam),
+                         reinterpret_cast<uint16_t*>(landed.data), landed.cols, landed.rows);
+    cv::medianBlur(landed, filtered, 5);
+    std::memcpy(colourOut, undistorted.data, undistorted.total() * undistorted.elemSize());
+    filtered.copyTo(registered);
+}
+
+void ReconstructionImpl::RegisterFast(const cv::Mat& yuv, const uint16_t* depth,
+                                      uint8_t* colourOut, cv::Mat& registered)
+{
+    const size_t n = registered.total();
+    // The BGR image is followed by a black pixel (where the map points outside the
+    // image) and one spare byte; the landed depth is zero between calls.
+    if (m_registrationBgr.size() != 3 * n + 4)
+        m_registrationBgr.assign(3 * n + 4, 0);
+    if (m_registrationLanded.size() != n)
+        m_registrationLanded.assign(n, 0);
+    cv::Mat bgr(registered.size(), CV_8UC3, m_registrationBgr.data());
+    cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
+    CV_Assert(bgr.data == m_registrationBgr.data());
+    RemapNearestBgr(bgr.data, m_colorNearestOffset.ptr<int32_t>(), n, colourOut);
+
+    cv::Mat landed(registered.size(), CV_16UC1, m_registrationLanded.data());
+    int32_t rows[2 * 640];
+    // Cleared on every way out, so the next call starts from zero.
+    struct Clear {
+        std::vector<uint16_t>& v;
+        ptrdiff_t width;
+        LandingBounds b;
+        bool all = true;
+        ~Clear()
+        {
+            if (all)
+                std::fill(v.begin(), v.end(), 0);
+            else
+                for (int y = b.top; y <= b.bottom; ++y)
+                    std::fill_n(v.begin() + y * width + b.left,
+                                b.right - b.left + 1, 0);
+        }
+    } clear{m_registrationLanded, landed.cols, {}};
+    clear.b = ProjectDepthToColourFast(depth, m_rectifyMapX.get(), m_rectifyMapY.get(),
+                                       MakeRegistrationParams(m_workParam),
+                                       m_registrationLanded.data(), landed.cols, landed.rows, rows);
+    clear.all = false;
+    MedianOverLandings(landed, clear.b, registered);
 }
 
 // ---------------------------------------------------------------- post-filters and recorder

@@ -135,7 +135,12 @@ public:
     float m_depthToColorMatrix[16] = {};
     cv::Mat m_depthUndistortMapX, m_depthUndistortMapY;
     cv::Mat m_colorUndistortMapX, m_colorUndistortMapY;
-    cv::Mat m_colorRemapFixed;  // the colour map's nearest positions, CV_16SC2
+    // Byte offset of each undistorted colour pixel's nearest source pixel (CV_32SC1).
+    cv::Mat m_colorNearestOffset;
+    // Working images of the fast registration, kept between calls: the BGR colour
+    // with a black pixel after it, and the landed depth (all zero between calls).
+    std::vector<uint8_t> m_registrationBgr;
+    std::vector<uint16_t> m_registrationLanded;
     int16_t m_centerDepth = 0;
     int32_t m_plyFileCounter = 0;
 
@@ -158,6 +163,12 @@ public:
     static constexpr int kMaxFrameHeight = 480;
 
 private:
+    // The two ways of registering a depth frame onto the colour camera, writing the
+    // undistorted colour and the filtered registered depth into the caller's buffers.
+    void RegisterReference(const cv::Mat& yuv, const uint16_t* depth, uint8_t* colourOut,
+                           cv::Mat& registered);
+    void RegisterFast(const cv::Mat& yuv, const uint16_t* depth, uint8_t* colourOut,
+                      cv::Mat& registered);
     // Frees every table and resets the frequency sets; the caller holds the lock.
     void ReleaseBuffers();
     // Init's work once the lock is held and the previous tables are gone.

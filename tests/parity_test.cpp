@@ -16,6 +16,7 @@
 #include "depth/edge_filter.h"
 #include "depth/fast/depth_fast.h"
 #include "depth/single_freq.h"
+#include "registration/register_fast.h"
 #include "reconstruction_impl.h"
 #include "sample_calibration.h"
 #include "simulator.h"
@@ -228,14 +229,79 @@ TEST(Parity, ColouringPointsAndColourRemapAreExact)
         }
     }
 
+}
+
+TEST(Parity, RegistrationKernels)
+{
     Instance in(DEVICE_GENERIC, STREAM_DUAL_FREQ);
-    cv::Mat bgr(1080, 1920, CV_8UC3), a, b;
+    // Undistortion through the offset table: the same pixels as remap through the maps.
+    cv::Mat bgr(1080, 1920, CV_8UC3), a;
     cv::randu(bgr, 0, 256);
     cv::remap(bgr, a, in.r->m_colorUndistortMapX, in.r->m_colorUndistortMapY, cv::INTER_NEAREST,
               cv::BORDER_CONSTANT, cv::Scalar(0));
-    cv::remap(bgr, b, in.r->m_colorRemapFixed, cv::noArray(), cv::INTER_NEAREST, cv::BORDER_CONSTANT,
-              cv::Scalar(0));
-    EXPECT_EQ(cv::norm(a, b, cv::NORM_INF), 0.0);
+    std::vector<uint8_t> padded(bgr.data, bgr.data + bgr.total() * 3);
+    padded.resize(padded.size() + 4, 0);
+    std::vector<uint8_t> b(padded.size() - 4, 7);
+    RemapNearestBgr(padded.data(), in.r->m_colorNearestOffset.ptr<int32_t>(), bgr.total(), b.data());
+    EXPECT_EQ(std::memcmp(a.data, b.data(), b.size()), 0);
+    // A map that also points outside the image on every side.
+    cv::Mat mapX(1080, 1920, CV_32F), mapY(1080, 1920, CV_32F), nearest, unused, c;
+    cv::randu(mapX, -3.0, 1923.0);
+    cv::randu(mapY, -3.0, 1083.0);
+    cv::convertMaps(mapX, mapY, nearest, unused, CV_16SC2, true);
+    cv::remap(bgr, a, mapX, mapY, cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
+    const cv::Mat offsets = NearestOffsets(nearest, 1920, 1080);
+    RemapNearestBgr(padded.data(), offsets.ptr<int32_t>(), bgr.total(), b.data());
+    EXPECT_EQ(std::memcmp(a.data, b.data(), b.size()), 0);
+    EXPECT_GT(cv::countNonZero(offsets == 1920 * 1080 * 3), 1000);
+
+    // Projection and median, against the plain loop and a median over the whole image,
+    // for dense, sparse, single-pixel and empty frames, and a geometry that folds every
+    // point onto one column (no colour lens: fx 0).
+    std::mt19937 rng(11);
+    const RegistrationParams normal = MakeRegistrationParams(in.r->m_workParam);
+    CameraCalibrationParam noLens = in.r->m_workParam;
+    noLens.rgbLens.fx = 0.0f;
+    const RegistrationParams folded = MakeRegistrationParams(noLens);
+    std::vector<std::vector<uint16_t>> frames;
+    for (int density : {100, 30, 2}) {
+        std::vector<uint16_t> f(640 * 480, 0);
+        // A fifth of the depths are marks and small values around the limits (9, 10).
+        std::uniform_int_distribution<int> pick(0, 99), depthOf(0, 8000), small(0, 12);
+        for (uint16_t& d : f)
+            d = pick(rng) >= density ? 0 : static_cast<uint16_t>(pick(rng) < 20 ? small(rng) : depthOf(rng));
+        frames.push_back(f);
+    }
+    for (size_t corner : {size_t(0), size_t(639), size_t(479 * 640), size_t(480 * 640 - 1), size_t(240 * 640 + 320)}) {
+        std::vector<uint16_t> f(640 * 480, 0);
+        for (uint16_t d : {uint16_t(10), uint16_t(300), uint16_t(7000)}) {
+            f[corner] = d;
+            frames.push_back(f);
+        }
+    }
+    frames.emplace_back(640 * 480, 0);
+    int32_t scratch[2 * 640];
+    for (const RegistrationParams* p : {&normal, &folded}) {
+        for (size_t k = 0; k < frames.size(); ++k) {
+            cv::Mat ref(1080, 1920, CV_16UC1, cv::Scalar(0)), fast(1080, 1920, CV_16UC1, cv::Scalar(0));
+            ProjectDepthToColour(frames[k].data(), in.r->m_rectifyMapX.get(), in.r->m_rectifyMapY.get(), *p,
+                                 ref.ptr<uint16_t>(), 1920, 1080);
+            const LandingBounds bounds = ProjectDepthToColourFast(
+                frames[k].data(), in.r->m_rectifyMapX.get(), in.r->m_rectifyMapY.get(), *p,
+                fast.ptr<uint16_t>(), 1920, 1080, scratch);
+            ASSERT_EQ(cv::norm(ref, fast, cv::NORM_INF), 0.0) << "frame " << k;
+            // Nothing was written outside the bounds.
+            cv::Mat outside = fast.clone();
+            if (bounds.right >= bounds.left)
+                outside(cv::Rect(bounds.left, bounds.top, bounds.right - bounds.left + 1,
+                                 bounds.bottom - bounds.top + 1)).setTo(0);
+            ASSERT_EQ(cv::countNonZero(outside), 0) << "frame " << k;
+            cv::Mat refMedian, fastMedian(1080, 1920, CV_16UC1, cv::Scalar(55));
+            cv::medianBlur(ref, refMedian, 5);
+            MedianOverLandings(fast, bounds, fastMedian);
+            ASSERT_EQ(cv::norm(refMedian, fastMedian, cv::NORM_INF), 0.0) << "frame " << k;
+        }
+    }
 }
 
 TEST(Parity, WholeOperationsWithAndWithoutFastPaths)

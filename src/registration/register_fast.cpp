@@ -1,0 +1,165 @@
+#include "registration/register_fast.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include <opencv2/imgproc.hpp>
+
+namespace qvapi {
+namespace {
+
+constexpr int kDepthWidth = 640;
+constexpr int kDepthHeight = 480;
+
+// One depth row through the registration geometry: target[c] is the index of the
+// colour pixel depth pixel c lands on (-1: skipped); column[c] is that pixel's column
+// when the landing fills its neighbours and the column's complement (negative) when
+// it lies too near the border to. The arithmetic is the scalar kernel's, operation
+// for operation; the loop has no branches so the compiler vectorises it.
+__attribute__((noinline)) void ProjectRow(const uint16_t* __restrict depth,
+                                          const float* __restrict rayX,
+                                          const float* __restrict rayY, const RegistrationParams& p,
+                                          int width, int height, int32_t* __restrict target,
+                                          int32_t* __restrict column)
+{
+    const float r0 = p.R[0], r1 = p.R[1], r2 = p.R[2], r3 = p.R[3], r4 = p.R[4], r5 = p.R[5],
+                r6 = p.R[6], r7 = p.R[7], r8 = p.R[8];
+    const float t0 = p.t[0], t1 = p.t[1], t2 = p.t[2];
+    const float fx = p.fx, fy = p.fy, cx = p.cx, cy = p.cy;
+    const float w = static_cast<float>(width), h = static_cast<float>(height);
+    for (int c = 0; c < kDepthWidth; ++c) {
+        const int d = depth[c];
+        const float Z = static_cast<float>(d);
+        const float X = rayX[c] * Z;
+        const float Y = rayY[c] * Z;
+        const float xc = r0 * X + r1 * Y + r2 * Z + t0;
+        const float yc = r3 * X + r4 * Y + r5 * Z + t1;
+        const float zc = r6 * X + r7 * Y + r8 * Z + t2;
+        const float fu = (xc / zc) * fx + cx;
+        const float fv = (yc / zc) * fy + cy;
+        // NaN fails every comparison and lands nowhere.
+        const bool lands = (d > 9) & (fu > -1.0f) & (fu < w) & (fv > -1.0f) & (fv < h);
+        // Only in-range values are converted (others would be undefined).
+        const int u = static_cast<int>(lands ? fu : 0.0f);
+        const int v = static_cast<int>(lands ? fv : 0.0f);
+        const int mask = lands ? -1 : 0;
+        target[c] = (v * width + u) | ~mask;
+        const bool inner = (u >= 2) & (u <= width - 3) & (v >= 2) & (v <= height - 3);
+        column[c] = inner ? u : ~u;
+    }
+}
+
+}  // namespace
+
+cv::Mat NearestOffsets(const cv::Mat& nearest, int srcWidth, int srcHeight)
+{
+    CV_Assert(nearest.type() == CV_16SC2);
+    const int32_t black = srcWidth * srcHeight * 3;
+    cv::Mat out(nearest.size(), CV_32SC1);
+    for (int y = 0; y < nearest.rows; ++y) {
+        const int16_t* m = nearest.ptr<int16_t>(y);
+        int32_t* o = out.ptr<int32_t>(y);
+        for (int x = 0; x < nearest.cols; ++x) {
+            const int sx = m[2 * x], sy = m[2 * x + 1];
+            const bool inside = static_cast<unsigned>(sx) < static_cast<unsigned>(srcWidth) &&
+                                static_cast<unsigned>(sy) < static_cast<unsigned>(srcHeight);
+            o[x] = inside ? (sy * srcWidth + sx) * 3 : black;
+        }
+    }
+    return out;
+}
+
+void RemapNearestBgr(const uint8_t* bgr, const int32_t* offsets, size_t n, uint8_t* out)
+{
+    if (n == 0)
+        return;
+    // Four bytes are moved per pixel; the fourth lands on the next pixel's first byte,
+    // which the next step overwrites. The last pixel moves exactly three.
+    for (size_t i = 0; i + 1 < n; ++i) {
+        uint32_t px;
+        std::memcpy(&px, bgr + offsets[i], 4);
+        std::memcpy(out + 3 * i, &px, 4);
+    }
+    std::memcpy(out + 3 * (n - 1), bgr + offsets[n - 1], 3);
+}
+
+LandingBounds ProjectDepthToColourFast(const uint16_t* depth, const float* rayX,
+                                       const float* rayY, const RegistrationParams& p,
+                                       uint16_t* registered, int width, int height,
+                                       int32_t* scratch)
+{
+    int32_t* target = scratch;
+    int32_t* column = scratch + kDepthWidth;
+    const ptrdiff_t w = width;
+    // Neighbours filled around a landing (their order does not matter: each one that
+    // still holds 9 or less takes the same depth).
+    const ptrdiff_t around[11] = {-1, -w, -w - 1, 1, w - 1, -w + 1, w, w + 1, -2 * w - 2, -2, -2 * w};
+    int32_t first = INT32_MAX, last = -1;
+    int left = INT_MAX, right = -1;
+    for (int r = 0; r < kDepthHeight; ++r) {
+        const size_t i0 = static_cast<size_t>(r) * kDepthWidth;
+        ProjectRow(depth + i0, rayX + i0, rayY + i0, p, width, height, target, column);
+        for (int c = 0; c < kDepthWidth; ++c) {
+            const int32_t t = target[c];
+            if (t < 0)
+                continue;
+            const uint16_t d = depth[i0 + c];
+            uint16_t* q = registered + t;
+            *q = d;
+            const int32_t u = column[c] < 0 ? ~column[c] : column[c];
+            first = std::min(first, t);
+            last = std::max(last, t);
+            left = std::min(left, u);
+            right = std::max(right, u);
+            if (column[c] < 0)
+                continue;
+            for (const ptrdiff_t a : around)
+                q[a] = q[a] <= 9 ? d : q[a];
+        }
+    }
+    LandingBounds b;
+    if (last < 0)
+        return b;
+    // A landing fills at most two pixels to the left and above and one to the right
+    // and below.
+    b.left = std::max(left - 2, 0);
+    b.right = std::min(right + 1, width - 1);
+    b.top = std::max(first / width - 2, 0);
+    b.bottom = std::min(last / width + 1, height - 1);
+    return b;
+}
+
+void MedianOverLandings(const cv::Mat& registered, const LandingBounds& bounds, cv::Mat& out)
+{
+    CV_Assert(registered.type() == CV_16UC1 && out.type() == CV_16UC1 &&
+              registered.size() == out.size());
+    if (bounds.right < bounds.left || bounds.bottom < bounds.top) {
+        out.setTo(0);
+        return;
+    }
+    // Outside the bounds the image is zero, so a 5 x 5 window farther than two pixels
+    // from them sees zeros only. The filter replicates its region's border; with a
+    // margin of zeros around the bounds the replicated values are the image's own.
+    const int margin = 4;
+    const int x0 = std::max(bounds.left - margin, 0);
+    const int x1 = std::min(bounds.right + margin, registered.cols - 1);
+    const int y0 = std::max(bounds.top - margin, 0);
+    const int y1 = std::min(bounds.bottom + margin, registered.rows - 1);
+    const cv::Rect roi(x0, y0, x1 - x0 + 1, y1 - y0 + 1);
+    for (int y = 0; y < out.rows; ++y) {
+        uint16_t* row = out.ptr<uint16_t>(y);
+        if (y < y0 || y > y1) {
+            std::memset(row, 0, sizeof(uint16_t) * out.cols);
+        } else {
+            std::memset(row, 0, sizeof(uint16_t) * x0);
+            std::memset(row + x1 + 1, 0, sizeof(uint16_t) * (out.cols - x1 - 1));
+        }
+    }
+    cv::Mat dst = out(roi);
+    const uint8_t* before = dst.data;
+    cv::medianBlur(registered(roi), dst, 5);
+    CV_Assert(dst.data == before);  // filtered in the caller's buffer
+}
+
+}  // namespace qvapi
