@@ -29,7 +29,8 @@ constexpr float kHalfPi = 1.57079632679490f;
 constexpr float kQuarterPi = 0.78539816339745f;
 
 // atan2 within about 1e-7 rad: atan on [0, 1], reduced to |u| <= tan(pi/8) by
-// atan(t) = pi/4 + atan((t - 1) / (t + 1)) above tan(pi/8), where a degree-17 odd
+// atan(t) = pi/4 + atan((t - 1) / (t + 1)) above tan(pi/8) (formed from lo and hi
+// directly, so one division serves both cases), where a degree-17 odd
 // polynomial (Abramowitz and Stegun 4.4.49) is far below float resolution; then folded
 // into the four quadrants. Exact for the common exact cases: atan2(0, 0) = 0,
 // atan2(0, x < 0) = pi (integer differences give +0), and |y| = |x| (pi/4 multiples).
@@ -38,9 +39,11 @@ inline float Atan2(float y, float x)
     const float ax = std::fabs(x), ay = std::fabs(y);
     const float hi = ax > ay ? ax : ay;
     const float lo = ax > ay ? ay : ax;
-    const float t = lo / std::max(hi, 1.0e-30f);  // 0 / 0 would be NaN; lo is 0 then
-    const bool reduce = t > 0.41421356f;
-    const float u = reduce ? (t - 1.0f) / (t + 1.0f) : t;
+    // One division: above tan(pi/8), u = (t - 1) / (t + 1) = (lo - hi) / (lo + hi).
+    const bool reduce = lo > 0.41421356f * hi;
+    const float num = reduce ? lo - hi : lo;
+    const float den = reduce ? lo + hi : std::max(hi, 1.0e-30f);  // 0 / 0 would be NaN; lo is 0 then
+    const float u = num / den;
     const float s = u * u;
     float p = 0.0028662257f;
     p = p * s - 0.0161657367f;
