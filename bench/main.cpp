@@ -8,6 +8,8 @@
 
 #include <opencv2/core/utility.hpp>
 
+#include "depth/fast/depth_fast.h"
+
 namespace {
 
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -74,6 +76,8 @@ int main(int argc, char** argv)
     // on the calling thread.
     cv::setNumThreads(1);
     benchmark::Initialize(&argc, argv);
+    // Which compilation of the depth kernels ran (QV_KERNELS=baseline|avx2 caps it).
+    benchmark::AddCustomContext("depth kernels", qvapi::FastPathName());
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
     RatioReporter reporter;

@@ -34,7 +34,7 @@ void SingleFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int he
                          const float* radialToZ);
 void EdgeFilterFast(uint16_t* depth, int width, int height);
 
-// The instruction set the fast paths run with ("avx2", "baseline"), or "scalar" when
+// The instruction set the fast paths run with ("avx512", "avx2", "baseline"), or "scalar" when
 // the build forces the scalar kernels.
 const char* FastPathName();
 // False in a build configured with QV_FORCE_SCALAR: the instance then runs the

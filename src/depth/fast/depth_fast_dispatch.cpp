@@ -28,28 +28,55 @@ QV_DECLARE_KERNELS(baseline)
 #if defined(QV_HAVE_AVX2_KERNELS)
 QV_DECLARE_KERNELS(avx2)
 #endif
+#if defined(QV_HAVE_AVX512_KERNELS)
+QV_DECLARE_KERNELS(avx512)
+#endif
 
 namespace {
 
 constexpr int64_t kExactFloatEnergy = int64_t(1) << 24;
 
-// AVX2 with FMA when the processor has it, unless the environment variable
-// QV_KERNELS is "baseline" (to compare the two on one machine).
-bool UseAvx2()
+enum class KernelSet { Baseline, Avx2, Avx512 };
+
+// The widest instruction set the processor has: AVX-512 (F, BW, DQ, VL) with 512-bit
+// vectors, AVX2 with FMA, or the baseline. The environment variable QV_KERNELS
+// ("baseline", "avx2") caps the choice, to compare them on one machine.
+KernelSet Kernels()
 {
+    static const KernelSet chosen = [] {
+        KernelSet best = KernelSet::Baseline;
 #if defined(QV_HAVE_AVX2_KERNELS)
-    static const bool avx2 = [] {
-        const char* choice = std::getenv("QV_KERNELS");
-        if (choice != nullptr && std::string(choice) == "baseline")
-            return false;
         __builtin_cpu_init();
-        return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-    }();
-    return avx2;
-#else
-    return false;
+        if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
+            best = KernelSet::Avx2;
+#if defined(QV_HAVE_AVX512_KERNELS)
+        if (best == KernelSet::Avx2 && __builtin_cpu_supports("avx512f") &&
+            __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq") &&
+            __builtin_cpu_supports("avx512vl"))
+            best = KernelSet::Avx512;
 #endif
+#endif
+        const char* cap = std::getenv("QV_KERNELS");
+        if (cap != nullptr && std::string(cap) == "baseline")
+            return KernelSet::Baseline;
+        if (cap != nullptr && std::string(cap) == "avx2" && best == KernelSet::Avx512)
+            return KernelSet::Avx2;
+        return best;
+    }();
+    return chosen;
 }
+
+// Calls the kernel `name` of the chosen instruction set.
+#if defined(QV_HAVE_AVX512_KERNELS)
+#define QV_KERNEL(name)                                                                          \
+    (Kernels() == KernelSet::Avx512 ? avx512::name                                             \
+     : Kernels() == KernelSet::Avx2 ? avx2::name                                               \
+                                    : baseline::name)
+#elif defined(QV_HAVE_AVX2_KERNELS)
+#define QV_KERNEL(name) (Kernels() == KernelSet::Avx2 ? avx2::name : baseline::name)
+#else
+#define QV_KERNEL(name) baseline::name
+#endif
 
 // The amplitude test of the scalar kernels for an energy I^2 + Q^2.
 bool Strong(int64_t energy, float threshold)
@@ -89,7 +116,11 @@ const char* FastPathName()
 {
     if (!FastPathsEnabled())
         return "scalar";
-    return UseAvx2() ? "avx2" : "baseline";
+    switch (Kernels()) {
+    case KernelSet::Avx512: return "avx512";
+    case KernelSet::Avx2: return "avx2";
+    default: return "baseline";
+    }
 }
 
 bool FastDualFreqApplies(const DualFreqParams& p)
@@ -113,15 +144,8 @@ void DualFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int heig
     const float minEnergy = static_cast<float>(MinValidEnergy(p.amplitudeThreshold));
     // Row scratch of the kernels: 13 rows of floats (bytes rows take a float row each).
     std::vector<float> scratch(13 * static_cast<size_t>(width));
-    const auto rows = UseAvx2() ?
-#if defined(QV_HAVE_AVX2_KERNELS)
-                                avx2::DualFreqDepthRows
-#else
-                                baseline::DualFreqDepthRows
-#endif
-                                : baseline::DualFreqDepthRows;
-    rows(raw, depth, width, height, p, fppn1, fppn2, radialToZ, comp1, comp2, minEnergy, scratch.data(),
-         last);
+    QV_KERNEL(DualFreqDepthRows)(raw, depth, width, height, p, fppn1, fppn2, radialToZ, comp1, comp2,
+                                 minEnergy, scratch.data(), last);
 }
 
 void SingleFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int height,
@@ -134,23 +158,14 @@ void SingleFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int he
         return;
     const float half = static_cast<float>(p.rangeMm * 0.5 - comp);
     const float minEnergy = static_cast<float>(MinValidEnergy(p.amplitudeThreshold));
-#if defined(QV_HAVE_AVX2_KERNELS)
-    if (UseAvx2())
-        return avx2::SingleFreqDepthFrame(raw, depth, width, height, p, fppnOffset, radialToZ, half, minEnergy);
-#endif
-    baseline::SingleFreqDepthFrame(raw, depth, width, height, p, fppnOffset, radialToZ, half, minEnergy);
+    QV_KERNEL(SingleFreqDepthFrame)(raw, depth, width, height, p, fppnOffset, radialToZ, half, minEnergy);
 }
 
 void EdgeFilterFast(uint16_t* depth, int width, int height)
 {
     if (depth == nullptr || width <= 0 || height <= 2)
         return EdgeFilter(depth, width, height);
-#if defined(QV_HAVE_AVX2_KERNELS)
-    const bool done = UseAvx2() ? avx2::EdgeFilterRows(depth, width, height)
-                                : baseline::EdgeFilterRows(depth, width, height);
-#else
-    const bool done = baseline::EdgeFilterRows(depth, width, height);
-#endif
+    const bool done = QV_KERNEL(EdgeFilterRows)(depth, width, height);
     if (!done)
         EdgeFilter(depth, width, height);
 }
