@@ -304,6 +304,28 @@ TEST(Parity, RegistrationKernels)
     }
 }
 
+TEST(Parity, MedianEqualsOpenCvs)
+{
+    std::mt19937 rng(21);
+    const std::pair<int, int> sizes[] = {{1, 1}, {1, 9}, {7, 1}, {2, 3}, {5, 5}, {6, 4},
+                                         {33, 17}, {64, 31}, {65, 66}, {640, 480}};
+    for (const auto& [w, h] : sizes) {
+        for (int spread : {3, 65536}) {  // many ties, then anything
+            cv::Mat src(h, w, CV_16UC1), ref;
+            std::uniform_int_distribution<int> value(0, spread - 1);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                    src.at<uint16_t>(y, x) = static_cast<uint16_t>(value(rng));
+            cv::medianBlur(src, ref, 5);
+            // Written into a wider image: the step is honoured and nothing beside is touched.
+            cv::Mat wide(h, w + 3, CV_16UC1, cv::Scalar(777));
+            MedianBlur5x5(src.ptr<uint16_t>(), src.step1(), wide.ptr<uint16_t>(), wide.step1(), w, h);
+            ASSERT_EQ(cv::norm(ref, wide(cv::Rect(0, 0, w, h)), cv::NORM_INF), 0.0) << w << "x" << h;
+            ASSERT_EQ(cv::countNonZero(wide(cv::Rect(w, 0, 3, h)) != 777), 0);
+        }
+    }
+}
+
 TEST(Parity, WholeOperationsWithAndWithoutFastPaths)
 {
     Instance in(DEVICE_GENERIC, STREAM_DUAL_FREQ);

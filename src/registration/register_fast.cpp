@@ -4,7 +4,7 @@
 #include <climits>
 #include <cstring>
 
-#include <opencv2/imgproc.hpp>
+#include "depth/fast/depth_fast.h"
 
 namespace qvapi {
 namespace {
@@ -115,7 +115,8 @@ LandingBounds ProjectDepthToColourFast(const uint16_t* depth, const float* rayX,
             if (column[c] < 0)
                 continue;
             for (const ptrdiff_t a : around)
-                q[a] = q[a] <= 9 ? d : q[a];
+                if (q[a] <= 9)
+                    q[a] = d;
         }
     }
     LandingBounds b;
@@ -156,10 +157,10 @@ void MedianOverLandings(const cv::Mat& registered, const LandingBounds& bounds, 
             std::memset(row + x1 + 1, 0, sizeof(uint16_t) * (out.cols - x1 - 1));
         }
     }
+    const cv::Mat src = registered(roi);
     cv::Mat dst = out(roi);
-    const uint8_t* before = dst.data;
-    cv::medianBlur(registered(roi), dst, 5);
-    CV_Assert(dst.data == before);  // filtered in the caller's buffer
+    MedianBlur5x5(src.ptr<uint16_t>(), src.step1(), dst.ptr<uint16_t>(), dst.step1(), roi.width,
+                  roi.height);
 }
 
 }  // namespace qvapi

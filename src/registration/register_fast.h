@@ -2,7 +2,8 @@
 // MapDepthToRGB (ProjectDepthToColour, cv::remap, cv::medianBlur over the whole colour
 // image), with less work: the colour is undistorted through a byte-offset table made
 // once per Init, the projection is computed a row at a time in a loop the compiler
-// vectorises, and the median runs only over the part of the image that depth reached.
+// vectorises, and the median (the library's own, vectorised for each instruction set)
+// runs only over the part of the image that depth reached.
 #ifndef QVRECONSTRUCTION_SRC_REGISTRATION_REGISTER_FAST_H
 #define QVRECONSTRUCTION_SRC_REGISTRATION_REGISTER_FAST_H
 

@@ -1,11 +1,13 @@
-// Fast paths of the per-frame depth kernels. Each has a plain scalar kernel beside it
-// (single_freq.cpp, dual_freq.cpp, edge_filter.cpp) that is the reference the parity
-// tests compare against. The fast paths are written as branch-free loops the compiler
-// vectorises; depth_fast.cpp is compiled once per instruction set and the best one
-// for the running processor is chosen at run time.
+// Fast paths of the per-frame depth kernels and of the registration's median. Each has
+// a plain kernel beside it (single_freq.cpp, dual_freq.cpp, edge_filter.cpp, OpenCV's
+// median) that is the reference the parity tests compare against. The fast paths are
+// branch-free loops the compiler vectorises; depth_fast.cpp and median5.cpp are
+// compiled once per instruction set and the best one for the running processor is
+// chosen at run time.
 #ifndef QVRECONSTRUCTION_SRC_DEPTH_FAST_DEPTH_FAST_H
 #define QVRECONSTRUCTION_SRC_DEPTH_FAST_DEPTH_FAST_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "depth/dual_freq.h"
@@ -33,6 +35,11 @@ void SingleFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int he
                          const SingleFreqParams& p, const float* fppnOffset,
                          const float* radialToZ);
 void EdgeFilterFast(uint16_t* depth, int width, int height);
+
+// The 5 x 5 median of a 16-bit image with replicated border, equal to
+// cv::medianBlur(src, dst, 5); steps in elements; src and dst must not overlap.
+void MedianBlur5x5(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep, int width,
+                   int height);
 
 // The instruction set the fast paths run with ("avx512", "avx2", "baseline"), or "scalar" when
 // the build forces the scalar kernels.

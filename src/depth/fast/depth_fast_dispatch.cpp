@@ -1,4 +1,4 @@
-// Chooses the instruction set of the fast depth kernels and checks what they can serve.
+// Chooses the instruction set of the fast kernels and checks what they can serve.
 #include <cmath>
 #include <cstdlib>
 #include <string>
@@ -23,6 +23,8 @@ namespace qvapi {
                               const float* radialToZ, float halfRangeMinusComp,                  \
                               float minEnergy);                                                  \
     bool EdgeFilterRows(uint16_t* depth, int width, int height);                                 \
+    void Median5x5Rows(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep,       \
+                       int width, int height, uint16_t* scratch);                                \
     }
 QV_DECLARE_KERNELS(baseline)
 #if defined(QV_HAVE_AVX2_KERNELS)
@@ -168,6 +170,16 @@ void EdgeFilterFast(uint16_t* depth, int width, int height)
     const bool done = QV_KERNEL(EdgeFilterRows)(depth, width, height);
     if (!done)
         EdgeFilter(depth, width, height);
+}
+
+void MedianBlur5x5(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep, int width,
+                   int height)
+{
+    if (src == nullptr || dst == nullptr || width <= 0 || height <= 0)
+        return;
+    // Five sorted rows of the window's columns, two replicated columns on each side.
+    std::vector<uint16_t> scratch(5 * (static_cast<size_t>(width) + 4));
+    QV_KERNEL(Median5x5Rows)(src, srcStep, dst, dstStep, width, height, scratch.data());
 }
 
 }  // namespace qvapi
