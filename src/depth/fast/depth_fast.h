@@ -12,6 +12,7 @@
 
 #include "depth/dual_freq.h"
 #include "depth/single_freq.h"
+#include "registration/map_depth_to_rgb.h"
 
 namespace qvapi {
 
@@ -35,6 +36,14 @@ void SingleFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int he
                          const SingleFreqParams& p, const float* fppnOffset,
                          const float* radialToZ);
 void EdgeFilterFast(uint16_t* depth, int width, int height);
+
+// One 640-pixel depth row through the registration geometry, as ProjectDepthToColour
+// computes it: target[c] is the index of the colour pixel depth pixel c lands on (-1:
+// skipped); column[c] is that pixel's column when the landing fills its neighbours and
+// the column's complement (negative) when it lies too near the border to.
+void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY,
+                     const RegistrationParams& p, int width, int height, int32_t* target,
+                     int32_t* column);
 
 // The 5 x 5 median of a 16-bit image with replicated border, equal to
 // cv::medianBlur(src, dst, 5); steps in elements; src and dst must not overlap.

@@ -8,6 +8,7 @@
 #include "depth/edge_filter.h"
 #include "depth/fast/depth_fast.h"
 #include "depth/temperature.h"
+#include "registration/map_depth_to_rgb.h"
 
 namespace qvapi {
 
@@ -25,6 +26,9 @@ namespace qvapi {
     bool EdgeFilterRows(uint16_t* depth, int width, int height);                                 \
     void Median5x5Rows(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep,       \
                        int width, int height, uint16_t* scratch);                                \
+    void ProjectRowKernel(const uint16_t* depth, const float* rayX, const float* rayY,           \
+                          const RegistrationParams& p, int width, int height, int32_t* target,   \
+                          int32_t* column);                                                      \
     }
 QV_DECLARE_KERNELS(baseline)
 #if defined(QV_HAVE_AVX2_KERNELS)
@@ -180,6 +184,13 @@ void MedianBlur5x5(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t ds
     // Five sorted rows of the window's columns, two replicated columns on each side.
     std::vector<uint16_t> scratch(5 * (static_cast<size_t>(width) + 4));
     QV_KERNEL(Median5x5Rows)(src, srcStep, dst, dstStep, width, height, scratch.data());
+}
+
+void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY,
+                     const RegistrationParams& p, int width, int height, int32_t* target,
+                     int32_t* column)
+{
+    QV_KERNEL(ProjectRowKernel)(depth, rayX, rayY, p, width, height, target, column);
 }
 
 }  // namespace qvapi
