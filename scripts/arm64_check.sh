@@ -14,7 +14,7 @@ fi
 out=${BUILD_DIR:-build}/arm64
 mkdir -p "$out"
 flags=(-std=c++17 -O3 -Wall -Wextra -ffp-contract=off -fno-trapping-math -Iinclude -Isrc)
-aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/depth/fast/depth_fast.cpp -o "$out/depth_fast.o"
+aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -ffp-contract=fast -c src/depth/fast/depth_fast.cpp -o "$out/depth_fast.o"
 aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/registration/median5.cpp -o "$out/median5.o"
 aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/registration/project_row.cpp -o "$out/project_row.o"
 aarch64-linux-gnu-g++ "${flags[@]}" -static -o "$out/kernel_parity" tests/arm64/kernel_parity_main.cpp \
