@@ -197,6 +197,18 @@ TEST(Parity, EdgeFilterIsExact)
             }
         }
     }
+    // Block means on both sides of each band's edge, deviations around each threshold.
+    for (int edge : {0, 1000, 2000, 3000, 4000, 5000}) {
+        std::uniform_int_distribution<int> near(-3, 3), spread(-90, 90);
+        std::vector<uint16_t> img(640 * 20);
+        for (size_t i = 0; i < img.size(); ++i)
+            img[i] = static_cast<uint16_t>(
+                std::max(0, edge + near(rng) + (i % 3 == 0 ? spread(rng) : 0)));
+        std::vector<uint16_t> ref = img, fast = img;
+        EdgeFilter(ref.data(), 640, 20);
+        EdgeFilterFast(fast.data(), 640, 20);
+        ASSERT_EQ(ref, fast) << "means near " << edge;
+    }
 }
 
 TEST(Parity, ColouringPointsAndColourRemapAreExact)
