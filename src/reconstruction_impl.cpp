@@ -354,14 +354,16 @@ int32_t ReconstructionImpl::CalculateDepth(const uint16_t* raw, uint16_t** depth
 
 void ReconstructionImpl::FilterDepth(uint16_t* depth, int width, int height)
 {
+    if (m_fastPaths) {
+        MedianBlur3x3InPlace(depth, width, height);
+        EdgeFilterFast(depth, width, height);
+        return;
+    }
     cv::Mat view(height, width, CV_16UC1, depth);
     cv::Mat median(height, width, CV_16UC1, cv::Scalar(0));
     cv::medianBlur(view, median, 3);
     median.copyTo(view);
-    if (m_fastPaths)
-        EdgeFilterFast(depth, width, height);
-    else
-        EdgeFilter(depth, width, height);
+    EdgeFilter(depth, width, height);
 }
 
 int32_t ReconstructionImpl::DoubleFreqDepth(const uint16_t* frame1, const uint16_t* /*frame2*/,

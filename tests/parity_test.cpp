@@ -341,6 +341,12 @@ TEST(Parity, MedianEqualsOpenCvs)
             MedianBlur5x5(src.ptr<uint16_t>(), src.step1(), wide.ptr<uint16_t>(), wide.step1(), w, h);
             ASSERT_EQ(cv::norm(ref, wide(cv::Rect(0, 0, w, h)), cv::NORM_INF), 0.0) << w << "x" << h;
             ASSERT_EQ(cv::countNonZero(wide(cv::Rect(w, 0, 3, h)) != 777), 0);
+
+            // The depth pipeline's 3 x 3 median works in place.
+            cv::medianBlur(src, ref, 3);
+            cv::Mat inPlace = src.clone();
+            MedianBlur3x3InPlace(inPlace.ptr<uint16_t>(), w, h);
+            ASSERT_EQ(cv::norm(ref, inPlace, cv::NORM_INF), 0.0) << "3 x 3, " << w << "x" << h;
         }
     }
 }

@@ -45,6 +45,10 @@ void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY
                      const RegistrationParams& p, int width, int height, int32_t* target,
                      int32_t* column);
 
+// The 3 x 3 median of a 16-bit image in place, equal to cv::medianBlur(img, img, 3)
+// (replicated border).
+void MedianBlur3x3InPlace(uint16_t* img, int width, int height);
+
 // The 5 x 5 median of a 16-bit image with replicated border, equal to
 // cv::medianBlur(src, dst, 5); steps in elements; src and dst must not overlap.
 void MedianBlur5x5(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep, int width,

@@ -24,6 +24,7 @@ namespace qvapi {
                               const float* radialToZ, float halfRangeMinusComp,                  \
                               float minEnergy);                                                  \
     bool EdgeFilterRows(uint16_t* depth, int width, int height);                                 \
+    void Median3x3InPlace(uint16_t* img, int width, int height, uint16_t* scratch);              \
     void Median5x5Rows(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep,       \
                        int width, int height, uint16_t* scratch);                                \
     void ProjectRowKernel(const uint16_t* depth, const float* rayX, const float* rayY,           \
@@ -174,6 +175,14 @@ void EdgeFilterFast(uint16_t* depth, int width, int height)
     const bool done = QV_KERNEL(EdgeFilterRows)(depth, width, height);
     if (!done)
         EdgeFilter(depth, width, height);
+}
+
+void MedianBlur3x3InPlace(uint16_t* img, int width, int height)
+{
+    if (img == nullptr || width <= 0 || height <= 0)
+        return;
+    std::vector<uint16_t> scratch(4 * (static_cast<size_t>(width) + 2));
+    QV_KERNEL(Median3x3InPlace)(img, width, height, scratch.data());
 }
 
 void MedianBlur5x5(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep, int width,
