@@ -158,15 +158,16 @@ void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
     }
 }
 
-// 2. The row's calibration at the flipped, binned positions, contiguous.
+// 2. The row's calibration at the flipped, binned positions, made contiguous (only
+// needed when the positions run backwards or skip).
 template <int Step>
 void RowCalibration(const float* __restrict f1, const float* __restrict f2,
                     const float* __restrict rz, int W, float* __restrict o1,
                     float* __restrict o2, float* __restrict orz)
 {
     for (int c = 0; c < W; ++c) {
-        o1[c] = Trunc(f1[Step * c]);
-        o2[c] = Trunc(f2[Step * c]);
+        o1[c] = f1[Step * c];
+        o2[c] = f2[Step * c];
         orz[c] = rz[Step * c];
     }
 }
@@ -213,6 +214,14 @@ inline __m512 WrapV(__m512 d, __m512 range)
     return _mm512_mask_sub_ps(d, _mm512_cmp_ps_mask(d, range, _CMP_GT_OQ), d, range);
 }
 
+// Trunc: the integer part, kept within +-1e9 (NaN gives -1e9).
+inline __m512 TruncV(__m512 v)
+{
+    v = _mm512_max_ps(v, _mm512_set1_ps(-1.0e9f));  // the second operand for NaN
+    v = _mm512_min_ps(v, _mm512_set1_ps(1.0e9f));
+    return _mm512_roundscale_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+}
+
 // Entry k of a 64-entry table held in four registers (k in 0..63).
 inline __m512 Lookup64(const __m512 t[4], __m512i k)
 {
@@ -222,7 +231,7 @@ inline __m512 Lookup64(const __m512 t[4], __m512i k)
 }
 
 void RowDistance(const float* __restrict iv, const float* __restrict qv,
-                 const float* __restrict fppnTrunc, const float* __restrict table,
+                 const float* __restrict fppn, const float* __restrict table,
                  float phaseToMm, float offset, float range, float step, int32_t /*foldCount*/,
                  int W, float* __restrict dOut)
 {
@@ -254,12 +263,8 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
             w1 = _mm512_i32gather_ps(k1, table, 4);
         }
         const __m512 wig = _mm512_fmadd_ps(f, w1, _mm512_mul_ps(_mm512_sub_ps(one, f), w0));
-        // Its integer part (kept within +-1e9, NaN to -1e9, like Trunc).
-        __m512 wt = _mm512_max_ps(wig, _mm512_set1_ps(-1.0e9f));
-        wt = _mm512_min_ps(wt, _mm512_set1_ps(1.0e9f));
-        wt = _mm512_roundscale_ps(wt, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
-        const __m512 corrected =
-            _mm512_sub_ps(_mm512_add_ps(d, _mm512_maskz_loadu_ps(m, fppnTrunc + c)), wt);
+        const __m512 corrected = _mm512_sub_ps(
+            _mm512_add_ps(d, TruncV(_mm512_maskz_loadu_ps(m, fppn + c))), TruncV(wig));
         _mm512_mask_storeu_ps(dOut + c, m, WrapV(corrected, vRange));
     }
 }
@@ -268,13 +273,13 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
 __attribute__((noipa))
 #endif
 void RowDistance(const float* __restrict iv, const float* __restrict qv,
-                 const float* __restrict fppnTrunc, const float* __restrict table,
+                 const float* __restrict fppn, const float* __restrict table,
                  float phaseToMm, float offset, float range, float step, int32_t foldCount,
                  int W, float* __restrict dOut)
 {
     for (int c = 0; c < W; ++c) {
         const float d = Wrap(Atan2(qv[c], iv[c]) * phaseToMm + offset, range);
-        dOut[c] = Wrap(d + fppnTrunc[c] - Trunc(Wiggling(table, step, d, foldCount)), range);
+        dOut[c] = Wrap(d + Trunc(fppn[c]) - Trunc(Wiggling(table, step, d, foldCount)), range);
     }
 }
 #endif
@@ -347,16 +352,23 @@ void DualRow(const DualRowArgs& a, int r, const DualRowScratch& s, uint16_t* out
     const size_t calRow = static_cast<size_t>(kMirrorRows ? a.height - 1 - r : r);
     const size_t first = calRow * W * Binning * Binning +
                          (kMirrorCols ? static_cast<size_t>(W - 1) * Binning : 0);
-    RowCalibration<kMirrorCols ? -Binning : Binning>(a.fppn1 + first, a.fppn2 + first,
-                                                      a.radialToZ + first, W, s.fppn1, s.fppn2,
-                                                      s.rays);
+    constexpr int kStep = kMirrorCols ? -Binning : Binning;
+    const float* fppn1 = a.fppn1 + first;
+    const float* fppn2 = a.fppn2 + first;
+    const float* rays = a.radialToZ + first;
+    if (kStep != 1) {
+        RowCalibration<kStep>(fppn1, fppn2, rays, W, s.fppn1, s.fppn2, s.rays);
+        fppn1 = s.fppn1;
+        fppn2 = s.fppn2;
+        rays = s.rays;
+    }
 
-    RowDistance(s.i1, s.q1, s.fppn1, p.table1, p.phaseToMm1, a.off1, a.range1, p.tableStep2,
+    RowDistance(s.i1, s.q1, fppn1, p.table1, p.phaseToMm1, a.off1, a.range1, p.tableStep2,
                 INT32_MAX, W, d1s);
-    RowDistance(s.i2, s.q2, s.fppn2, p.table2, p.phaseToMm2, a.off2, a.range2, p.tableStep2,
+    RowDistance(s.i2, s.q2, fppn2, p.table2, p.phaseToMm2, a.off2, a.range2, p.tableStep2,
                 INT32_MAX, W, d2s);
     const UnwrapConstants k{a.minEnergy, a.rangeC, a.ratio1, a.ratio2, a.invR1, a.invR2, a.R1, a.R2};
-    RowUnwrap(k, d1s, d2s, s.e1, s.e2, s.saturated, s.rays, W, out, reached);
+    RowUnwrap(k, d1s, d2s, s.e1, s.e2, s.saturated, rays, W, out, reached);
 }
 
 using DualRowFn = void (*)(const DualRowArgs&, int, const DualRowScratch&, uint16_t*, float*, float*,
