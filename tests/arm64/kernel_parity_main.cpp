@@ -83,29 +83,35 @@ int main()
             off += ref[i] != fast[i];
         report("edge filter", 0, off, ref.size());
     }
-    {
-        // The 5 x 5 median against sorting each window, border replicated, on widths
-        // around the vector widths and values with many ties.
+    for (int radius : {1, 2}) {
+        // The 3 x 3 (in place) and 5 x 5 medians against sorting each window, border
+        // replicated, on widths around the vector widths and values with many ties.
         size_t off = 0, n = 0;
+        const int size = 2 * radius + 1, middle = size * size / 2;
         for (int w : {1, 4, 17, 33, 70}) {
             const int h = 9;
             std::vector<uint16_t> img(static_cast<size_t>(w) * h), fast(img.size());
             for (uint16_t& v : img)
                 v = static_cast<uint16_t>(sample(rng) % (w % 2 ? 4 : 1024));
-            MedianBlur5x5(img.data(), w, fast.data(), w, w, h);
+            if (radius == 1) {
+                fast = img;
+                MedianBlur3x3InPlace(fast.data(), w, h);
+            } else {
+                MedianBlur5x5(img.data(), w, fast.data(), w, w, h);
+            }
             for (int y = 0; y < h; ++y)
                 for (int x = 0; x < w; ++x) {
                     std::vector<uint16_t> window;
-                    for (int dy = -2; dy <= 2; ++dy)
-                        for (int dx = -2; dx <= 2; ++dx)
+                    for (int dy = -radius; dy <= radius; ++dy)
+                        for (int dx = -radius; dx <= radius; ++dx)
                             window.push_back(img[static_cast<size_t>(std::min(std::max(y + dy, 0), h - 1)) * w +
                                                  std::min(std::max(x + dx, 0), w - 1)]);
-                    std::nth_element(window.begin(), window.begin() + 12, window.end());
-                    off += window[12] != fast[static_cast<size_t>(y) * w + x];
+                    std::nth_element(window.begin(), window.begin() + middle, window.end());
+                    off += window[middle] != fast[static_cast<size_t>(y) * w + x];
                     ++n;
                 }
         }
-        report("median 5 x 5", 0, off, n);
+        report(radius == 1 ? "median 3 x 3" : "median 5 x 5", 0, off, n);
     }
     std::printf("kernels: %s\n%d passed, %d failed\n", FastPathName(), passed, failed);
     return failed == 0 ? 0 : 1;
