@@ -14,11 +14,15 @@
 #include <cstring>
 
 #if defined(__AVX2__)
+#if defined(__GNUC__) && !defined(__clang__)
 // GCC 12 warns inside its own AVX-512 headers (their "undefined" pass-through operand).
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <immintrin.h>
 #pragma GCC diagnostic pop
+#else
+#include <immintrin.h>
+#endif
 #endif
 
 #include "depth/dual_freq.h"
