@@ -296,11 +296,11 @@ void ReconstructionImpl::GetRgbdRt()
     m_depthUndistortMapY = g.depthMapY;
     m_colorUndistortMapX = g.colorMapX;
     m_colorUndistortMapY = g.colorMapY;
-    // The colour map's nearest source pixels as byte offsets, once per Init: the
-    // fast registration copies pixels without rounding floats on every frame.
+    // The colour map's nearest source pixels as runs of consecutive pixels, once per
+    // Init: the fast registration copies runs without rounding floats on every frame.
     cv::Mat nearest, unused;
     cv::convertMaps(m_colorUndistortMapX, m_colorUndistortMapY, nearest, unused, CV_16SC2, true);
-    m_colorNearestOffset = NearestOffsets(nearest, kColourWidth, kColourHeight);
+    m_colorCopyRuns = NearestCopyRuns(nearest, kColourWidth, kColourHeight);
 }
 
 // ---------------------------------------------------------------- depth
@@ -585,16 +585,16 @@ void ReconstructionImpl::RegisterFast(const cv::Mat& yuv, const uint16_t* depth,
                                       uint8_t* colourOut, cv::Mat& registered)
 {
     const size_t n = registered.total();
-    // The BGR image is followed by a black pixel (where the map points outside the
-    // image) and one spare byte; the landed depth is zero between calls.
-    if (m_registrationBgr.size() != 3 * n + 4)
-        m_registrationBgr.assign(3 * n + 4, 0);
+    // The BGR image is followed by the 64 readable bytes the run copy needs; the
+    // landed depth is zero between calls.
+    if (m_registrationBgr.size() != 3 * n + 64)
+        m_registrationBgr.assign(3 * n + 64, 0);
     if (m_registrationLanded.size() != n)
         m_registrationLanded.assign(n, 0);
     cv::Mat bgr(registered.size(), CV_8UC3, m_registrationBgr.data());
     cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
     CV_Assert(bgr.data == m_registrationBgr.data());
-    RemapNearestBgr(bgr.data, m_colorNearestOffset.ptr<int32_t>(), n, colourOut);
+    RemapByRuns(bgr.data, m_colorCopyRuns.data(), m_colorCopyRuns.size(), colourOut, n);
 
     cv::Mat landed(registered.size(), CV_16UC1, m_registrationLanded.data());
     int32_t rows[2 * 640];

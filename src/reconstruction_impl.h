@@ -8,12 +8,14 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <opencv2/core.hpp>
 
 #include "calibration/lens_model.h"
 #include "frequency_param.h"
 #include "qvreconstruction/reconstruction.h"
+#include "registration/register_fast.h"
 
 namespace qvapi {
 
@@ -135,8 +137,8 @@ public:
     float m_depthToColorMatrix[16] = {};
     cv::Mat m_depthUndistortMapX, m_depthUndistortMapY;
     cv::Mat m_colorUndistortMapX, m_colorUndistortMapY;
-    // Byte offset of each undistorted colour pixel's nearest source pixel (CV_32SC1).
-    cv::Mat m_colorNearestOffset;
+    // The undistortion of the colour image as runs of consecutive source pixels.
+    std::vector<CopyRun> m_colorCopyRuns;
     // Working images of the fast registration, kept between calls: the BGR colour
     // with a black pixel after it, and the landed depth (all zero between calls).
     std::vector<uint8_t> m_registrationBgr;

@@ -253,26 +253,37 @@ TEST(Parity, ColouringPointsAndColourRemapAreExact)
 TEST(Parity, RegistrationKernels)
 {
     Instance in(DEVICE_GENERIC, STREAM_DUAL_FREQ);
-    // Undistortion through the offset table: the same pixels as remap through the maps.
+    // Undistortion by copy runs: the same pixels as remap through the maps, for the
+    // instance's map and for one that points anywhere, outside the image on every side
+    // too (runs of one pixel, black runs). Nothing is written after the image.
     cv::Mat bgr(1080, 1920, CV_8UC3), a;
     cv::randu(bgr, 0, 256);
-    cv::remap(bgr, a, in.r->m_colorUndistortMapX, in.r->m_colorUndistortMapY, cv::INTER_NEAREST,
-              cv::BORDER_CONSTANT, cv::Scalar(0));
     std::vector<uint8_t> padded(bgr.data, bgr.data + bgr.total() * 3);
-    padded.resize(padded.size() + 4, 0);
-    std::vector<uint8_t> b(padded.size() - 4, 7);
-    RemapNearestBgr(padded.data(), in.r->m_colorNearestOffset.ptr<int32_t>(), bgr.total(), b.data());
-    EXPECT_EQ(std::memcmp(a.data, b.data(), b.size()), 0);
-    // A map that also points outside the image on every side.
-    cv::Mat mapX(1080, 1920, CV_32F), mapY(1080, 1920, CV_32F), nearest, unused, c;
-    cv::randu(mapX, -3.0, 1923.0);
-    cv::randu(mapY, -3.0, 1083.0);
-    cv::convertMaps(mapX, mapY, nearest, unused, CV_16SC2, true);
-    cv::remap(bgr, a, mapX, mapY, cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
-    const cv::Mat offsets = NearestOffsets(nearest, 1920, 1080);
-    RemapNearestBgr(padded.data(), offsets.ptr<int32_t>(), bgr.total(), b.data());
-    EXPECT_EQ(std::memcmp(a.data, b.data(), b.size()), 0);
-    EXPECT_GT(cv::countNonZero(offsets == 1920 * 1080 * 3), 1000);
+    padded.resize(padded.size() + 64, 0);
+    cv::Mat anywhereX(1080, 1920, CV_32F), anywhereY(1080, 1920, CV_32F);
+    cv::randu(anywhereX, -3.0, 1923.0);
+    cv::randu(anywhereY, -3.0, 1083.0);
+    const std::pair<cv::Mat, cv::Mat> maps[] = {
+        {in.r->m_colorUndistortMapX, in.r->m_colorUndistortMapY}, {anywhereX, anywhereY}};
+    for (const auto& [mapX, mapY] : maps) {
+        cv::remap(bgr, a, mapX, mapY, cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
+        cv::Mat nearest, unused;
+        cv::convertMaps(mapX, mapY, nearest, unused, CV_16SC2, true);
+        const std::vector<CopyRun> runs = NearestCopyRuns(nearest, 1920, 1080);
+        std::vector<uint8_t> b(a.total() * 3 + 32, 7);
+        RemapByRuns(padded.data(), runs.data(), runs.size(), b.data(), a.total());
+        EXPECT_EQ(std::memcmp(a.data, b.data(), a.total() * 3), 0);
+        EXPECT_EQ(std::count(b.end() - 32, b.end(), 7), 32);
+        // Fewer pixels than the runs hold: the copy stops at n, wherever that falls.
+        for (size_t n : {size_t(1), size_t(17), size_t(1920 * 3 + 5)}) {
+            std::vector<uint8_t> part(3 * n + 32, 7);
+            RemapByRuns(padded.data(), runs.data(), runs.size(), part.data(), n);
+            EXPECT_EQ(std::memcmp(a.data, part.data(), 3 * n), 0) << n;
+            EXPECT_EQ(std::count(part.end() - 32, part.end(), 7), 32) << n;
+        }
+    }
+    // The instance's map keeps most neighbours together (what makes the copy fast).
+    EXPECT_LT(in.r->m_colorCopyRuns.size(), 1920u * 1080u / 4);
 
     // Projection and median, against the plain loop and a median over the whole image,
     // for dense, sparse, single-pixel and empty frames, and a geometry that folds every

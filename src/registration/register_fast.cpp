@@ -14,36 +14,49 @@ constexpr int kDepthHeight = 480;
 
 }  // namespace
 
-cv::Mat NearestOffsets(const cv::Mat& nearest, int srcWidth, int srcHeight)
+std::vector<CopyRun> NearestCopyRuns(const cv::Mat& nearest, int srcWidth, int srcHeight)
 {
-    CV_Assert(nearest.type() == CV_16SC2);
-    const int32_t black = srcWidth * srcHeight * 3;
-    cv::Mat out(nearest.size(), CV_32SC1);
-    for (int y = 0; y < nearest.rows; ++y) {
-        const int16_t* m = nearest.ptr<int16_t>(y);
-        int32_t* o = out.ptr<int32_t>(y);
-        for (int x = 0; x < nearest.cols; ++x) {
-            const int sx = m[2 * x], sy = m[2 * x + 1];
-            const bool inside = static_cast<unsigned>(sx) < static_cast<unsigned>(srcWidth) &&
-                                static_cast<unsigned>(sy) < static_cast<unsigned>(srcHeight);
-            o[x] = inside ? (sy * srcWidth + sx) * 3 : black;
+    CV_Assert(nearest.type() == CV_16SC2 && nearest.isContinuous());
+    const int16_t* m = nearest.ptr<int16_t>();
+    const size_t n = nearest.total();
+    std::vector<CopyRun> runs;
+    int32_t next = -2;  // the source offset that would continue the current run
+    for (size_t i = 0; i < n; ++i) {
+        const int sx = m[2 * i], sy = m[2 * i + 1];
+        const bool inside = static_cast<unsigned>(sx) < static_cast<unsigned>(srcWidth) &&
+                            static_cast<unsigned>(sy) < static_cast<unsigned>(srcHeight);
+        const int32_t source = inside ? (sy * srcWidth + sx) * 3 : -1;
+        if (source == next && !runs.empty()) {
+            runs.back().length++;
+        } else {
+            runs.push_back({source, 1});
         }
+        next = source < 0 ? -1 : source + 3;
     }
-    return out;
+    return runs;
 }
 
-void RemapNearestBgr(const uint8_t* bgr, const int32_t* offsets, size_t n, uint8_t* out)
+void RemapByRuns(const uint8_t* bgr, const CopyRun* runs, size_t count, uint8_t* out, size_t n)
 {
-    if (n == 0)
-        return;
-    // Four bytes are moved per pixel; the fourth lands on the next pixel's first byte,
-    // which the next step overwrites. The last pixel moves exactly three.
-    for (size_t i = 0; i + 1 < n; ++i) {
-        uint32_t px;
-        std::memcpy(&px, bgr + offsets[i], 4);
-        std::memcpy(out + 3 * i, &px, 4);
+    uint8_t* d = out;
+    uint8_t* const end = out + 3 * n;
+    for (size_t j = 0; j < count && d < end; ++j) {
+        const size_t bytes = std::min(3 * static_cast<size_t>(runs[j].length),
+                                      static_cast<size_t>(end - d));
+        if (runs[j].source < 0) {
+            std::memset(d, 0, bytes);
+        } else if (bytes + 64 <= static_cast<size_t>(end - d)) {
+            // Most runs are shorter than 22 pixels: two fixed pieces, no loop.
+            const uint8_t* s = bgr + runs[j].source;
+            std::memcpy(d, s, 32);
+            std::memcpy(d + 32, s + 32, 32);
+            for (size_t k = 64; k < bytes; k += 32)
+                std::memcpy(d + k, s + k, 32);
+        } else {
+            std::memcpy(d, bgr + runs[j].source, bytes);  // near the end: exactly
+        }
+        d += bytes;
     }
-    std::memcpy(out + 3 * (n - 1), bgr + offsets[n - 1], 3);
 }
 
 LandingBounds ProjectDepthToColourFast(const uint16_t* depth, const float* rayX,

@@ -1,7 +1,7 @@
 // Fast path of the depth-to-colour registration. Same results as the plain steps of
 // MapDepthToRGB (ProjectDepthToColour, cv::remap, cv::medianBlur over the whole colour
-// image), with less work: the colour is undistorted through a byte-offset table made
-// once per Init, the projection is computed a row at a time in a loop the compiler
+// image), with less work: the colour is undistorted by copying runs of consecutive
+// source pixels, found once per Init, the projection is computed a row at a time in a loop the compiler
 // vectorises, and the median (the library's own, vectorised for each instruction set)
 // runs only over the part of the image that depth reached.
 #ifndef QVRECONSTRUCTION_SRC_REGISTRATION_REGISTER_FAST_H
@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include <opencv2/core.hpp>
 
@@ -16,16 +17,24 @@
 
 namespace qvapi {
 
-// For each undistorted pixel, the byte offset of its nearest source pixel in a BGR
-// image of srcWidth x srcHeight, or srcWidth * srcHeight * 3 (the black pixel kept
-// after the image) where the map points outside it. `nearest` is the CV_16SC2 map
-// cv::convertMaps makes for nearest-neighbour remapping; the result is CV_32SC1 of
-// the same size.
-cv::Mat NearestOffsets(const cv::Mat& nearest, int srcWidth, int srcHeight);
+// A stretch of undistorted pixels whose nearest source pixels follow each other in
+// the colour image (byte offset `source` of the first one), or that all lie outside it
+// (source -1: black).
+struct CopyRun {
+    int32_t source;
+    int32_t length;  // pixels
+};
 
-// out[3i..3i+2] = bgr[offsets[i]..offsets[i]+2] for i < n. `bgr` holds the image, a
-// black pixel after it and one more byte (4-byte reads).
-void RemapNearestBgr(const uint8_t* bgr, const int32_t* offsets, size_t n, uint8_t* out);
+// The undistortion of a srcWidth x srcHeight BGR image as copy runs, in the order of
+// the undistorted pixels. `nearest` is the CV_16SC2 map cv::convertMaps makes for
+// nearest-neighbour remapping.
+std::vector<CopyRun> NearestCopyRuns(const cv::Mat& nearest, int srcWidth, int srcHeight);
+
+// out[0 .. 3n) = the n undistorted pixels the runs describe (cv::remap with nearest
+// neighbours and a black border). `bgr` holds the image and 64 more readable bytes:
+// runs are copied in 32-byte pieces, the last piece spilling onto the next run's
+// pixels, which that run then overwrites. Nothing is written at or after out + 3n.
+void RemapByRuns(const uint8_t* bgr, const CopyRun* runs, size_t count, uint8_t* out, size_t n);
 
 // Rows and columns of the registered image that can hold depth: every landing and the
 // neighbours it fills lie inside. Empty when nothing landed (right < left).
