@@ -14,6 +14,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#if defined(__AVX2__)
+#include <immintrin.h>
+#endif
+
 #ifndef QV_KERNEL_NS
 #error "QV_KERNEL_NS names the instruction set this file is compiled for"
 #endif
@@ -21,6 +25,29 @@
 namespace qvapi {
 namespace QV_KERNEL_NS {
 namespace {
+
+inline uint16_t Min(uint16_t a, uint16_t b) { return std::min(a, b); }
+inline uint16_t Max(uint16_t a, uint16_t b) { return std::max(a, b); }
+template <typename V>
+inline V Load(const uint16_t* p);
+template <>
+inline uint16_t Load<uint16_t>(const uint16_t* p) { return *p; }
+#if defined(__AVX512BW__)
+// Explicit vectors of unsigned 16-bit lanes: one instruction per minimum or maximum
+// (the vectoriser turned some pairs into a compare and two blends).
+inline __m512i Min(__m512i a, __m512i b) { return _mm512_min_epu16(a, b); }
+inline __m512i Max(__m512i a, __m512i b) { return _mm512_max_epu16(a, b); }
+template <>
+inline __m512i Load<__m512i>(const uint16_t* p) { return _mm512_loadu_si512(p); }
+#elif defined(__AVX2__)
+inline __m256i Min(__m256i a, __m256i b) { return _mm256_min_epu16(a, b); }
+inline __m256i Max(__m256i a, __m256i b) { return _mm256_max_epu16(a, b); }
+template <>
+inline __m256i Load<__m256i>(const uint16_t* p)
+{
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+}
+#endif
 
 inline void Exchange(uint16_t& a, uint16_t& b)
 {
@@ -56,149 +83,167 @@ void SortColumns(const uint16_t* __restrict r0, const uint16_t* __restrict r1,
     }
 }
 
-// out[x] = median of the sorted columns x .. x + 4 of s0..s4 (a_cr: column c, rank r).
+// The median of the sorted columns x .. x + 4 of s0..s4 (a_cr: column c, rank r), for
+// one pixel (V = uint16_t) or a vector of them.
+template <typename V>
+inline V MedianOfSortedColumnsAt(const uint16_t* __restrict s0, const uint16_t* __restrict s1,
+                                 const uint16_t* __restrict s2, const uint16_t* __restrict s3,
+                                 const uint16_t* __restrict s4, int x)
+{
+    const V a00 = Load<V>(s0 + x + 0), a01 = Load<V>(s1 + x + 0), a02 = Load<V>(s2 + x + 0), a03 = Load<V>(s3 + x + 0), a04 = Load<V>(s4 + x + 0);
+    const V a10 = Load<V>(s0 + x + 1), a11 = Load<V>(s1 + x + 1), a12 = Load<V>(s2 + x + 1), a13 = Load<V>(s3 + x + 1), a14 = Load<V>(s4 + x + 1);
+    const V a20 = Load<V>(s0 + x + 2), a21 = Load<V>(s1 + x + 2), a22 = Load<V>(s2 + x + 2), a23 = Load<V>(s3 + x + 2), a24 = Load<V>(s4 + x + 2);
+    const V a30 = Load<V>(s0 + x + 3), a31 = Load<V>(s1 + x + 3), a32 = Load<V>(s2 + x + 3), a33 = Load<V>(s3 + x + 3), a34 = Load<V>(s4 + x + 3);
+    const V a40 = Load<V>(s0 + x + 4), a41 = Load<V>(s1 + x + 4), a42 = Load<V>(s2 + x + 4), a43 = Load<V>(s3 + x + 4), a44 = Load<V>(s4 + x + 4);
+    const V t25 = Min(a00, a10);
+    const V t26 = Max(a00, a10);
+    const V t27 = Min(a30, a40);
+    const V t28 = Max(a30, a40);
+    const V t29 = Min(a20, t28);
+    const V t30 = Max(a20, t28);
+    const V t32 = Max(t29, t27);
+    const V t34 = Max(t25, t32);
+    const V t37 = Min(t26, t30);
+    const V t38 = Max(t26, t30);
+    const V t40 = Max(t37, t34);
+    const V t43 = Min(a01, a11);
+    const V t44 = Max(a01, a11);
+    const V t45 = Min(a31, a41);
+    const V t46 = Max(a31, a41);
+    const V t47 = Min(a21, t46);
+    const V t48 = Max(a21, t46);
+    const V t49 = Min(t47, t45);
+    const V t50 = Max(t47, t45);
+    const V t51 = Min(t43, t50);
+    const V t52 = Max(t43, t50);
+    const V t54 = Max(t51, t49);
+    const V t55 = Min(t44, t48);
+    const V t56 = Max(t44, t48);
+    const V t57 = Min(t55, t52);
+    const V t58 = Max(t55, t52);
+    const V t60 = Max(t57, t54);
+    const V t61 = Min(a02, a12);
+    const V t62 = Max(a02, a12);
+    const V t63 = Min(a32, a42);
+    const V t64 = Max(a32, a42);
+    const V t65 = Min(a22, t64);
+    const V t66 = Max(a22, t64);
+    const V t67 = Min(t65, t63);
+    const V t68 = Max(t65, t63);
+    const V t69 = Min(t61, t68);
+    const V t70 = Max(t61, t68);
+    const V t72 = Max(t69, t67);
+    const V t73 = Min(t62, t66);
+    const V t75 = Min(t73, t70);
+    const V t76 = Max(t73, t70);
+    const V t77 = Min(t75, t72);
+    const V t78 = Max(t75, t72);
+    const V t79 = Min(a03, a13);
+    const V t80 = Max(a03, a13);
+    const V t81 = Min(a33, a43);
+    const V t82 = Max(a33, a43);
+    const V t83 = Min(a23, t82);
+    const V t84 = Max(a23, t82);
+    const V t85 = Min(t83, t81);
+    const V t86 = Max(t83, t81);
+    const V t87 = Min(t79, t86);
+    const V t88 = Max(t79, t86);
+    const V t89 = Min(t87, t85);
+    const V t90 = Max(t87, t85);
+    const V t91 = Min(t80, t84);
+    const V t93 = Min(t91, t88);
+    const V t95 = Min(t93, t90);
+    const V t96 = Max(t93, t90);
+    const V t97 = Min(a04, a14);
+    const V t98 = Max(a04, a14);
+    const V t99 = Min(a34, a44);
+    const V t100 = Max(a34, a44);
+    const V t101 = Min(a24, t100);
+    const V t102 = Max(a24, t100);
+    const V t103 = Min(t101, t99);
+    const V t104 = Max(t101, t99);
+    const V t105 = Min(t97, t104);
+    const V t106 = Max(t97, t104);
+    const V t107 = Min(t105, t103);
+    const V t108 = Max(t105, t103);
+    const V t109 = Min(t98, t102);
+    const V t111 = Min(t109, t106);
+    const V t113 = Min(t111, t108);
+    const V t115 = Min(t40, t60);
+    const V t116 = Max(t40, t60);
+    const V t117 = Min(t56, t116);
+    const V t118 = Max(t56, t116);
+    const V t119 = Min(t38, t58);
+    const V t120 = Max(t38, t58);
+    const V t121 = Min(t119, t117);
+    const V t122 = Max(t119, t117);
+    const V t123 = Min(t120, t118);
+    const V t124 = Max(t120, t118);
+    const V t125 = Min(t77, t107);
+    const V t126 = Max(t77, t107);
+    const V t127 = Min(t76, t126);
+    const V t128 = Max(t76, t126);
+    const V t129 = Min(t78, t113);
+    const V t130 = Max(t78, t113);
+    const V t131 = Min(t129, t127);
+    const V t132 = Max(t129, t127);
+    const V t133 = Min(t130, t128);
+    const V t134 = Max(t130, t128);
+    const V t135 = Min(t115, t125);
+    const V t136 = Max(t115, t125);
+    const V t137 = Min(t124, t134);
+    const V t138 = Max(t124, t134);
+    const V t139 = Min(t137, t136);
+    const V t140 = Max(t137, t136);
+    const V t141 = Min(t122, t132);
+    const V t142 = Max(t122, t132);
+    const V t143 = Min(t141, t139);
+    const V t144 = Max(t141, t139);
+    const V t145 = Min(t142, t140);
+    const V t146 = Max(t142, t140);
+    const V t147 = Min(t121, t131);
+    const V t148 = Max(t121, t131);
+    const V t149 = Min(t123, t133);
+    const V t150 = Max(t123, t133);
+    const V t151 = Min(t149, t148);
+    const V t152 = Max(t149, t148);
+    const V t153 = Min(t147, t143);
+    const V t154 = Max(t147, t143);
+    const V t155 = Min(t151, t144);
+    const V t156 = Max(t151, t144);
+    const V t157 = Min(t152, t145);
+    const V t158 = Max(t152, t145);
+    const V t160 = Max(t150, t146);
+    const V t162 = Max(t135, t89);
+    const V t163 = Min(t160, t162);
+    const V t166 = Max(t156, t163);
+    const V t168 = Max(t154, t96);
+    const V t169 = Min(t158, t168);
+    const V t173 = Min(t169, t166);
+    const V t178 = Max(t153, t95);
+    const V t179 = Min(t138, t178);
+    const V t181 = Min(t157, t179);
+    const V t184 = Max(t155, t181);
+    const V t192 = Max(t184, t173);
+    return t192;
+}
+
+// out[x] = median of the sorted columns x .. x + 4 of s0..s4.
 void MedianOfSortedColumns(const uint16_t* __restrict s0, const uint16_t* __restrict s1,
                            const uint16_t* __restrict s2, const uint16_t* __restrict s3,
                            const uint16_t* __restrict s4, int n, uint16_t* __restrict out)
 {
-    for (int x = 0; x < n; ++x) {
-        const uint16_t a00 = s0[x + 0], a01 = s1[x + 0], a02 = s2[x + 0], a03 = s3[x + 0], a04 = s4[x + 0];
-        const uint16_t a10 = s0[x + 1], a11 = s1[x + 1], a12 = s2[x + 1], a13 = s3[x + 1], a14 = s4[x + 1];
-        const uint16_t a20 = s0[x + 2], a21 = s1[x + 2], a22 = s2[x + 2], a23 = s3[x + 2], a24 = s4[x + 2];
-        const uint16_t a30 = s0[x + 3], a31 = s1[x + 3], a32 = s2[x + 3], a33 = s3[x + 3], a34 = s4[x + 3];
-        const uint16_t a40 = s0[x + 4], a41 = s1[x + 4], a42 = s2[x + 4], a43 = s3[x + 4], a44 = s4[x + 4];
-        const uint16_t t25 = std::min(a00, a10);
-        const uint16_t t26 = std::max(a00, a10);
-        const uint16_t t27 = std::min(a30, a40);
-        const uint16_t t28 = std::max(a30, a40);
-        const uint16_t t29 = std::min(a20, t28);
-        const uint16_t t30 = std::max(a20, t28);
-        const uint16_t t32 = std::max(t29, t27);
-        const uint16_t t34 = std::max(t25, t32);
-        const uint16_t t37 = std::min(t26, t30);
-        const uint16_t t38 = std::max(t26, t30);
-        const uint16_t t40 = std::max(t37, t34);
-        const uint16_t t43 = std::min(a01, a11);
-        const uint16_t t44 = std::max(a01, a11);
-        const uint16_t t45 = std::min(a31, a41);
-        const uint16_t t46 = std::max(a31, a41);
-        const uint16_t t47 = std::min(a21, t46);
-        const uint16_t t48 = std::max(a21, t46);
-        const uint16_t t49 = std::min(t47, t45);
-        const uint16_t t50 = std::max(t47, t45);
-        const uint16_t t51 = std::min(t43, t50);
-        const uint16_t t52 = std::max(t43, t50);
-        const uint16_t t54 = std::max(t51, t49);
-        const uint16_t t55 = std::min(t44, t48);
-        const uint16_t t56 = std::max(t44, t48);
-        const uint16_t t57 = std::min(t55, t52);
-        const uint16_t t58 = std::max(t55, t52);
-        const uint16_t t60 = std::max(t57, t54);
-        const uint16_t t61 = std::min(a02, a12);
-        const uint16_t t62 = std::max(a02, a12);
-        const uint16_t t63 = std::min(a32, a42);
-        const uint16_t t64 = std::max(a32, a42);
-        const uint16_t t65 = std::min(a22, t64);
-        const uint16_t t66 = std::max(a22, t64);
-        const uint16_t t67 = std::min(t65, t63);
-        const uint16_t t68 = std::max(t65, t63);
-        const uint16_t t69 = std::min(t61, t68);
-        const uint16_t t70 = std::max(t61, t68);
-        const uint16_t t72 = std::max(t69, t67);
-        const uint16_t t73 = std::min(t62, t66);
-        const uint16_t t75 = std::min(t73, t70);
-        const uint16_t t76 = std::max(t73, t70);
-        const uint16_t t77 = std::min(t75, t72);
-        const uint16_t t78 = std::max(t75, t72);
-        const uint16_t t79 = std::min(a03, a13);
-        const uint16_t t80 = std::max(a03, a13);
-        const uint16_t t81 = std::min(a33, a43);
-        const uint16_t t82 = std::max(a33, a43);
-        const uint16_t t83 = std::min(a23, t82);
-        const uint16_t t84 = std::max(a23, t82);
-        const uint16_t t85 = std::min(t83, t81);
-        const uint16_t t86 = std::max(t83, t81);
-        const uint16_t t87 = std::min(t79, t86);
-        const uint16_t t88 = std::max(t79, t86);
-        const uint16_t t89 = std::min(t87, t85);
-        const uint16_t t90 = std::max(t87, t85);
-        const uint16_t t91 = std::min(t80, t84);
-        const uint16_t t93 = std::min(t91, t88);
-        const uint16_t t95 = std::min(t93, t90);
-        const uint16_t t96 = std::max(t93, t90);
-        const uint16_t t97 = std::min(a04, a14);
-        const uint16_t t98 = std::max(a04, a14);
-        const uint16_t t99 = std::min(a34, a44);
-        const uint16_t t100 = std::max(a34, a44);
-        const uint16_t t101 = std::min(a24, t100);
-        const uint16_t t102 = std::max(a24, t100);
-        const uint16_t t103 = std::min(t101, t99);
-        const uint16_t t104 = std::max(t101, t99);
-        const uint16_t t105 = std::min(t97, t104);
-        const uint16_t t106 = std::max(t97, t104);
-        const uint16_t t107 = std::min(t105, t103);
-        const uint16_t t108 = std::max(t105, t103);
-        const uint16_t t109 = std::min(t98, t102);
-        const uint16_t t111 = std::min(t109, t106);
-        const uint16_t t113 = std::min(t111, t108);
-        const uint16_t t115 = std::min(t40, t60);
-        const uint16_t t116 = std::max(t40, t60);
-        const uint16_t t117 = std::min(t56, t116);
-        const uint16_t t118 = std::max(t56, t116);
-        const uint16_t t119 = std::min(t38, t58);
-        const uint16_t t120 = std::max(t38, t58);
-        const uint16_t t121 = std::min(t119, t117);
-        const uint16_t t122 = std::max(t119, t117);
-        const uint16_t t123 = std::min(t120, t118);
-        const uint16_t t124 = std::max(t120, t118);
-        const uint16_t t125 = std::min(t77, t107);
-        const uint16_t t126 = std::max(t77, t107);
-        const uint16_t t127 = std::min(t76, t126);
-        const uint16_t t128 = std::max(t76, t126);
-        const uint16_t t129 = std::min(t78, t113);
-        const uint16_t t130 = std::max(t78, t113);
-        const uint16_t t131 = std::min(t129, t127);
-        const uint16_t t132 = std::max(t129, t127);
-        const uint16_t t133 = std::min(t130, t128);
-        const uint16_t t134 = std::max(t130, t128);
-        const uint16_t t135 = std::min(t115, t125);
-        const uint16_t t136 = std::max(t115, t125);
-        const uint16_t t137 = std::min(t124, t134);
-        const uint16_t t138 = std::max(t124, t134);
-        const uint16_t t139 = std::min(t137, t136);
-        const uint16_t t140 = std::max(t137, t136);
-        const uint16_t t141 = std::min(t122, t132);
-        const uint16_t t142 = std::max(t122, t132);
-        const uint16_t t143 = std::min(t141, t139);
-        const uint16_t t144 = std::max(t141, t139);
-        const uint16_t t145 = std::min(t142, t140);
-        const uint16_t t146 = std::max(t142, t140);
-        const uint16_t t147 = std::min(t121, t131);
-        const uint16_t t148 = std::max(t121, t131);
-        const uint16_t t149 = std::min(t123, t133);
-        const uint16_t t150 = std::max(t123, t133);
-        const uint16_t t151 = std::min(t149, t148);
-        const uint16_t t152 = std::max(t149, t148);
-        const uint16_t t153 = std::min(t147, t143);
-        const uint16_t t154 = std::max(t147, t143);
-        const uint16_t t155 = std::min(t151, t144);
-        const uint16_t t156 = std::max(t151, t144);
-        const uint16_t t157 = std::min(t152, t145);
-        const uint16_t t158 = std::max(t152, t145);
-        const uint16_t t160 = std::max(t150, t146);
-        const uint16_t t162 = std::max(t135, t89);
-        const uint16_t t163 = std::min(t160, t162);
-        const uint16_t t166 = std::max(t156, t163);
-        const uint16_t t168 = std::max(t154, t96);
-        const uint16_t t169 = std::min(t158, t168);
-        const uint16_t t173 = std::min(t169, t166);
-        const uint16_t t178 = std::max(t153, t95);
-        const uint16_t t179 = std::min(t138, t178);
-        const uint16_t t181 = std::min(t157, t179);
-        const uint16_t t184 = std::max(t155, t181);
-        const uint16_t t192 = std::max(t184, t173);
-        out[x] = t192;
-    }
+    int x = 0;
+#if defined(__AVX512BW__)
+    for (; x + 32 <= n; x += 32)
+        _mm512_storeu_si512(out + x, MedianOfSortedColumnsAt<__m512i>(s0, s1, s2, s3, s4, x));
+#elif defined(__AVX2__)
+    for (; x + 16 <= n; x += 16)
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + x),
+                            MedianOfSortedColumnsAt<__m256i>(s0, s1, s2, s3, s4, x));
+#endif
+    for (; x < n; ++x)
+        out[x] = MedianOfSortedColumnsAt<uint16_t>(s0, s1, s2, s3, s4, x);
 }
 
 }  // namespace
