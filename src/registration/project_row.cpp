@@ -2,11 +2,8 @@
 // per instruction set, like depth_fast.cpp, into the namespace QV_KERNEL_NS.
 #include <cstdint>
 
+#include "depth/fast/kernel.h"
 #include "registration/map_depth_to_rgb.h"
-
-#ifndef QV_KERNEL_NS
-#error "QV_KERNEL_NS names the instruction set this file is compiled for"
-#endif
 
 namespace qvapi {
 namespace QV_KERNEL_NS {

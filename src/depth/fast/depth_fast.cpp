@@ -13,24 +13,9 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__AVX2__)
-#if defined(__GNUC__) && !defined(__clang__)
-// GCC 12 warns inside its own AVX-512 headers (their "undefined" pass-through operand).
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#include <immintrin.h>
-#pragma GCC diagnostic pop
-#else
-#include <immintrin.h>
-#endif
-#endif
-
+#include "depth/fast/kernel.h"
 #include "depth/dual_freq.h"
 #include "depth/single_freq.h"
-
-#ifndef QV_KERNEL_NS
-#error "QV_KERNEL_NS names the instruction set this file is compiled for"
-#endif
 
 namespace qvapi {
 namespace QV_KERNEL_NS {

@@ -11,9 +11,7 @@
 #include <cstdint>
 #include <cstring>
 
-#ifndef QV_KERNEL_NS
-#error "QV_KERNEL_NS names the instruction set this file is compiled for"
-#endif
+#include "depth/fast/kernel.h"
 
 namespace qvapi {
 namespace QV_KERNEL_NS {
