@@ -139,6 +139,7 @@ void ReconstructionImpl::ReleaseBuffers()
     m_fppnOffsetHalf.reset();
     m_fppnOffset2Half.reset();
     m_radialToZHalf.reset();
+    m_colorCopyRuns = std::vector<CopyRun>();
     m_registrationBgr = std::vector<uint8_t>();
     m_registrationLanded = std::vector<uint16_t>();
     m_freqParam[0] = FrequencyParam{};

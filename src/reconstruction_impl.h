@@ -140,7 +140,8 @@ public:
     // The undistortion of the colour image as runs of consecutive source pixels.
     std::vector<CopyRun> m_colorCopyRuns;
     // Working images of the fast registration, kept between calls: the BGR colour
-    // with a black pixel after it, and the landed depth (all zero between calls).
+    // with the 64 readable bytes the run copy needs after it, and the landed depth
+    // (all zero between calls).
     std::vector<uint8_t> m_registrationBgr;
     std::vector<uint16_t> m_registrationLanded;
     int16_t m_centerDepth = 0;
