@@ -2,10 +2,12 @@
 // into its own namespace QV_KERNEL_NS; depth_fast_dispatch.cpp chooses between them.
 //
 // Every loop here is branch-free (selects instead of jumps), calls no library
-// function and allocates nothing, so that the compiler turns it into vector code. The
-// arithmetic follows the scalar kernels step by step; the differences are the
-// polynomial arctangent, single precision where the scalar kernels round through
-// double, and the amplitude test done on integer energies (exact).
+// function and allocates nothing, so that the compiler turns it into vector code; the
+// dual-frequency distance row, whose table look-ups the compiler can only emulate, is
+// written with intrinsics for AVX2 and AVX-512. The arithmetic follows the scalar
+// kernels step by step; the differences are the polynomial arctangent, single
+// precision where the scalar kernels round through double, fused multiply-adds, and
+// the amplitude test done on integer energies (exact).
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -162,9 +164,7 @@ void RowCalibration(const float* __restrict f1, const float* __restrict f2,
 }
 
 // 3. One frequency's corrected wrapped distance from its phase vector: both corrections
-// by their integer parts, the wiggling index not folded (foldCount INT32_MAX). The
-// count stays a run-time value (no inter-procedural constant propagation): folded
-// away, the look-up's two addresses become a choice the vectoriser cannot gather.
+// by their integer parts, the wiggling index not folded (foldCount INT32_MAX).
 #if defined(__AVX512F__)
 // With AVX-512 the row is written with intrinsics: the wiggling look-ups of the first
 // 64 entries become register permutes (a table reaches about 40 entries over its
@@ -341,6 +341,8 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
         row8(c, true);
 }
 #else
+// The fold count stays a run-time value (no inter-procedural constant propagation):
+// folded away, the look-up's two addresses become a choice the vectoriser cannot gather.
 #if defined(__GNUC__) && !defined(__clang__)
 __attribute__((noipa))
 #endif
