@@ -18,8 +18,10 @@ aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -ffp-contract=fast -
 aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/depth/fast/median3.cpp -o "$out/median3.o"
 aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/registration/median5.cpp -o "$out/median5.o"
 aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/registration/project_row.cpp -o "$out/project_row.o"
+aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/depth/fast/point_cloud_span.cpp -o "$out/point_cloud_span.o"
 aarch64-linux-gnu-g++ "${flags[@]}" -static -o "$out/kernel_parity" tests/arm64/kernel_parity_main.cpp \
-  "$out/depth_fast.o" "$out/median3.o" "$out/median5.o" "$out/project_row.o" src/depth/fast/depth_fast_dispatch.cpp src/depth/single_freq.cpp \
+  "$out/depth_fast.o" "$out/median3.o" "$out/median5.o" "$out/project_row.o" "$out/point_cloud_span.o" \
+  src/depth/fast/depth_fast_dispatch.cpp src/depth/single_freq.cpp \
   src/depth/dual_freq.cpp src/depth/edge_filter.cpp
 file "$out/kernel_parity" | sed 's/,.*//'
 qemu-aarch64 "$out/kernel_parity"

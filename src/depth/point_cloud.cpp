@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "depth/fast/depth_fast.h"
+
 namespace qvapi {
 
 void PointCloud(const uint16_t* depth, int width, int height, int binning, int cut,
@@ -44,11 +46,16 @@ void PointCloudRows(const uint16_t* depth, int width, int height, int binning, i
         const size_t rays = static_cast<size_t>(r) * width * binning * binning;
         const float* __restrict rx = rayX + rays;
         const float* __restrict ry = rayY + rays;
-        for (int c = lo; c <= hi; ++c) {
-            const float z = d[c];
-            out[3 * c] = rx[static_cast<size_t>(c) * binning] * z;
-            out[3 * c + 1] = ry[static_cast<size_t>(c) * binning] * z;
-            out[3 * c + 2] = z;
+        if (binning == 1 && lo <= hi) {
+            // Rays one after the other: the vector kernel.
+            PointCloudSpan(d + lo, rx + lo, ry + lo, hi - lo + 1, out + 3 * static_cast<size_t>(lo));
+        } else {
+            for (int c = lo; c <= hi; ++c) {
+                const float z = d[c];
+                out[3 * c] = rx[static_cast<size_t>(c) * binning] * z;
+                out[3 * c + 1] = ry[static_cast<size_t>(c) * binning] * z;
+                out[3 * c + 2] = z;
+            }
         }
         std::fill(out + 3 * static_cast<size_t>(hi + 1), out + 3 * static_cast<size_t>(width), 0.0f);
     }

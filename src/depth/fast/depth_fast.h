@@ -45,6 +45,10 @@ void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY
                      const RegistrationParams& p, int width, int height, int32_t* target,
                      int32_t* column);
 
+// Points (rayX[c] * z, rayY[c] * z, z) of depth z = depth[c], c in [0, count), into
+// out[3 c] .. out[3 c + 2], as the point cloud's plain loop computes them.
+void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY, int count, float* out);
+
 // The 3 x 3 median of a 16-bit image in place, equal to cv::medianBlur(img, img, 3)
 // (replicated border).
 void MedianBlur3x3InPlace(uint16_t* img, int width, int height);

@@ -30,6 +30,8 @@ namespace qvapi {
     void ProjectRowKernel(const uint16_t* depth, const float* rayX, const float* rayY,           \
                           const RegistrationParams& p, int width, int height, int32_t* target,   \
                           int32_t* column);                                                      \
+    void PointCloudSpanKernel(const uint16_t* depth, const float* rayX, const float* rayY,       \
+                              int count, float* out);                                            \
     }
 QV_DECLARE_KERNELS(baseline)
 #if defined(QV_HAVE_AVX2_KERNELS)
@@ -200,6 +202,11 @@ void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY
                      int32_t* column)
 {
     QV_KERNEL(ProjectRowKernel)(depth, rayX, rayY, p, width, height, target, column);
+}
+
+void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY, int count, float* out)
+{
+    QV_KERNEL(PointCloudSpanKernel)(depth, rayX, rayY, count, out);
 }
 
 }  // namespace qvapi
