@@ -1,9 +1,9 @@
 #include "colour/false_colour.h"
 
 #include <algorithm>
-#include <vector>
 
 #include "common/numeric.h"
+#include "depth/fast/depth_fast.h"
 
 namespace qvapi {
 
@@ -51,30 +51,30 @@ void FalseColour(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_
         Paint(depth[i], lo, hi, rgb + 3 * i);
 }
 
+bool MakeFalseColourRamp(int32_t lo, int32_t hi, FalseColourRamp& ramp)
+{
+    // Depths below lo give level 0 as lo does and depths above hi 1021 as hi does, so
+    // clamping the depth into [lo, hi] and that interval into 0..65535 keep the levels
+    // when the interval reaches into 0..65535.
+    if (!(lo < hi) || int64_t(hi) - lo > 65535 || hi < 0 || lo > 65535)
+        return false;
+    const uint32_t range = static_cast<uint32_t>(hi - lo);
+    ramp.lo = lo;
+    ramp.hi = hi;
+    ramp.lo16 = std::max(lo, 0);
+    ramp.hi16 = std::min(hi, 65535);
+    ramp.whole = 1021 / range;
+    ramp.fraction = static_cast<uint32_t>(((uint64_t(1021 % range) << 32) + range - 1) / range);
+    return true;
+}
+
 void FalseColourFast(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_t* rgb)
 {
-    if (!(lo < hi) || int64_t(hi) - lo > 65535)
-        return FalseColour(depth, n, lo, hi, rgb);
-    // With lo < hi a depth below lo has level 0, as lo itself, and one above hi level
-    // 1021, as hi itself: the table of [lo, hi] serves every depth but the two
-    // reserved values.
-    const int32_t first = std::max(lo, 2), last = std::min(hi, 65535);
-    if (first > last)
-        return FalseColour(depth, n, lo, hi, rgb);
-    std::vector<uint8_t> table(3 * static_cast<size_t>(std::max(last - first + 1, 1)));
-    for (int32_t d = first; d <= last; ++d)
-        Paint(d, lo, hi, &table[3 * static_cast<size_t>(d - first)]);
-    uint8_t special[2][3];
-    Paint(0, lo, hi, special[0]);
-    Paint(1, lo, hi, special[1]);
-    for (size_t i = 0; i < n; ++i) {
-        const int32_t d = depth[i];
-        const uint8_t* c = d <= 1 ? special[d]
-                                  : &table[3 * static_cast<size_t>(std::min(std::max(d, first), last) - first)];
-        rgb[3 * i] = c[0];
-        rgb[3 * i + 1] = c[1];
-        rgb[3 * i + 2] = c[2];
-    }
+    FalseColourRamp ramp;
+    if (MakeFalseColourRamp(lo, hi, ramp))
+        FalseColourSpan(depth, n, ramp, rgb);
+    else
+        FalseColour(depth, n, lo, hi, rgb);
 }
 
 }  // namespace qvapi

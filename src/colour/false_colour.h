@@ -11,10 +11,22 @@ namespace qvapi {
 // an empty range.
 void FalseColour(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_t* rgb);
 
-// The same colours through a table of the range's depths, built per call: the fast
-// path for an ordinary range (lo < hi, at most 65536 depths wide); others take the
-// plain loop above.
+// The same colours, computed without division by the vector kernel for an ordinary
+// range (lo < hi, at most 65535 apart, meeting the depths' 0..65535); others take
+// the plain loop above.
 void FalseColourFast(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_t* rgb);
+
+// What the vector kernel needs of a range: the range, the same clamped to 16 bits, and
+// the level of x = d - lo as whole * x + (fraction * x) >> 32, equal to
+// floor(1021 x / (hi - lo)).
+struct FalseColourRamp {
+    int32_t lo, hi;
+    int32_t lo16, hi16;
+    uint32_t whole, fraction;
+};
+
+// Whether the vector kernel serves [lo, hi], and its ramp if it does.
+bool MakeFalseColourRamp(int32_t lo, int32_t hi, FalseColourRamp& ramp);
 
 // The level 0..1021 of a depth in [lo, hi] (clamped), INT32_MIN for an empty range.
 int32_t FalseColourLevel(int32_t d, int32_t lo, int32_t hi);

@@ -1,13 +1,17 @@
-// The depth kernels and the median alone, fast against scalar, on random frames: a program without
+// The depth kernels, the medians, the point cloud and the false colours alone, fast against scalar, on random frames: a program without
 // OpenCV or GoogleTest so that it cross-compiles for ARM64 and runs under qemu-user.
 #include <algorithm>
+#include <numeric>
+#include <utility>
 #include <cstdio>
 #include <random>
 #include <vector>
 
+#include "colour/false_colour.h"
 #include "depth/dual_freq.h"
 #include "depth/edge_filter.h"
 #include "depth/fast/depth_fast.h"
+#include "depth/point_cloud.h"
 #include "depth/single_freq.h"
 
 using namespace qvapi;
@@ -112,6 +116,34 @@ int main()
                 }
         }
         report(radius == 1 ? "median 3 x 3" : "median 5 x 5", 0, off, n);
+    }
+    {
+        // False colours of every depth, exactly as the plain loop paints them.
+        std::vector<uint16_t> all(65536);
+        std::iota(all.begin(), all.end(), uint16_t(0));
+        size_t off = 0;
+        for (auto [lo, hi] : {std::make_pair(300, 4000), std::make_pair(7, 3070), std::make_pair(0, 1021),
+                              std::make_pair(2, 3), std::make_pair(-3000, 2000), std::make_pair(0, 65535)}) {
+            std::vector<uint8_t> ref(3 * all.size()), fast(ref.size());
+            FalseColour(all.data(), all.size(), lo, hi, ref.data());
+            FalseColourFast(all.data(), all.size(), lo, hi, fast.data());
+            for (size_t i = 0; i < ref.size(); ++i)
+                off += ref[i] != fast[i];
+        }
+        report("false colour", 0, off, 6 * 3 * all.size());
+    }
+    {
+        // Points of the octagon, exactly as the plain loop computes them.
+        std::vector<uint16_t> depth(W * H);
+        for (uint16_t& d : depth)
+            d = static_cast<uint16_t>(sample(rng) * 7);
+        std::vector<float> ref(3 * depth.size(), -1.0f), fast(ref.size(), -2.0f);
+        PointCloud(depth.data(), W, H, 1, 12, rays.data(), fppn1.data(), ref.data());
+        PointCloudRows(depth.data(), W, H, 1, 12, rays.data(), fppn1.data(), fast.data());
+        size_t off = 0;
+        for (size_t i = 0; i < ref.size(); ++i)
+            off += ref[i] != fast[i];
+        report("point cloud", 0, off, ref.size());
     }
     std::printf("kernels: %s\n%d passed, %d failed\n", FastPathName(), passed, failed);
     return failed == 0 ? 0 : 1;

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "colour/false_colour.h"
 #include "depth/dual_freq.h"
 #include "depth/single_freq.h"
 #include "registration/map_depth_to_rgb.h"
@@ -48,6 +49,10 @@ void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY
 // Points (rayX[c] * z, rayY[c] * z, z) of depth z = depth[c], c in [0, count), into
 // out[3 c] .. out[3 c + 2], as the point cloud's plain loop computes them.
 void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY, int count, float* out);
+
+// The false colours of depth[0..n) for a range MakeFalseColourRamp accepted, as
+// FalseColour paints them.
+void FalseColourSpan(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb);
 
 // The 3 x 3 median of a 16-bit image in place, equal to cv::medianBlur(img, img, 3)
 // (replicated border).

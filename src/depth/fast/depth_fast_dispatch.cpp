@@ -32,6 +32,8 @@ namespace qvapi {
                           int32_t* column);                                                      \
     void PointCloudSpanKernel(const uint16_t* depth, const float* rayX, const float* rayY,       \
                               int count, float* out);                                            \
+    void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRamp& ramp,      \
+                               uint8_t* rgb);                                                    \
     }
 QV_DECLARE_KERNELS(baseline)
 #if defined(QV_HAVE_AVX2_KERNELS)
@@ -207,6 +209,11 @@ void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY
 void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY, int count, float* out)
 {
     QV_KERNEL(PointCloudSpanKernel)(depth, rayX, rayY, count, out);
+}
+
+void FalseColourSpan(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb)
+{
+    QV_KERNEL(FalseColourSpanKernel)(depth, n, ramp, rgb);
 }
 
 }  // namespace qvapi

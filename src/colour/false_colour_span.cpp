@@ -1,0 +1,171 @@
+// False colouring of a run of depth values for an ordinary range. This file is compiled
+// once per instruction set, like depth_fast.cpp, into the namespace QV_KERNEL_NS.
+//
+// The colour of a depth depends on its level v = trunc((d - lo) / (hi - lo) * 1021)
+// with d clamped into [lo, hi]. In doubles that quotient is within 2^-40 of the exact
+// 1021 x / R (x = d - lo, R = hi - lo <= 65535), and an exact quotient that is not an
+// integer lies at least 1/R from one, so the level is the integer floor(1021 x / R)
+// (where 1021 x / R is an integer the double expression gives it exactly, checked for
+// every j / 1021). That floor is computed without division:
+//     floor(1021 x / R) = I x + floor(x M / 2^32),  I = 1021 / R,  M = ceil((1021 % R) 2^32 / R)
+// where the rounding-up of M adds less than x / 2^32 < 1/R, too little to reach the
+// next integer. With 16-bit lanes, x M / 2^32 is the high half of x * (M >> 16) plus
+// the carry of adding the high half of x * (M & 0xffff) to its low half.
+// From the level, the ramp is minima of saturating differences: red rises from 127 to
+// 255 and falls after 383, green rises after 128 and falls after 638, blue rises after
+// 383, and the far end (894 and beyond) is navy.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+#include "colour/false_colour.h"
+#include "depth/fast/kernel.h"
+
+namespace qvapi {
+namespace QV_KERNEL_NS {
+namespace {
+
+// The level of a depth above 1, as the vectors compute it.
+inline int32_t Level(int32_t d, int32_t lo, int32_t hi, uint32_t whole, uint32_t fraction)
+{
+    const uint32_t x = static_cast<uint32_t>(std::min(std::max(d, lo), hi) - lo);
+    const uint32_t high = x * (fraction >> 16), low = (x * (fraction & 0xffff)) >> 16;
+    return static_cast<int32_t>(x * whole + ((high + low) >> 16));
+}
+
+// The colour of a level as r | g << 8 | b << 16.
+inline uint32_t Ramp(int32_t v)
+{
+    const int32_t r = std::max(std::min(std::min(v + 127, 638 - v), 255), 0);
+    const int32_t g = std::max(std::min(std::min(v - 128, 893 - v), 255), 0);
+    const int32_t b = std::max(std::min(v - 383, 255 - (127 & -int32_t(v >= 894))), 0);  // branch-free
+    return static_cast<uint32_t>(r | g << 8 | b << 16);
+}
+
+// 0 is black and 1 violet (127, 0, 170).
+inline uint32_t Reserved(int32_t d) { return static_cast<uint32_t>(d) * (127u | 170u << 16); }
+
+inline void Store(uint32_t p, uint8_t* out)
+{
+    out[0] = static_cast<uint8_t>(p);
+    out[1] = static_cast<uint8_t>(p >> 8);
+    out[2] = static_cast<uint8_t>(p >> 16);
+}
+
+#if defined(__AVX512BW__)
+constexpr int kLanes = 32;
+
+inline __m512i Splat(int v) { return _mm512_set1_epi16(static_cast<short>(v)); }
+
+// 32 pixels from d[0..31]: out[0..95].
+inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* out)
+{
+    const __m512i d = _mm512_loadu_si512(depth);
+    const __m512i x = _mm512_sub_epi16(
+        _mm512_min_epu16(_mm512_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo));
+    const __m512i high = Splat(static_cast<int>(q.fraction >> 16)), low = Splat(static_cast<int>(q.fraction & 0xffff));
+    const __m512i lo16 = _mm512_mullo_epi16(x, high);
+    const __m512i sum = _mm512_add_epi16(lo16, _mm512_mulhi_epu16(x, low));
+    __m512i v = _mm512_add_epi16(_mm512_mulhi_epu16(x, high), _mm512_mullo_epi16(x, Splat(static_cast<int>(q.whole))));
+    v = _mm512_mask_add_epi16(v, _mm512_cmplt_epu16_mask(sum, lo16), v, Splat(1));
+
+    const __m512i ff = Splat(255);
+    const __m512i red = _mm512_min_epu16(_mm512_min_epu16(_mm512_add_epi16(v, Splat(127)), _mm512_subs_epu16(Splat(638), v)), ff);
+    const __m512i green = _mm512_min_epu16(_mm512_min_epu16(_mm512_subs_epu16(v, Splat(128)), _mm512_subs_epu16(Splat(893), v)), ff);
+    const __m512i blueCap = _mm512_mask_mov_epi16(ff, _mm512_cmpgt_epu16_mask(v, Splat(893)), Splat(128));
+    __m512i blue = _mm512_min_epu16(_mm512_subs_epu16(v, Splat(383)), blueCap);
+    __m512i rg = _mm512_or_si512(red, _mm512_slli_epi16(green, 8));
+    // 0 is black and 1 violet (127, 0, 170): d * (127, 170) for d <= 1.
+    const __mmask32 reserved = _mm512_cmple_epu16_mask(d, Splat(1));
+    rg = _mm512_mask_mullo_epi16(rg, reserved, d, Splat(127));
+    blue = _mm512_mask_mullo_epi16(blue, reserved, d, Splat(170));
+
+    // Pixels 8L..8L+3 of each 128-bit lane L in `first`, 8L+4..8L+7 in `second`, packed to
+    // 12 bytes at the start of the lane, then the 12-byte pieces put in order.
+    const __m512i pack = _mm512_broadcast_i32x4(_mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
+    const __m512i first = _mm512_shuffle_epi8(_mm512_unpacklo_epi16(rg, blue), pack);
+    const __m512i second = _mm512_shuffle_epi8(_mm512_unpackhi_epi16(rg, blue), pack);
+    const __m512i order0 = _mm512_setr_epi32(0, 1, 2, 16, 17, 18, 4, 5, 6, 20, 21, 22, 8, 9, 10, 24);
+    const __m512i order1 = _mm512_setr_epi32(25, 26, 12, 13, 14, 28, 29, 30, 0, 0, 0, 0, 0, 0, 0, 0);
+    _mm512_storeu_si512(out, _mm512_permutex2var_epi32(first, order0, second));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 64),
+                        _mm512_castsi512_si256(_mm512_permutex2var_epi32(first, order1, second)));
+}
+#elif defined(__AVX2__)
+constexpr int kLanes = 16;
+
+inline __m256i Splat(int v) { return _mm256_set1_epi16(static_cast<short>(v)); }
+
+// 16 pixels from d[0..15]: out[0..47].
+inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* out)
+{
+    const __m256i d = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(depth));
+    const __m256i x = _mm256_sub_epi16(
+        _mm256_min_epu16(_mm256_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo));
+    const __m256i high = Splat(static_cast<int>(q.fraction >> 16)), low = Splat(static_cast<int>(q.fraction & 0xffff));
+    const __m256i lo16 = _mm256_mullo_epi16(x, high);
+    const __m256i sum = _mm256_add_epi16(lo16, _mm256_mulhi_epu16(x, low));
+    // No carry where max(sum, lo16) == sum: that compare is -1, cancelling the +1.
+    const __m256i noCarry = _mm256_cmpeq_epi16(_mm256_max_epu16(sum, lo16), sum);
+    const __m256i v = _mm256_add_epi16(
+        _mm256_add_epi16(_mm256_mulhi_epu16(x, high), _mm256_mullo_epi16(x, Splat(static_cast<int>(q.whole)))),
+        _mm256_add_epi16(noCarry, Splat(1)));
+
+    const __m256i ff = Splat(255);
+    const __m256i red = _mm256_min_epu16(_mm256_min_epu16(_mm256_add_epi16(v, Splat(127)), _mm256_subs_epu16(Splat(638), v)), ff);
+    const __m256i green = _mm256_min_epu16(_mm256_min_epu16(_mm256_subs_epu16(v, Splat(128)), _mm256_subs_epu16(Splat(893), v)), ff);
+    // 255 below 894, 128 from there: 255 - 127 where v > 893.
+    const __m256i blueCap = _mm256_sub_epi16(ff, _mm256_and_si256(_mm256_cmpgt_epi16(v, Splat(893)), Splat(127)));
+    __m256i blue = _mm256_min_epu16(_mm256_subs_epu16(v, Splat(383)), blueCap);
+    __m256i rg = _mm256_or_si256(red, _mm256_slli_epi16(green, 8));
+    const __m256i reserved = _mm256_cmpeq_epi16(_mm256_min_epu16(d, Splat(1)), d);
+    rg = _mm256_blendv_epi8(rg, _mm256_mullo_epi16(d, Splat(127)), reserved);
+    blue = _mm256_blendv_epi8(blue, _mm256_mullo_epi16(d, Splat(170)), reserved);
+
+    const __m256i pack = _mm256_broadcastsi128_si256(_mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
+    const __m256i first = _mm256_shuffle_epi8(_mm256_unpacklo_epi16(rg, blue), pack);
+    const __m256i second = _mm256_shuffle_epi8(_mm256_unpackhi_epi16(rg, blue), pack);
+    // Bytes 0..31: first 0-2, second 0-2, first 4-5; bytes 32..47: first 6, second 4-6.
+    const __m256i head = _mm256_blend_epi32(_mm256_permutevar8x32_epi32(first, _mm256_setr_epi32(0, 1, 2, 0, 0, 0, 4, 5)),
+                                            _mm256_permutevar8x32_epi32(second, _mm256_setr_epi32(0, 0, 0, 0, 1, 2, 0, 0)), 0x38);
+    const __m256i tail = _mm256_blend_epi32(_mm256_permutevar8x32_epi32(first, _mm256_setr_epi32(6, 0, 0, 0, 0, 0, 0, 0)),
+                                            _mm256_permutevar8x32_epi32(second, _mm256_setr_epi32(0, 4, 5, 6, 0, 0, 0, 0)), 0x0e);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), head);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 32), _mm256_castsi256_si128(tail));
+}
+#endif
+
+}  // namespace
+
+void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRamp& q, uint8_t* rgb)
+{
+    size_t i = 0;
+#if defined(__AVX2__)
+    for (; i + kLanes <= n; i += kLanes)
+        Colours(depth + i, q, rgb + 3 * i);
+#endif
+    // Copies: the byte stores could otherwise alias the ramp.
+    const int32_t lo = q.lo, hi = q.hi;
+    const uint32_t whole = q.whole, fraction = q.fraction;
+#if defined(__x86_64__) && !defined(__AVX2__)
+    // SSE2 alone has no byte shuffle to interleave the colours and the scalar ramp is
+    // long: the 1022 levels' colours once, then a look-up per pixel.
+    uint32_t ramp[1022];
+    for (int32_t v = 0; v < 1022; ++v)
+        ramp[v] = Ramp(v);
+    for (; i < n; ++i) {
+        const int32_t d = depth[i];
+        Store(d > 1 ? ramp[Level(d, lo, hi, whole, fraction)] : Reserved(d), rgb + 3 * i);
+    }
+#else
+    // The vectoriser interleaves the bytes itself where the target has such stores (NEON).
+    for (; i < n; ++i) {
+        const int32_t d = depth[i];
+        const uint32_t p = Ramp(Level(d, lo, hi, whole, fraction));
+        Store(d > 1 ? p : Reserved(d), rgb + 3 * i);
+    }
+#endif
+}
+
+}  // namespace QV_KERNEL_NS
+}  // namespace qvapi
