@@ -450,7 +450,10 @@ int32_t ReconstructionImpl::GetIR(const uint16_t* raw, uint16_t* image, int32_t 
     if (raw == nullptr || image == nullptr || width <= 0 || height <= 0 ||
         width > kMaxFrameWidth || height > kMaxFrameHeight)
         return STATUS_INVALID_ARGUMENT;
-    InfraredImage(raw, image, width, height);
+    if (m_fastPaths)
+        InfraredImageFast(raw, image, width, height);
+    else
+        InfraredImage(raw, image, width, height);
     return STATUS_OK;
 }
 

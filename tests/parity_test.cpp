@@ -15,6 +15,7 @@
 #include "depth/point_cloud.h"
 #include "depth/edge_filter.h"
 #include "depth/fast/depth_fast.h"
+#include "depth/ir.h"
 #include "depth/single_freq.h"
 #include "registration/register_fast.h"
 #include "reconstruction_impl.h"
@@ -208,6 +209,24 @@ TEST(Parity, EdgeFilterIsExact)
         EdgeFilter(ref.data(), 640, 20);
         EdgeFilterFast(fast.data(), 640, 20);
         ASSERT_EQ(ref, fast) << "means near " << edge;
+    }
+}
+
+TEST(Parity, InfraredIsExact)
+{
+    // Samples over the whole 16-bit range (sums beyond 16 bits, means above 255 and
+    // below), widths off the vector widths.
+    std::mt19937 rng(9);
+    std::uniform_int_distribution<int> word(0, 65535), dim(0, 1100);
+    for (int w : {1, 3, 17, 33, 640}) {
+        const int h = 7;
+        std::vector<uint16_t> raw(4 * static_cast<size_t>(w) * h);
+        for (size_t i = 0; i < raw.size(); ++i)
+            raw[i] = static_cast<uint16_t>(i % 3 ? dim(rng) : word(rng));
+        std::vector<uint16_t> ref(static_cast<size_t>(w) * h, 1), fast(ref.size(), 2);
+        InfraredImage(raw.data(), ref.data(), w, h);
+        InfraredImageFast(raw.data(), fast.data(), w, h);
+        ASSERT_EQ(ref, fast) << "width " << w;
     }
 }
 

@@ -46,6 +46,9 @@ void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY
                      const RegistrationParams& p, int width, int height, int32_t* target,
                      int32_t* column);
 
+// The infrared image, as InfraredImage computes it.
+void InfraredImageFast(const uint16_t* raw, uint16_t* ir, int width, int height);
+
 // Points (rayX[c] * z, rayY[c] * z, z) of depth z = depth[c], c in [0, count), into
 // out[3 c] .. out[3 c + 2], as the point cloud's plain loop computes them.
 void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY, int count, float* out);

@@ -34,6 +34,7 @@ namespace qvapi {
                               int count, float* out);                                            \
     void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRamp& ramp,      \
                                uint8_t* rgb);                                                    \
+    void InfraredRows(const uint16_t* raw, uint16_t* ir, int width, int height);                 \
     }
 QV_DECLARE_KERNELS(baseline)
 #if defined(QV_HAVE_AVX2_KERNELS)
@@ -214,6 +215,11 @@ void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY,
 void FalseColourSpan(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb)
 {
     QV_KERNEL(FalseColourSpanKernel)(depth, n, ramp, rgb);
+}
+
+void InfraredImageFast(const uint16_t* raw, uint16_t* ir, int width, int height)
+{
+    QV_KERNEL(InfraredRows)(raw, ir, width, height);
 }
 
 }  // namespace qvapi
