@@ -1,9 +1,9 @@
-// Fast paths of the per-frame depth kernels and of the registration's median. Each has
-// a plain kernel beside it (single_freq.cpp, dual_freq.cpp, edge_filter.cpp, OpenCV's
-// median) that is the reference the parity tests compare against. The fast paths are
-// branch-free loops the compiler vectorises; depth_fast.cpp and median5.cpp are
-// compiled once per instruction set and the best one for the running processor is
-// chosen at run time.
+// Fast paths of the per-frame kernels: depth converters, edge filter, medians,
+// registration projection, infrared image, point cloud and false colour. Each has a
+// plain kernel beside it (single_freq.cpp, dual_freq.cpp, edge_filter.cpp, ir.cpp,
+// point_cloud.cpp, false_colour.cpp, OpenCV's median) that is the reference the parity
+// tests compare against. The kernel files are compiled once per instruction set and
+// the best one for the running processor is chosen at run time.
 #ifndef QVRECONSTRUCTION_SRC_DEPTH_FAST_DEPTH_FAST_H
 #define QVRECONSTRUCTION_SRC_DEPTH_FAST_DEPTH_FAST_H
 
