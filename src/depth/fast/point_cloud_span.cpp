@@ -16,6 +16,15 @@ namespace qvapi {
 namespace QV_KERNEL_NS {
 namespace {
 
+inline void Point(const uint16_t* depth, const float* rayX, const float* rayY, int c, float* out)
+{
+    const float z = depth[c];
+    out[3 * c] = rayX[c] * z;
+    out[3 * c + 1] = rayY[c] * z;
+    out[3 * c + 2] = z;
+}
+
+#if defined(__AVX2__)
 // Lane s of output vector j (of W lanes) holds coordinate (j * W + s) % 3 of point
 // (j * W + s) / 3.
 constexpr int Coordinate(int W, int j, int s) { return (j * W + s) % 3; }
@@ -37,14 +46,7 @@ constexpr int Source(int W, int m, int s)
             return (j * W + s) / 3;
     return 0;
 }
-
-inline void Point(const uint16_t* depth, const float* rayX, const float* rayY, int c, float* out)
-{
-    const float z = depth[c];
-    out[3 * c] = rayX[c] * z;
-    out[3 * c + 1] = rayY[c] * z;
-    out[3 * c + 2] = z;
-}
+#endif
 
 #if defined(__AVX512F__)
 constexpr int kLanes = 16;
