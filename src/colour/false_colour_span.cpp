@@ -13,7 +13,9 @@
 // the carry of adding the high half of x * (M & 0xffff) to its low half.
 // From the level, the ramp is minima of saturating differences: red rises from 127 to
 // 255 and falls after 383, green rises after 128 and falls after 638, blue rises after
-// 383, and the far end (894 and beyond) is navy.
+// 383, and the far end (894 and beyond) is navy; red and green are capped at 255 by
+// the saturating pack to bytes. The usual range, at least 1022 depths wide and starting
+// at or above 0, has no whole part and clamps with one saturating difference.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -57,24 +59,30 @@ constexpr int kLanes = 32;
 
 inline __m512i Splat(int v) { return _mm512_set1_epi16(static_cast<short>(v)); }
 
-// 32 pixels from d[0..31]: out[0..95].
+// 32 pixels from d[0..31]: out[0..95]. kNarrow: a range of fewer than 1022 depths
+// (whole > 0) or one starting below 0; otherwise the clamp is one saturating
+// difference and the level has no whole part.
+template <bool kNarrow>
 inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* out)
 {
     const __m512i d = _mm512_loadu_si512(depth);
-    const __m512i x = _mm512_sub_epi16(
-        _mm512_min_epu16(_mm512_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo));
+    const __m512i x = kNarrow ? _mm512_sub_epi16(_mm512_min_epu16(_mm512_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo))
+                              : _mm512_min_epu16(_mm512_subs_epu16(d, Splat(q.lo)), Splat(q.hi16 - q.lo));
     const __m512i high = Splat(static_cast<int>(q.fraction >> 16)), low = Splat(static_cast<int>(q.fraction & 0xffff));
     const __m512i lo16 = _mm512_mullo_epi16(x, high);
     const __m512i sum = _mm512_add_epi16(lo16, _mm512_mulhi_epu16(x, low));
-    __m512i v = _mm512_add_epi16(_mm512_mulhi_epu16(x, high), _mm512_mullo_epi16(x, Splat(static_cast<int>(q.whole))));
+    __m512i v = _mm512_mulhi_epu16(x, high);
+    if (kNarrow)
+        v = _mm512_add_epi16(v, _mm512_mullo_epi16(x, Splat(static_cast<int>(q.whole))));
     v = _mm512_mask_add_epi16(v, _mm512_cmplt_epu16_mask(sum, lo16), v, Splat(1));
 
-    const __m512i ff = Splat(255);
-    const __m512i red = _mm512_min_epu16(_mm512_min_epu16(_mm512_add_epi16(v, Splat(127)), _mm512_subs_epu16(Splat(638), v)), ff);
-    const __m512i green = _mm512_min_epu16(_mm512_min_epu16(_mm512_subs_epu16(v, Splat(128)), _mm512_subs_epu16(Splat(893), v)), ff);
-    const __m512i blueCap = _mm512_mask_mov_epi16(ff, _mm512_cmpgt_epu16_mask(v, Splat(893)), Splat(128));
+    // Red and green saturate to 255 in the pack to bytes; a shuffle makes them words r | g << 8.
+    const __m512i red = _mm512_min_epu16(_mm512_add_epi16(v, Splat(127)), _mm512_subs_epu16(Splat(638), v));
+    const __m512i green = _mm512_min_epu16(_mm512_subs_epu16(v, Splat(128)), _mm512_subs_epu16(Splat(893), v));
+    const __m512i blueCap = _mm512_mask_mov_epi16(Splat(255), _mm512_cmpgt_epu16_mask(v, Splat(893)), Splat(128));
     __m512i blue = _mm512_min_epu16(_mm512_subs_epu16(v, Splat(383)), blueCap);
-    __m512i rg = _mm512_or_si512(red, _mm512_slli_epi16(green, 8));
+    const __m512i pairs = _mm512_broadcast_i32x4(_mm_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15));
+    __m512i rg = _mm512_shuffle_epi8(_mm512_packus_epi16(red, green), pairs);
     // 0 is black and 1 violet (127, 0, 170): d * (127, 170) for d <= 1.
     const __mmask32 reserved = _mm512_cmple_epu16_mask(d, Splat(1));
     rg = _mm512_mask_mullo_epi16(rg, reserved, d, Splat(127));
@@ -96,28 +104,29 @@ constexpr int kLanes = 16;
 
 inline __m256i Splat(int v) { return _mm256_set1_epi16(static_cast<short>(v)); }
 
-// 16 pixels from d[0..15]: out[0..47].
+// 16 pixels from d[0..15]: out[0..47]; kNarrow as above.
+template <bool kNarrow>
 inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* out)
 {
     const __m256i d = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(depth));
-    const __m256i x = _mm256_sub_epi16(
-        _mm256_min_epu16(_mm256_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo));
+    const __m256i x = kNarrow ? _mm256_sub_epi16(_mm256_min_epu16(_mm256_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo))
+                              : _mm256_min_epu16(_mm256_subs_epu16(d, Splat(q.lo)), Splat(q.hi16 - q.lo));
     const __m256i high = Splat(static_cast<int>(q.fraction >> 16)), low = Splat(static_cast<int>(q.fraction & 0xffff));
     const __m256i lo16 = _mm256_mullo_epi16(x, high);
     const __m256i sum = _mm256_add_epi16(lo16, _mm256_mulhi_epu16(x, low));
     // No carry where max(sum, lo16) == sum: that compare is -1, cancelling the +1.
     const __m256i noCarry = _mm256_cmpeq_epi16(_mm256_max_epu16(sum, lo16), sum);
-    const __m256i v = _mm256_add_epi16(
-        _mm256_add_epi16(_mm256_mulhi_epu16(x, high), _mm256_mullo_epi16(x, Splat(static_cast<int>(q.whole)))),
-        _mm256_add_epi16(noCarry, Splat(1)));
+    __m256i v = _mm256_add_epi16(_mm256_mulhi_epu16(x, high), _mm256_add_epi16(noCarry, Splat(1)));
+    if (kNarrow)
+        v = _mm256_add_epi16(v, _mm256_mullo_epi16(x, Splat(static_cast<int>(q.whole))));
 
-    const __m256i ff = Splat(255);
-    const __m256i red = _mm256_min_epu16(_mm256_min_epu16(_mm256_add_epi16(v, Splat(127)), _mm256_subs_epu16(Splat(638), v)), ff);
-    const __m256i green = _mm256_min_epu16(_mm256_min_epu16(_mm256_subs_epu16(v, Splat(128)), _mm256_subs_epu16(Splat(893), v)), ff);
+    const __m256i red = _mm256_min_epu16(_mm256_add_epi16(v, Splat(127)), _mm256_subs_epu16(Splat(638), v));
+    const __m256i green = _mm256_min_epu16(_mm256_subs_epu16(v, Splat(128)), _mm256_subs_epu16(Splat(893), v));
     // 255 below 894, 128 from there: 255 - 127 where v > 893.
-    const __m256i blueCap = _mm256_sub_epi16(ff, _mm256_and_si256(_mm256_cmpgt_epi16(v, Splat(893)), Splat(127)));
+    const __m256i blueCap = _mm256_sub_epi16(Splat(255), _mm256_and_si256(_mm256_cmpgt_epi16(v, Splat(893)), Splat(127)));
     __m256i blue = _mm256_min_epu16(_mm256_subs_epu16(v, Splat(383)), blueCap);
-    __m256i rg = _mm256_or_si256(red, _mm256_slli_epi16(green, 8));
+    const __m256i pairs = _mm256_broadcastsi128_si256(_mm_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15));
+    __m256i rg = _mm256_shuffle_epi8(_mm256_packus_epi16(red, green), pairs);
     const __m256i reserved = _mm256_cmpeq_epi16(_mm256_min_epu16(d, Splat(1)), d);
     rg = _mm256_blendv_epi8(rg, _mm256_mullo_epi16(d, Splat(127)), reserved);
     blue = _mm256_blendv_epi8(blue, _mm256_mullo_epi16(d, Splat(170)), reserved);
@@ -141,8 +150,12 @@ void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRam
 {
     size_t i = 0;
 #if defined(__AVX2__)
-    for (; i + kLanes <= n; i += kLanes)
-        Colours(depth + i, q, rgb + 3 * i);
+    if (q.whole > 0 || q.lo < 0)
+        for (; i + kLanes <= n; i += kLanes)
+            Colours<true>(depth + i, q, rgb + 3 * i);
+    else
+        for (; i + kLanes <= n; i += kLanes)
+        Colours<false>(depth + i, q, rgb + 3 * i);
 #endif
     // Copies: the byte stores could otherwise alias the ramp.
     const int32_t lo = q.lo, hi = q.hi;
