@@ -47,6 +47,12 @@ public:
                         stream < 0 ? "-" : Fmt(stream, "%.3f").c_str(),
                         stream < 0 ? "-" : Fmt(fast / stream, "%.1f").c_str());
         }
+        for (const auto& [op, t] : times_) {
+            const auto fast = t.find("fast"), opencv = t.find("opencv_registerDepth");
+            if (fast != t.end() && opencv != t.end())
+                std::printf("\n%s: %.3f ms, OpenCV's rgbd::registerDepth of the same frame: %.3f ms (%.1fx)\n",
+                            op.c_str(), fast->second, opencv->second, opencv->second / fast->second);
+        }
     }
 
 private:

@@ -3,6 +3,12 @@
 
 #include <cstring>
 
+#if defined(QV_BENCH_WITH_RGBD)
+#include <opencv2/rgbd.hpp>
+
+#include "registration/map_depth_to_rgb.h"
+#endif
+
 namespace {
 
 using namespace qvapi;
@@ -91,6 +97,35 @@ void MapDepthToRGBStream(benchmark::State& state)
     qvbench::StreamRead(state, input.data(), input.size());
 }
 
+#if defined(QV_BENCH_WITH_RGBD)
+// OpenCV's own depth registration (contrib rgbd) of the same frame with the same
+// calibration onto the 1920 x 1080 colour camera, with its hole-closing dilation.
+void RegisterDepthOpenCv(benchmark::State& state)
+{
+    Registration g;
+    const CameraCalibrationParam& p = g.s.r->m_secondParam;
+    const RegistrationParams rp = MakeRegistrationParams(p);
+    const Intrinsics& d = p.depthLens;
+    const cv::Matx33f depthCamera(d.fx, 0, d.cx, 0, d.fy, d.cy, 0, 0, 1);
+    const cv::Matx33f colourCamera(rp.fx, 0, rp.cx, 0, rp.fy, rp.cy, 0, 0, 1);
+    const Intrinsics& c = p.rgbLens;
+    const cv::Matx<float, 5, 1> colourDistortion(c.k1, c.k2, c.p1, c.p2, c.k3);
+    // Depth in millimetres is taken in metres: the translation too.
+    cv::Matx44f rt = cv::Matx44f::eye();
+    for (int k = 0; k < 9; ++k)
+        rt(k / 3, k % 3) = rp.R[k];
+    for (int k = 0; k < 3; ++k)
+        rt(k, 3) = rp.t[k] / 1000.0f;
+    const cv::Mat depth(480, 640, CV_16UC1, g.depth.data());
+    cv::Mat registered;
+    for (auto _ : state) {
+        cv::rgbd::registerDepth(depthCamera, colourCamera, colourDistortion, rt, depth,
+                                cv::Size(1920, 1080), registered, true);
+        benchmark::DoNotOptimize(registered.data);
+    }
+}
+#endif
+
 #define QV_OPERATION(name, run)                                                                     \
     BENCHMARK_CAPTURE(run, fast, true)->Name(#name "/fast")->Unit(benchmark::kMillisecond);         \
     BENCHMARK_CAPTURE(run, reference, false)->Name(#name "/reference")->Unit(benchmark::kMillisecond);
@@ -101,5 +136,8 @@ QV_OPERATION(MapDepthToRGB, MapDepthToRGBRun)
 BENCHMARK(CloudStream)->Name("GetCloudPoint/stream_read")->Unit(benchmark::kMillisecond);
 BENCHMARK(DepthStream)->Name("Convert2RGB/stream_read")->Unit(benchmark::kMillisecond);
 BENCHMARK(MapDepthToRGBStream)->Name("MapDepthToRGB/stream_read")->Unit(benchmark::kMillisecond);
+#if defined(QV_BENCH_WITH_RGBD)
+BENCHMARK(RegisterDepthOpenCv)->Name("MapDepthToRGB/opencv_registerDepth")->Unit(benchmark::kMillisecond);
+#endif
 
 }  // namespace
