@@ -155,7 +155,7 @@ void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRam
             Colours<true>(depth + i, q, rgb + 3 * i);
     else
         for (; i + kLanes <= n; i += kLanes)
-        Colours<false>(depth + i, q, rgb + 3 * i);
+            Colours<false>(depth + i, q, rgb + 3 * i);
 #endif
     // Copies: the byte stores could otherwise alias the ramp.
     const int32_t lo = q.lo, hi = q.hi;
