@@ -16,6 +16,8 @@
 // 383, and the far end (894 and beyond) is navy; red and green are capped at 255 by
 // the saturating pack to bytes. The usual range, at least 1022 depths wide and starting
 // at or above 0, has no whole part and clamps with one saturating difference.
+// The bytes are put in order by one two-source byte permute per output vector with
+// AVX-512 (VBMI); with AVX2 by in-lane shuffles and overlapping 16-byte stores.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -57,13 +59,36 @@ inline void Store(uint32_t p, uint8_t* out)
 #if defined(__AVX512BW__)
 constexpr int kLanes = 32;
 
+// The AVX-512 colours are interleaved by byte permutes (VBMI); the dispatcher hands
+// processors without them to the AVX2 kernel.
+#define QV_VBMI __attribute__((target("avx512vbmi")))
+
 inline __m512i Splat(int v) { return _mm512_set1_epi16(static_cast<short>(v)); }
+
+// Where byte j of the 96 colour bytes of 32 pixels comes from in a byte permute of two
+// sources: red and green packed to bytes by lane (pixel p's red at 16 (p / 8) + p % 8,
+// its green 8 further on), then the blue words (pixel p's at 64 + 2 p).
+struct InterleaveOrder {
+    uint8_t index[2][64];
+};
+constexpr InterleaveOrder MakeInterleaveOrder()
+{
+    InterleaveOrder order{};
+    for (int j = 0; j < 96; ++j) {
+        const int p = j / 3, channel = j % 3;
+        order.index[j / 64][j % 64] =
+            static_cast<uint8_t>(channel == 2 ? 64 + 2 * p : 16 * (p / 8) + p % 8 + 8 * channel);
+    }
+    return order;
+}
+constexpr InterleaveOrder kInterleaveOrder = MakeInterleaveOrder();
 
 // 32 pixels from d[0..31]: out[0..95]. kNarrow: a range of fewer than 1022 depths
 // (whole > 0) or one starting below 0; otherwise the clamp is one saturating
 // difference and the level has no whole part.
 template <bool kNarrow>
-inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* out)
+QV_VBMI inline void Colours(const uint16_t* depth, const FalseColourRamp& q, __m512i order0, __m512i order1,
+                            uint8_t* out)
 {
     const __m512i d = _mm512_loadu_si512(depth);
     const __m512i x = kNarrow ? _mm512_sub_epi16(_mm512_min_epu16(_mm512_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo))
@@ -76,28 +101,36 @@ inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* ou
         v = _mm512_add_epi16(v, _mm512_mullo_epi16(x, Splat(static_cast<int>(q.whole))));
     v = _mm512_mask_add_epi16(v, _mm512_cmplt_epu16_mask(sum, lo16), v, Splat(1));
 
-    // Red and green saturate to 255 in the pack to bytes; a shuffle makes them words r | g << 8.
-    const __m512i red = _mm512_min_epu16(_mm512_add_epi16(v, Splat(127)), _mm512_subs_epu16(Splat(638), v));
-    const __m512i green = _mm512_min_epu16(_mm512_subs_epu16(v, Splat(128)), _mm512_subs_epu16(Splat(893), v));
+    // 0 is black and 1 violet (127, 0, 170). In the usual range both have level 0, coloured
+    // (127, 0, 0), so only red is cleared for 0 and blue set for 1; otherwise all three
+    // channels are replaced. Red and green saturate to 255 in the pack to bytes.
+    const __mmask32 zero = _mm512_cmpeq_epi16_mask(d, _mm512_setzero_si512()), one = _mm512_cmpeq_epi16_mask(d, Splat(1));
+    const __mmask32 keep = kNarrow ? static_cast<__mmask32>(~(zero | one)) : static_cast<__mmask32>(~0u);
+    const __m512i redEnd = kNarrow ? _mm512_maskz_mov_epi16(one, Splat(127)) : _mm512_setzero_si512();
+    const __m512i blueEnd = kNarrow ? _mm512_maskz_mov_epi16(one, Splat(170)) : Splat(170);
+    const __m512i red = _mm512_mask_min_epu16(redEnd, kNarrow ? keep : static_cast<__mmask32>(~zero),
+                                              _mm512_add_epi16(v, Splat(127)), _mm512_subs_epu16(Splat(638), v));
+    const __m512i green = _mm512_maskz_min_epu16(keep, _mm512_subs_epu16(v, Splat(128)), _mm512_subs_epu16(Splat(893), v));
     const __m512i blueCap = _mm512_mask_mov_epi16(Splat(255), _mm512_cmpgt_epu16_mask(v, Splat(893)), Splat(128));
-    __m512i blue = _mm512_min_epu16(_mm512_subs_epu16(v, Splat(383)), blueCap);
-    const __m512i pairs = _mm512_broadcast_i32x4(_mm_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15));
-    __m512i rg = _mm512_shuffle_epi8(_mm512_packus_epi16(red, green), pairs);
-    // 0 is black and 1 violet (127, 0, 170): d * (127, 170) for d <= 1.
-    const __mmask32 reserved = _mm512_cmple_epu16_mask(d, Splat(1));
-    rg = _mm512_mask_mullo_epi16(rg, reserved, d, Splat(127));
-    blue = _mm512_mask_mullo_epi16(blue, reserved, d, Splat(170));
+    const __m512i blue = _mm512_mask_min_epu16(blueEnd, kNarrow ? keep : static_cast<__mmask32>(~one),
+                                               _mm512_subs_epu16(v, Splat(383)), blueCap);
 
-    // Pixels 8L..8L+3 of each 128-bit lane L in `first`, 8L+4..8L+7 in `second`, packed to
-    // 12 bytes at the start of the lane, then the 12-byte pieces put in order.
-    const __m512i pack = _mm512_broadcast_i32x4(_mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
-    const __m512i first = _mm512_shuffle_epi8(_mm512_unpacklo_epi16(rg, blue), pack);
-    const __m512i second = _mm512_shuffle_epi8(_mm512_unpackhi_epi16(rg, blue), pack);
-    const __m512i order0 = _mm512_setr_epi32(0, 1, 2, 16, 17, 18, 4, 5, 6, 20, 21, 22, 8, 9, 10, 24);
-    const __m512i order1 = _mm512_setr_epi32(25, 26, 12, 13, 14, 28, 29, 30, 0, 0, 0, 0, 0, 0, 0, 0);
-    _mm512_storeu_si512(out, _mm512_permutex2var_epi32(first, order0, second));
+    const __m512i rg = _mm512_packus_epi16(red, green);
+    _mm512_storeu_si512(out, _mm512_permutex2var_epi8(rg, order0, blue));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 64),
-                        _mm512_castsi512_si256(_mm512_permutex2var_epi32(first, order1, second)));
+                        _mm512_castsi512_si256(_mm512_permutex2var_epi8(rg, order1, blue)));
+}
+
+template <bool kNarrow>
+QV_VBMI size_t ColourBlocks(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb)
+{
+    const FalseColourRamp q = ramp;  // a copy the stores cannot alias, kept in registers
+    const __m512i order0 = _mm512_loadu_si512(kInterleaveOrder.index[0]);
+    const __m512i order1 = _mm512_loadu_si512(kInterleaveOrder.index[1]);
+    size_t i = 0;
+    for (; i + kLanes <= n; i += kLanes)
+        Colours<kNarrow>(depth + i, q, order0, order1, rgb + 3 * i);
+    return i;
 }
 #elif defined(__AVX2__)
 constexpr int kLanes = 16;
@@ -120,27 +153,46 @@ inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* ou
     if (kNarrow)
         v = _mm256_add_epi16(v, _mm256_mullo_epi16(x, Splat(static_cast<int>(q.whole))));
 
-    const __m256i red = _mm256_min_epu16(_mm256_add_epi16(v, Splat(127)), _mm256_subs_epu16(Splat(638), v));
+    // 0 is black and 1 violet (127, 0, 170); in the usual range both have level 0,
+    // coloured (127, 0, 0), as with the AVX-512 kernel.
+    const __m256i one = _mm256_cmpeq_epi16(d, Splat(1));
+    __m256i red = _mm256_min_epu16(_mm256_add_epi16(v, Splat(127)), _mm256_subs_epu16(Splat(638), v));
+    if (!kNarrow)
+        red = _mm256_andnot_si256(_mm256_cmpeq_epi16(d, _mm256_setzero_si256()), red);
     const __m256i green = _mm256_min_epu16(_mm256_subs_epu16(v, Splat(128)), _mm256_subs_epu16(Splat(893), v));
     // 255 below 894, 128 from there: 255 - 127 where v > 893.
     const __m256i blueCap = _mm256_sub_epi16(Splat(255), _mm256_and_si256(_mm256_cmpgt_epi16(v, Splat(893)), Splat(127)));
     __m256i blue = _mm256_min_epu16(_mm256_subs_epu16(v, Splat(383)), blueCap);
     const __m256i pairs = _mm256_broadcastsi128_si256(_mm_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15));
     __m256i rg = _mm256_shuffle_epi8(_mm256_packus_epi16(red, green), pairs);
-    const __m256i reserved = _mm256_cmpeq_epi16(_mm256_min_epu16(d, Splat(1)), d);
-    rg = _mm256_blendv_epi8(rg, _mm256_mullo_epi16(d, Splat(127)), reserved);
-    blue = _mm256_blendv_epi8(blue, _mm256_mullo_epi16(d, Splat(170)), reserved);
+    if (kNarrow) {
+        const __m256i reserved = _mm256_cmpeq_epi16(_mm256_min_epu16(d, Splat(1)), d);
+        rg = _mm256_blendv_epi8(rg, _mm256_and_si256(one, Splat(127)), reserved);
+        blue = _mm256_blendv_epi8(blue, _mm256_and_si256(one, Splat(170)), reserved);
+    } else {
+        blue = _mm256_blendv_epi8(blue, Splat(170), one);
+    }
 
     const __m256i pack = _mm256_broadcastsi128_si256(_mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
     const __m256i first = _mm256_shuffle_epi8(_mm256_unpacklo_epi16(rg, blue), pack);
     const __m256i second = _mm256_shuffle_epi8(_mm256_unpackhi_epi16(rg, blue), pack);
-    // Bytes 0..31: first 0-2, second 0-2, first 4-5; bytes 32..47: first 6, second 4-6.
-    const __m256i head = _mm256_blend_epi32(_mm256_permutevar8x32_epi32(first, _mm256_setr_epi32(0, 1, 2, 0, 0, 0, 4, 5)),
-                                            _mm256_permutevar8x32_epi32(second, _mm256_setr_epi32(0, 0, 0, 0, 1, 2, 0, 0)), 0x38);
-    const __m256i tail = _mm256_blend_epi32(_mm256_permutevar8x32_epi32(first, _mm256_setr_epi32(6, 0, 0, 0, 0, 0, 0, 0)),
-                                            _mm256_permutevar8x32_epi32(second, _mm256_setr_epi32(0, 4, 5, 6, 0, 0, 0, 0)), 0x0e);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), head);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 32), _mm256_castsi256_si128(tail));
+    // Each lane's 12 bytes stored in order with 16-byte stores; a store's last 4 bytes are
+    // overwritten by the next one, the block's last by the next block.
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(first));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 12), _mm256_castsi256_si128(second));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 24), _mm256_extracti128_si256(first, 1));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 36), _mm256_extracti128_si256(second, 1));
+}
+
+// Blocks of 16 pixels while two more follow, whose first 4 bytes the last store overwrites.
+template <bool kNarrow>
+size_t ColourBlocks(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb)
+{
+    const FalseColourRamp q = ramp;  // a copy the stores cannot alias, kept in registers
+    size_t i = 0;
+    for (; i + kLanes + 2 <= n; i += kLanes)
+        Colours<kNarrow>(depth + i, q, rgb + 3 * i);
+    return i;
 }
 #endif
 
@@ -150,12 +202,7 @@ void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRam
 {
     size_t i = 0;
 #if defined(__AVX2__)
-    if (q.whole > 0 || q.lo < 0)
-        for (; i + kLanes <= n; i += kLanes)
-            Colours<true>(depth + i, q, rgb + 3 * i);
-    else
-        for (; i + kLanes <= n; i += kLanes)
-            Colours<false>(depth + i, q, rgb + 3 * i);
+    i = q.whole > 0 || q.lo < 0 ? ColourBlocks<true>(depth, n, q, rgb) : ColourBlocks<false>(depth, n, q, rgb);
 #endif
     // Copies: the byte stores could otherwise alias the ramp.
     const int32_t lo = q.lo, hi = q.hi;

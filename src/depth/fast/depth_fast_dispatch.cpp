@@ -214,6 +214,15 @@ void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY,
 
 void FalseColourSpan(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb)
 {
+#if defined(QV_HAVE_AVX512_KERNELS)
+    // The AVX-512 colouring interleaves its bytes with VBMI's byte permutes; AVX-512
+    // processors without them take the AVX2 kernel.
+    static const bool vbmi = (__builtin_cpu_init(), __builtin_cpu_supports("avx512vbmi"));
+    if (Kernels() == KernelSet::Avx512 && !vbmi) {
+        avx2::FalseColourSpanKernel(depth, n, ramp, rgb);
+        return;
+    }
+#endif
     QV_KERNEL(FalseColourSpanKernel)(depth, n, ramp, rgb);
 }
 
