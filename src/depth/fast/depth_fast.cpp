@@ -120,7 +120,7 @@ struct DualRowScratch {
 
 // 1. Samples to phase vectors, energies and saturation (1: first frequency, 2: second).
 template <int kA, int kB, int kC, int kD>
-void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
+void RowSamplesScalar(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
                 const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
                 float* __restrict i1, float* __restrict qq1, float* __restrict e1,
                 float* __restrict i2, float* __restrict qq2, float* __restrict e2,
@@ -148,6 +148,78 @@ void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
         sat[c] = sat1 + 2 * sat2;
     }
 }
+
+#if defined(__AVX2__)
+// With AVX2, eight pixels at a time: a pixel's two words of a sub-row are one 32-bit
+// lane. In every flip mode A and D share a sub-row, B and C the other, and A and B are
+// both the even or both the odd word.
+template <int kA, int kB, int kC, int kD>
+void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
+                const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
+                float* __restrict i1, float* __restrict qq1, float* __restrict e1,
+                float* __restrict i2, float* __restrict qq2, float* __restrict e2,
+                int32_t* __restrict sat)
+{
+    static_assert(kA / 2 == kD / 2 && kB / 2 == kC / 2 && kA % 2 == kB % 2, "sample roles");
+    constexpr size_t kRowA = kA < 2 ? 0 : 1, kRowB = 1 - kRowA;
+    constexpr int kShiftA = kA % 2 ? 16 : 0, kShiftD = 16 - kShiftA;
+    const __m256i low = _mm256_set1_epi32(0xFFFF), full = _mm256_set1_epi16(1023);
+    int c = 0;
+    for (; c + 8 <= W; c += 8) {
+        const size_t w = 2 * static_cast<size_t>(c);
+        const auto load = [&](const uint16_t* q, size_t row) {
+            return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q + row * half + w));
+        };
+        const auto word = [&](__m256i pair, int shift) {
+            return shift ? _mm256_srli_epi32(pair, 16) : _mm256_and_si256(pair, low);
+        };
+        // The samples two rows on, a cache line per stream every 16 pixels: the eight
+        // streams lie a plane apart and the hardware prefetchers lose them while the
+        // distance loops run.
+        if ((c & 15) == 0)
+            for (const uint16_t* q : {q0, q1, q2, q3})
+                for (size_t row = 0; row < 2; ++row)
+                    _mm_prefetch(reinterpret_cast<const char*>(q + row * half + w + 4 * half), _MM_HINT_T0);
+        const __m256i ad0 = load(q0, kRowA), bc0 = load(q0, kRowB), ad1 = load(q1, kRowA), bc1 = load(q1, kRowB);
+        const __m256i ad2 = load(q2, kRowA), bc2 = load(q2, kRowB), ad3 = load(q3, kRowA), bc3 = load(q3, kRowB);
+        const __m256i A0 = word(ad0, kShiftA), D0 = word(ad0, kShiftD), B0 = word(bc0, kShiftA), C0 = word(bc0, kShiftD);
+        const __m256i A1 = word(ad1, kShiftA), D1 = word(ad1, kShiftD), B1 = word(bc1, kShiftA), C1 = word(bc1, kShiftD);
+        const __m256i A2 = word(ad2, kShiftA), D2 = word(ad2, kShiftD), B2 = word(bc2, kShiftA), C2 = word(bc2, kShiftD);
+        const __m256i A3 = word(ad3, kShiftA), D3 = word(ad3, kShiftD), B3 = word(bc3, kShiftA), C3 = word(bc3, kShiftD);
+        const auto diff = [](__m256i a, __m256i b, __m256i c, __m256i d) {
+            return _mm256_cvtepi32_ps(_mm256_sub_epi32(_mm256_sub_epi32(a, b), _mm256_sub_epi32(c, d)));
+        };
+        _mm256_storeu_ps(i1 + c, diff(A2, A3, C2, C3));
+        _mm256_storeu_ps(qq1 + c, diff(B2, B3, D2, D3));
+        _mm256_storeu_ps(i2 + c, diff(A0, A1, C0, C1));
+        _mm256_storeu_ps(qq2 + c, diff(B0, B1, D0, D1));
+        const auto energy = [](__m256i a, __m256i b, __m256i c, __m256i d) {
+            const __m256 ex = _mm256_cvtepi32_ps(_mm256_sub_epi32(b, d)), ey = _mm256_cvtepi32_ps(_mm256_sub_epi32(a, c));
+            return _mm256_fmadd_ps(ex, ex, _mm256_mul_ps(ey, ey));
+        };
+        _mm256_storeu_ps(e1 + c, energy(A3, B3, C3, D3));
+        _mm256_storeu_ps(e2 + c, energy(A0, B0, C0, D0));
+        // Any of a frequency's four words at 1023: 1 for the first, 2 for the second.
+        const __m256i full2 = _mm256_or_si256(_mm256_cmpeq_epi16(ad2, full), _mm256_cmpeq_epi16(bc2, full));
+        const __m256i full0 = _mm256_or_si256(_mm256_cmpeq_epi16(ad0, full), _mm256_cmpeq_epi16(bc0, full));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(sat + c),
+                            _mm256_or_si256(_mm256_min_epu32(full2, _mm256_set1_epi32(1)),
+                                            _mm256_min_epu32(full0, _mm256_set1_epi32(2))));
+    }
+    RowSamplesScalar<kA, kB, kC, kD>(q0 + 2 * c, q1 + 2 * c, q2 + 2 * c, q3 + 2 * c, half, W - c, i1 + c,
+                                     qq1 + c, e1 + c, i2 + c, qq2 + c, e2 + c, sat + c);
+}
+#else
+template <int kA, int kB, int kC, int kD>
+void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
+                const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
+                float* __restrict i1, float* __restrict qq1, float* __restrict e1,
+                float* __restrict i2, float* __restrict qq2, float* __restrict e2,
+                int32_t* __restrict sat)
+{
+    RowSamplesScalar<kA, kB, kC, kD>(q0, q1, q2, q3, half, W, i1, qq1, e1, i2, qq2, e2, sat);
+}
+#endif
 
 // 2. The row's calibration at the flipped, binned positions, made contiguous (only
 // needed when the positions run backwards or skip).
