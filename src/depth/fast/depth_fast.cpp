@@ -210,15 +210,9 @@ void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
                                      qq1 + c, e1 + c, i2 + c, qq2 + c, e2 + c, sat + c);
 }
 #else
+// Elsewhere the plain loop is the row (the compiler vectorises it).
 template <int kA, int kB, int kC, int kD>
-void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
-                const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
-                float* __restrict i1, float* __restrict qq1, float* __restrict e1,
-                float* __restrict i2, float* __restrict qq2, float* __restrict e2,
-                int32_t* __restrict sat)
-{
-    RowSamplesScalar<kA, kB, kC, kD>(q0, q1, q2, q3, half, W, i1, qq1, e1, i2, qq2, e2, sat);
-}
+constexpr auto RowSamples = RowSamplesScalar<kA, kB, kC, kD>;
 #endif
 
 // 2. The row's calibration at the flipped, binned positions, made contiguous (only
