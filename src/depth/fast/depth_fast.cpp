@@ -121,10 +121,10 @@ struct DualRowScratch {
 // 1. Samples to phase vectors, energies and saturation (1: first frequency, 2: second).
 template <int kA, int kB, int kC, int kD>
 void RowSamplesScalar(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
-                const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
-                float* __restrict i1, float* __restrict qq1, float* __restrict e1,
-                float* __restrict i2, float* __restrict qq2, float* __restrict e2,
-                int32_t* __restrict sat)
+                      const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
+                      float* __restrict i1, float* __restrict qq1, float* __restrict e1,
+                      float* __restrict i2, float* __restrict qq2, float* __restrict e2,
+                      int32_t* __restrict sat)
 {
     for (int c = 0; c < W; ++c) {
         const size_t w0 = 2 * static_cast<size_t>(c);
