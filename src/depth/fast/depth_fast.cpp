@@ -470,6 +470,8 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s,
     }
 }
 
+constexpr int kRowPiece = 128;
+
 template <int Flip, int Binning>
 void DualRow(const DualRowArgs& a, int r, const DualRowScratch& s, uint16_t* out, float* d1s,
              float* d2s, int32_t* reached)
@@ -485,30 +487,36 @@ void DualRow(const DualRowArgs& a, int r, const DualRowScratch& s, uint16_t* out
     const DualFreqParams& p = *a.p;
 
     const uint16_t* q0 = a.raw + 4 * static_cast<size_t>(W) * r;
-    RowSamples<kA, kB, kC, kD>(q0, q0 + a.plane, q0 + 2 * a.plane, q0 + 3 * a.plane,
-                               2 * static_cast<size_t>(W), W, s.i1, s.q1, s.e1, s.i2, s.q2, s.e2,
-                               s.saturated);
-
     const size_t calRow = static_cast<size_t>(kMirrorRows ? a.height - 1 - r : r);
     const size_t first = calRow * W * Binning * Binning +
                          (kMirrorCols ? static_cast<size_t>(W - 1) * Binning : 0);
     constexpr int kStep = kMirrorCols ? -Binning : Binning;
-    const float* fppn1 = a.fppn1 + first;
-    const float* fppn2 = a.fppn2 + first;
-    const float* rays = a.radialToZ + first;
-    if (kStep != 1) {
-        RowCalibration<kStep>(fppn1, fppn2, rays, W, s.fppn1, s.fppn2, s.rays);
-        fppn1 = s.fppn1;
-        fppn2 = s.fppn2;
-        rays = s.rays;
-    }
-
-    RowDistance(s.i1, s.q1, fppn1, p.table1, p.phaseToMm1, a.off1, a.range1, p.tableStep2,
-                INT32_MAX, W, d1s);
-    RowDistance(s.i2, s.q2, fppn2, p.table2, p.phaseToMm2, a.off2, a.range2, p.tableStep2,
-                INT32_MAX, W, d2s);
     const UnwrapConstants k{a.minEnergy, a.rangeC, a.ratio1, a.ratio2, a.invR1, a.invR2, a.R1, a.R2};
-    RowUnwrap(k, d1s, d2s, s.e1, s.e2, s.saturated, rays, W, out, reached);
+
+    // The row in pieces of kRowPiece pixels, so that the intermediate rows stay in the
+    // first-level cache between the steps.
+    for (int c0 = 0; c0 < W; c0 += kRowPiece) {
+        const int n = std::min(kRowPiece, W - c0);
+        const uint16_t* q = q0 + 2 * static_cast<size_t>(c0);
+        RowSamples<kA, kB, kC, kD>(q, q + a.plane, q + 2 * a.plane, q + 3 * a.plane,
+                                   2 * static_cast<size_t>(W), n, s.i1, s.q1, s.e1, s.i2, s.q2, s.e2,
+                                   s.saturated);
+        const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(first) + std::ptrdiff_t{kStep} * c0;
+        const float* fppn1 = a.fppn1 + at;
+        const float* fppn2 = a.fppn2 + at;
+        const float* rays = a.radialToZ + at;
+        if (kStep != 1) {
+            RowCalibration<kStep>(fppn1, fppn2, rays, n, s.fppn1, s.fppn2, s.rays);
+            fppn1 = s.fppn1;
+            fppn2 = s.fppn2;
+            rays = s.rays;
+        }
+        RowDistance(s.i1, s.q1, fppn1, p.table1, p.phaseToMm1, a.off1, a.range1, p.tableStep2,
+                    INT32_MAX, n, d1s + c0);
+        RowDistance(s.i2, s.q2, fppn2, p.table2, p.phaseToMm2, a.off2, a.range2, p.tableStep2,
+                    INT32_MAX, n, d2s + c0);
+        RowUnwrap(k, d1s + c0, d2s + c0, s.e1, s.e2, s.saturated, rays, n, out + c0, reached + c0);
+    }
 }
 
 using DualRowFn = void (*)(const DualRowArgs&, int, const DualRowScratch&, uint16_t*, float*, float*,
