@@ -86,11 +86,13 @@ struct Instance {
 };
 
 void CompareDual(const Instance& in, const uint16_t* raw, int w, int h, int flip, int threshold,
-                 Differences& diff, float tableStep = 0.0f)
+                 Differences& diff, float tableStep = 0.0f, const float* table = nullptr)
 {
     DualFreqParams p = in.Dual(w, flip, threshold);
     if (tableStep > 0.0f)
         p.tableStep2 = tableStep;
+    if (table)
+        p.table1 = p.table2 = table;
     std::vector<uint16_t> ref(static_cast<size_t>(w) * h), fast(ref.size());
     DualFreqLast lastRef{-1, -1}, lastFast{-1, -1};
     DualFreqDepth(raw, ref.data(), w, h, p, in.r->m_fppnOffset.get(), in.r->m_fppnOffset2.get(),
@@ -137,10 +139,16 @@ TEST(Parity, DualFrequencyScenesAndRandomFrames)
             CompareDual(in, raw.data(), w, std::min(h, w == 320 ? 240 : h), flip, 5, diff);
         }
     }
-    // Coarser table steps reach every wiggling entry up to the last (255).
+    // Coarser table steps reach every wiggling entry up to the last (255), in the
+    // calibration's table and in one whose neighbouring entries all differ by whole
+    // millimetres.
+    std::vector<float> table(256);
+    for (float& t : table)
+        t = static_cast<float>(std::uniform_int_distribution<int>(-40, 40)(rng)) + 0.5f;
     for (float step : {0.05f, 0.2f}) {
         const std::vector<uint16_t> raw = RandomFrame(16 * 640 * 40, rng, 1023);
         CompareDual(in, raw.data(), 640, 40, 0, 5, diff, step);
+        CompareDual(in, raw.data(), 640, 40, 0, 5, diff, step, table.data());
     }
     diff.Check("dual, random frames");
 }

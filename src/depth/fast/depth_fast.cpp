@@ -324,7 +324,7 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
     }
 }
 #elif defined(__AVX2__) && defined(__FMA__)
-// With AVX2 the same steps with eight lanes; the look-ups are hardware gathers.
+// With AVX2 the same steps with eight lanes; the look-ups are described below.
 
 inline __m256 Select(__m256 mask, __m256 yes, __m256 no) { return _mm256_blendv_ps(no, yes, mask); }
 
@@ -365,6 +365,13 @@ inline __m256 TruncV(__m256 v)
     return _mm256_round_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
 }
 
+// The look-ups are plain loads: the row goes in blocks of kLookupBlock pixels, whose
+// distances, fractions and indices are kept; a scalar loop copies each pixel's two
+// neighbouring entries as one 64-bit word, and the interpolation finishes in vectors.
+// (Hardware gathers, and the compiler's gathers emulated an entry at a time, cost
+// several times more.)
+constexpr int kLookupBlock = 64;
+
 void RowDistance(const float* __restrict iv, const float* __restrict qv,
                  const float* __restrict fppn, const float* __restrict table,
                  float phaseToMm, float offset, float range, float step, int32_t /*foldCount*/,
@@ -374,37 +381,58 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
     const __m256 vScale = _mm256_set1_ps(phaseToMm), vOffset = _mm256_set1_ps(offset);
     const __m256 one = _mm256_set1_ps(1.0f), zero = _mm256_setzero_ps();
     const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-    // Masked loads and stores (slow on some processors) only for the last, partial vector.
-    const auto row8 = [&](int c, bool partial) {
-        const __m256i m = _mm256_cmpgt_epi32(_mm256_set1_epi32(W - c), lane);
-        const auto load = [&](const float* from) {
-            return partial ? _mm256_maskload_ps(from, m) : _mm256_loadu_ps(from);
+    const __m256i last = _mm256_set1_epi32(255);
+    alignas(32) float dB[kLookupBlock], fB[kLookupBlock];
+    alignas(32) int32_t kB[kLookupBlock];
+    alignas(32) uint64_t pairB[kLookupBlock];
+    for (int c0 = 0; c0 < W; c0 += kLookupBlock) {
+        const int n = std::min(kLookupBlock, W - c0);
+        const int vectors = (n + 7) / 8;
+        // Masked loads and stores (slow on some processors) only for a partial vector.
+        const auto mask = [&](int j) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(n - j), lane); };
+        const auto load = [&](const float* from, int j) {
+            return n - j >= 8 ? _mm256_loadu_ps(from + j) : _mm256_maskload_ps(from + j, mask(j));
         };
-        const __m256 i = load(iv + c), q = load(qv + c);
-        const __m256 d = WrapV(_mm256_add_ps(_mm256_mul_ps(Atan2V(q, i), vScale), vOffset), vRange);
-
-        // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0), interpolated.
-        __m256 x = _mm256_max_ps(_mm256_mul_ps(vStep, d), zero);
-        x = _mm256_min_ps(x, _mm256_set1_ps(1.0e6f));
-        const __m256i k0 = _mm256_cvttps_epi32(x);
-        const __m256 f = _mm256_sub_ps(x, _mm256_cvtepi32_ps(k0));
-        const __m256i above = _mm256_castps_si256(_mm256_cmp_ps(f, zero, _CMP_GT_OQ));
-        const __m256i k1 = _mm256_min_epi32(_mm256_sub_epi32(k0, above), _mm256_set1_epi32(255));
-        const __m256 w0 = _mm256_i32gather_ps(table, _mm256_min_epi32(k0, _mm256_set1_epi32(255)), 4);
-        const __m256 w1 = _mm256_i32gather_ps(table, k1, 4);
-        const __m256 wig = _mm256_fmadd_ps(f, w1, _mm256_mul_ps(_mm256_sub_ps(one, f), w0));
-        const __m256 corrected =
-            _mm256_sub_ps(_mm256_add_ps(d, TruncV(load(fppn + c))), TruncV(wig));
-        if (partial)
-            _mm256_maskstore_ps(dOut + c, m, WrapV(corrected, vRange));
-        else
-            _mm256_storeu_ps(dOut + c, WrapV(corrected, vRange));
-    };
-    int c = 0;
-    for (; c + 8 <= W; c += 8)
-        row8(c, false);
-    if (c < W)
-        row8(c, true);
+        for (int v = 0; v < vectors; ++v) {
+            const int j = 8 * v;
+            const __m256 i = load(iv + c0, j), q = load(qv + c0, j);
+            const __m256 d = WrapV(_mm256_add_ps(_mm256_mul_ps(Atan2V(q, i), vScale), vOffset), vRange);
+            // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0); the index
+            // within the table.
+            __m256 x = _mm256_max_ps(_mm256_mul_ps(vStep, d), zero);
+            x = _mm256_min_ps(x, _mm256_set1_ps(1.0e6f));
+            const __m256i k = _mm256_cvttps_epi32(x);
+            _mm256_store_ps(dB + j, d);
+            _mm256_store_ps(fB + j, _mm256_sub_ps(x, _mm256_cvtepi32_ps(k)));
+            _mm256_store_si256(reinterpret_cast<__m256i*>(kB + j), _mm256_min_epi32(k, last));
+        }
+        // Entries k and k + 1, from 254 and 255 for the last index.
+        for (int j = 0; j < 8 * vectors; ++j)
+            std::memcpy(pairB + j, table + std::min(kB[j], 254), sizeof(uint64_t));
+        for (int v = 0; v < vectors; ++v) {
+            const int j = 8 * v;
+            const __m256 p0 = _mm256_load_ps(reinterpret_cast<const float*>(pairB + j));
+            const __m256 p1 = _mm256_load_ps(reinterpret_cast<const float*>(pairB + j + 4));
+            const __m256 lo = _mm256_castpd_ps(
+                _mm256_permute4x64_pd(_mm256_castps_pd(_mm256_shuffle_ps(p0, p1, 0x88)), 0xD8));
+            const __m256 hi = _mm256_castpd_ps(
+                _mm256_permute4x64_pd(_mm256_castps_pd(_mm256_shuffle_ps(p0, p1, 0xDD)), 0xD8));
+            // Entry k, and entry k + 1 where the fraction is above 0 (k itself
+            // otherwise, as if k + 1 were not read); both the last for index 255.
+            const __m256 f = _mm256_load_ps(fB + j);
+            const __m256 atLast = _mm256_castsi256_ps(
+                _mm256_cmpeq_epi32(_mm256_load_si256(reinterpret_cast<const __m256i*>(kB + j)), last));
+            const __m256 w0 = Select(atLast, hi, lo);
+            const __m256 w1 = Select(_mm256_or_ps(atLast, _mm256_cmp_ps(f, zero, _CMP_GT_OQ)), hi, lo);
+            const __m256 wig = _mm256_fmadd_ps(f, w1, _mm256_mul_ps(_mm256_sub_ps(one, f), w0));
+            const __m256 corrected =
+                _mm256_sub_ps(_mm256_add_ps(_mm256_load_ps(dB + j), TruncV(load(fppn + c0, j))), TruncV(wig));
+            if (n - j >= 8)
+                _mm256_storeu_ps(dOut + c0 + j, WrapV(corrected, vRange));
+            else
+                _mm256_maskstore_ps(dOut + c0 + j, mask(j), WrapV(corrected, vRange));
+        }
+    }
 }
 #else
 // The fold count stays a run-time value (no inter-procedural constant propagation):
