@@ -460,11 +460,11 @@ struct UnwrapConstants {
 // 4. Unwrapping into the combined range, the consistency of the two distances, the
 // depth or its marks, and how far each pixel got (1: the first frequency's distance,
 // 2: both) for the last-distance members.
-void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s,
-               const float* __restrict d2s, const float* __restrict e1,
-               const float* __restrict e2, const int32_t* __restrict sat,
-               const float* __restrict rays, int W, uint16_t* __restrict out,
-               int32_t* __restrict reachOut)
+void RowUnwrapScalar(const UnwrapConstants k, const float* __restrict d1s,
+                     const float* __restrict d2s, const float* __restrict e1,
+                     const float* __restrict e2, const int32_t* __restrict sat,
+                     const float* __restrict rays, int W, uint16_t* __restrict out,
+                     int32_t* __restrict reachOut)
 {
     for (int c = 0; c < W; ++c) {
         const float d1 = d1s[c], d2 = d2s[c];
@@ -497,6 +497,70 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s,
         reachOut[c] = reach1 + reach2;
     }
 }
+
+#if defined(__AVX2__) && defined(__FMA__) && !defined(__AVX512F__)
+// With AVX2, eight pixels at a time written with intrinsics: the clamps become
+// minimum and maximum, which the vectoriser makes into compares and blends.
+void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float* __restrict d2s,
+               const float* __restrict e1, const float* __restrict e2,
+               const int32_t* __restrict sat, const float* __restrict rays, int W,
+               uint16_t* __restrict out, int32_t* __restrict reachOut)
+{
+    const __m256 ratio1 = _mm256_set1_ps(k.ratio1), ratio2 = _mm256_set1_ps(k.ratio2);
+    const __m256 rangeC = _mm256_set1_ps(k.rangeC), invR1 = _mm256_set1_ps(k.invR1);
+    const __m256 invR2 = _mm256_set1_ps(k.invR2), half = _mm256_set1_ps(0.5f);
+    const __m256 lowest = _mm256_set1_ps(-1.0e6f), highest = _mm256_set1_ps(1.0e6f);
+    const __m256 minEnergy = _mm256_set1_ps(k.minEnergy), zero = _mm256_setzero_ps();
+    const __m256 abs = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
+    const __m256i R1 = _mm256_set1_epi32(k.R1), R2 = _mm256_set1_epi32(k.R2);
+    const __m256i one = _mm256_set1_epi32(1);
+    int c = 0;
+    for (; c + 8 <= W; c += 8) {
+        const __m256 d1 = _mm256_loadu_ps(d1s + c), d2 = _mm256_loadu_ps(d2s + c);
+        const __m256 e = WrapV(_mm256_fmsub_ps(ratio1, d1, _mm256_mul_ps(ratio2, d2)), rangeC);
+        // (kf > -1e6 ? kf : -1e6) is the maximum with -1e6 second, NaN included.
+        const auto index = [&](__m256 d, __m256 inv) {
+            const __m256 kf = _mm256_fmadd_ps(_mm256_sub_ps(e, d), inv, half);
+            return _mm256_cvttps_epi32(_mm256_min_ps(_mm256_max_ps(kf, lowest), highest));
+        };
+        __m256 D1 = _mm256_add_ps(d1, _mm256_cvtepi32_ps(_mm256_mullo_epi32(index(d1, invR1), R1)));
+        const __m256 D2 = _mm256_add_ps(d2, _mm256_cvtepi32_ps(_mm256_mullo_epi32(index(d2, invR2), R2)));
+        const __m256 z = _mm256_mul_ps(_mm256_mul_ps(_mm256_loadu_ps(rays + c), half), _mm256_add_ps(D1, D2));
+        D1 = Select(_mm256_cmp_ps(z, zero, _CMP_LT_OQ), _mm256_add_ps(D1, rangeC), D1);
+        const __m256 disagreement = _mm256_sub_ps(
+            Select(_mm256_cmp_ps(z, rangeC, _CMP_GT_OQ), _mm256_sub_ps(D1, rangeC), D1), D2);
+        const __m256 keep = _mm256_and_ps(
+            _mm256_cmp_ps(_mm256_and_ps(disagreement, abs), _mm256_set1_ps(200.0f), _CMP_LE_OQ),
+            _mm256_and_ps(_mm256_cmp_ps(d1, zero, _CMP_NEQ_UQ), _mm256_cmp_ps(d2, zero, _CMP_NEQ_UQ)));
+
+        // Lanes as 0 / -1 masks: reach1 = not saturated at the first frequency and
+        // strong there; reach2 = reach1 and the same at the second; the mark 1 for
+        // saturation at the first frequency or, reached, at the second.
+        const __m256i s = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sat + c));
+        const __m256i sat1 = _mm256_cmpeq_epi32(_mm256_and_si256(s, one), one);
+        const __m256i sat2 = _mm256_cmpeq_epi32(_mm256_and_si256(s, _mm256_set1_epi32(2)), _mm256_set1_epi32(2));
+        const __m256i strong1 = _mm256_castps_si256(_mm256_cmp_ps(_mm256_loadu_ps(e1 + c), minEnergy, _CMP_GE_OQ));
+        const __m256i strong2 = _mm256_castps_si256(_mm256_cmp_ps(_mm256_loadu_ps(e2 + c), minEnergy, _CMP_GE_OQ));
+        const __m256i reach1 = _mm256_andnot_si256(sat1, strong1);
+        const __m256i reach2 = _mm256_and_si256(_mm256_andnot_si256(sat2, strong2), reach1);
+        const __m256i mark = _mm256_and_si256(_mm256_or_si256(sat1, _mm256_and_si256(reach1, sat2)), one);
+        // The low 16 bits of the truncated depth; 0 for NaN and beyond +-2.1e9.
+        const __m256 inRange = _mm256_and_ps(_mm256_cmp_ps(z, _mm256_set1_ps(-2.1e9f), _CMP_GT_OQ),
+                                             _mm256_cmp_ps(z, _mm256_set1_ps(2.1e9f), _CMP_LT_OQ));
+        const __m256i depth = _mm256_and_si256(
+            _mm256_cvttps_epi32(_mm256_and_ps(z, _mm256_and_ps(inRange, keep))), _mm256_set1_epi32(0xFFFF));
+        const __m256i value = _mm256_add_epi32(mark, _mm256_and_si256(depth, reach2));
+        const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(value, value), 0x08);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + c), _mm256_castsi256_si128(packed));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(reachOut + c),
+                            _mm256_sub_epi32(_mm256_setzero_si256(), _mm256_add_epi32(reach1, reach2)));
+    }
+    RowUnwrapScalar(k, d1s + c, d2s + c, e1 + c, e2 + c, sat + c, rays + c, W - c, out + c, reachOut + c);
+}
+#else
+// Elsewhere the plain loop is the row.
+constexpr auto RowUnwrap = RowUnwrapScalar;
+#endif
 
 constexpr int kRowPiece = 128;
 
