@@ -214,7 +214,7 @@ TEST(Parity, EdgeFilterIsExact)
     }
     // Block means on both sides of each band's edge, deviations around each threshold.
     for (int edge : {0, 1000, 2000, 3000, 4000, 5000}) {
-        std::uniform_int_distribution<int> near(-3, 3), spread(-90, 90);
+        std::uniform_int_distribution<int> near(-3, 3), spread(-130, 130);
         std::vector<uint16_t> img(640 * 20);
         for (size_t i = 0; i < img.size(); ++i)
             img[i] = static_cast<uint16_t>(

@@ -712,8 +712,8 @@ bool EdgeFilterRows(uint16_t* depth, int width, int height)
     // positions, so the filter works in place.
     const size_t W = static_cast<size_t>(width);
     const size_t n = static_cast<size_t>(height - 2) * W;
-    // Squares of deviations fit 32 bits only for depths below 32768; other images go
-    // to the scalar kernel.
+    // Pair sums and deviations fit 16 bits only for depths below 32768 (and above it the
+    // plain filter's deviation can wrap): other images go to the scalar kernel.
     uint16_t top = 0;
     const size_t all = static_cast<size_t>(height) * W;
     for (size_t i = 0; i < all; ++i)
@@ -726,23 +726,33 @@ bool EdgeFilterRows(uint16_t* depth, int width, int height)
         const size_t count = n - start < kBlock ? n - start : kBlock;
         const uint16_t* d = depth + start;
         for (size_t k = 0; k < count; ++k) {
-            const int32_t p = d[k], right = d[k + 1], below = d[k + W], br = d[k + W + 1];
-            const int32_t mean = (p + right + below + br) >> 2;
-            const uint32_t sq = static_cast<uint32_t>((p - mean) * (p - mean)) +
-                                static_cast<uint32_t>((right - mean) * (right - mean)) +
-                                static_cast<uint32_t>((below - mean) * (below - mean)) +
-                                static_cast<uint32_t>((br - mean) * (br - mean));
-            // trunc(sqrt(sq)) > T exactly when sq >= (T + 1)^2 (sq < 2^32 here). The
-            // threshold T of the block mean's band: 30 up to 1000, 40 up to 2000, 30 up
+            // Sixteen-bit lanes throughout: pair sums of depths below 32768 fit, and the
+            // mean is the floor of their sum over 4 assembled from the parts.
+            const uint16_t p = d[k], right = d[k + 1], below = d[k + W], br = d[k + W + 1];
+            const uint16_t s1 = static_cast<uint16_t>(p + right), s2 = static_cast<uint16_t>(below + br);
+            const uint16_t mean = static_cast<uint16_t>((s1 >> 2) + (s2 >> 2) + (((s1 & 3) + (s2 & 3)) >> 2));
+            // trunc(sqrt(sq)) > T exactly when sq >= (T + 1)^2 (sq < 2^32 here). No
+            // threshold is above 80, so a deviation of 81 or more rejects the pixel
+            // whatever the others are: deviations clamped to 81 keep the outcome and
+            // keep the squares' sum below 2^15.
+            const auto square = [mean](uint16_t v) {
+                const int16_t dv = static_cast<int16_t>(v - mean);
+                int16_t dev = static_cast<int16_t>(dv < 0 ? -dv : dv);
+                dev = dev < 81 ? dev : 81;
+                return static_cast<uint16_t>(dev * dev);
+            };
+            const uint16_t sq = static_cast<uint16_t>(square(p) + square(right) + square(below) + square(br));
+            // The threshold T of the block mean's band: 30 up to 1000, 40 up to 2000, 30 up
             // to 3000 (the band falls back), 50 up to 4000, 60 up to 5000, 80 above.
-            // A sum of steps rather than a table, so that it vectorises without gathers;
-            // (b - mean) >> 31 is all ones exactly when mean > b.
-            const int32_t limit = 31 * 31 + (((1000 - mean) >> 31) & (41 * 41 - 31 * 31)) +
-                                  (((2000 - mean) >> 31) & (31 * 31 - 41 * 41)) +
-                                  (((3000 - mean) >> 31) & (51 * 51 - 31 * 31)) +
-                                  (((4000 - mean) >> 31) & (61 * 61 - 51 * 51)) +
-                                  (((5000 - mean) >> 31) & (81 * 81 - 61 * 61));
-            result[k] = static_cast<uint16_t>(p * (sq < static_cast<uint32_t>(limit)));
+            // A sum of steps rather than a table or a chain of selects, so that it
+            // vectorises without gathers or branches: above(b) is all ones exactly
+            // when mean > b.
+            const auto above = [mean](int b) { return static_cast<int16_t>(b - mean) >> 15; };
+            const uint16_t limit = static_cast<uint16_t>(
+                31 * 31 + (above(1000) & (41 * 41 - 31 * 31)) - (above(2000) & (41 * 41 - 31 * 31)) +
+                (above(3000) & (51 * 51 - 31 * 31)) + (above(4000) & (61 * 61 - 51 * 51)) +
+                (above(5000) & (81 * 81 - 61 * 61)));
+            result[k] = static_cast<uint16_t>(p * (sq < limit));
         }
         // Reads of the next block start at its own first pixel: storing now is safe.
         std::memcpy(depth + start, result, count * sizeof(uint16_t));
