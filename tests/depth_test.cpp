@@ -274,18 +274,15 @@ TEST_F(Pipeline, SingleFrequencyReleasesItsLockAndDoubleFreqDepthUsesTheLastSize
     delete[] viaPipeline;
 }
 
+// Refusals shared by every frame operation (sizes, null pointers, before Init) are
+// covered with the bad calls; these are the depth pipeline's own.
 TEST_F(Pipeline, RefusedFramesChangeNothing)
 {
     Start(STREAM_DUAL_FREQ);
-    std::vector<uint16_t> raw(16 * 640 * 481, 500);
+    std::vector<uint16_t> raw(16 * 640 * 480, 500);
     uint16_t* d = nullptr;
-    EXPECT_EQ(r->CalculateDepth(raw.data(), &d, 640, 481), STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(r->CalculateDepth(raw.data(), &d, 0, 480), STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(r->CalculateDepth(raw.data(), &d, 320, 241), STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(r->CalculateDepth(nullptr, &d, 640, 480), STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(r->CalculateDepth(raw.data(), nullptr, 640, 480), STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(d, nullptr);
-    EXPECT_EQ(r->m_width, 0);
+    int w = 1, h = 1;
+    EXPECT_EQ(r->DoubleFreqDepth(raw.data(), raw.data(), &d, w, h), STATUS_INVALID_ARGUMENT);  // no frame yet
     EXPECT_EQ(r->m_amplitudeThreshold, 5);
     // A frame of two rows is served: all zeros.
     ASSERT_EQ(r->CalculateDepth(raw.data(), &d, 640, 2), STATUS_OK);
@@ -299,20 +296,9 @@ TEST_F(Pipeline, RefusedFramesChangeNothing)
     r->SetType(DEVICE_GENERIC, STREAM_DUAL_FREQ);
     EXPECT_EQ(r->CalculateDepth(raw.data(), &d, 640, 480), STATUS_STREAM_MISMATCH);
     r->SetType(DEVICE_GENERIC, STREAM_SINGLE_FREQ);
-    EXPECT_EQ(r->CalculateDepth(raw.data(), &d, 640, 480), STATUS_INVALID_ARGUMENT);
     EXPECT_EQ(r->CalculateDepth(raw.data(), &d, 6, 7), STATUS_INVALID_ARGUMENT);  // no temperature words
     EXPECT_EQ(d, nullptr);
-    int w = 1, h = 1;
-    EXPECT_EQ(r->DoubleFreqDepth(raw.data(), raw.data(), &d, w, h), STATUS_INVALID_ARGUMENT);  // no frame yet
-    r->Release();
-    EXPECT_EQ(r->CalculateDepth(raw.data(), &d, 320, 240), STATUS_NOT_INITIALIZED);
-    EXPECT_EQ(r->DoubleFreqDepth(raw.data(), raw.data(), &d, w, h), STATUS_NOT_INITIALIZED);
-    EXPECT_EQ(d, nullptr);
-    // The infrared image needs no calibration.
-    std::vector<uint16_t> ir(320 * 240);
-    EXPECT_EQ(r->GetIR(raw.data(), ir.data(), 320, 240), STATUS_OK);
-    EXPECT_EQ(ir[100], 255);
-    EXPECT_EQ(r->GetIR(raw.data(), nullptr, 320, 240), STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(w, 1);
 }
 
 }  // namespace
