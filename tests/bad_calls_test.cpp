@@ -98,6 +98,7 @@ TEST_F(Fixture, BeforeInitAfterReleaseAndNullPointers)
     EXPECT_EQ(o.ir, STATUS_INVALID_ARGUMENT);
     EXPECT_FALSE(o.touched);
     EXPECT_EQ(r->GetCloudPoint(nullptr, nullptr, 640, 480), STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(r->GetIR(raw.data(), nullptr, 640, 480), STATUS_INVALID_ARGUMENT);
     uint8_t* image = nullptr;
     int w = 0, h = 0;
     EXPECT_EQ(r->MapDepthToRGB(nullptr, nullptr, nullptr, 1920, 1080, w, h), STATUS_INVALID_ARGUMENT);
