@@ -511,7 +511,7 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float
     const __m256 invR2 = _mm256_set1_ps(k.invR2), half = _mm256_set1_ps(0.5f);
     const __m256 lowest = _mm256_set1_ps(-1.0e6f), highest = _mm256_set1_ps(1.0e6f);
     const __m256 minEnergy = _mm256_set1_ps(k.minEnergy), zero = _mm256_setzero_ps();
-    const __m256 abs = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
+    const __m256 noSign = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
     const __m256i R1 = _mm256_set1_epi32(k.R1), R2 = _mm256_set1_epi32(k.R2);
     const __m256i one = _mm256_set1_epi32(1);
     int c = 0;
@@ -530,7 +530,7 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float
         const __m256 disagreement = _mm256_sub_ps(
             Select(_mm256_cmp_ps(z, rangeC, _CMP_GT_OQ), _mm256_sub_ps(D1, rangeC), D1), D2);
         const __m256 keep = _mm256_and_ps(
-            _mm256_cmp_ps(_mm256_and_ps(disagreement, abs), _mm256_set1_ps(200.0f), _CMP_LE_OQ),
+            _mm256_cmp_ps(_mm256_and_ps(disagreement, noSign), _mm256_set1_ps(200.0f), _CMP_LE_OQ),
             _mm256_and_ps(_mm256_cmp_ps(d1, zero, _CMP_NEQ_UQ), _mm256_cmp_ps(d2, zero, _CMP_NEQ_UQ)));
 
         // Lanes as 0 / -1 masks: reach1 = not saturated at the first frequency and
