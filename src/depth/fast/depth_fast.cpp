@@ -632,7 +632,9 @@ void DualFreqDepthRows(const uint16_t* raw, uint16_t* depth, int width, int heig
                        const float* radialToZ, float comp1, float comp2, float minEnergy,
                        float* scratch, DualFreqLast& last)
 {
-    // Scratch: 12 float rows and 2 byte rows of the frame's width.
+    // Scratch: 13 rows of the frame's width, two of them 32-bit integers (saturation and
+    // reach). The first ten hold one piece of a row at a time; the distances and reach
+    // cover the whole row for the last-distance search below.
     const size_t W = static_cast<size_t>(width);
     DualRowScratch rowScratch{scratch,         scratch + W,     scratch + 2 * W,
                               scratch + 3 * W, scratch + 4 * W, scratch + 5 * W,

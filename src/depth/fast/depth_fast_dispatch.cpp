@@ -154,7 +154,7 @@ void DualFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int heig
     if (!DualFreqPrepare(raw, depth, width, height, p, comp1, comp2))
         return;
     const float minEnergy = static_cast<float>(MinValidEnergy(p.amplitudeThreshold));
-    // Row scratch of the kernels: 13 rows of floats (bytes rows take a float row each).
+    // Row scratch of the kernels: 13 rows of 32-bit values (two of them integers).
     std::vector<float> scratch(13 * static_cast<size_t>(width));
     QV_KERNEL(DualFreqDepthRows)(raw, depth, width, height, p, fppn1, fppn2, radialToZ, comp1, comp2,
                                  minEnergy, scratch.data(), last);
