@@ -328,12 +328,15 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
 
 inline __m256 Select(__m256 mask, __m256 yes, __m256 no) { return _mm256_blendv_ps(no, yes, mask); }
 
+// The inputs are differences of integers: never -0 or NaN, so a sign bit set means
+// below zero, and the quadrant folds take their masks from the inputs themselves.
 inline __m256 Atan2V(__m256 y, __m256 x)
 {
-    const __m256 sign = _mm256_set1_ps(-0.0f), zero = _mm256_setzero_ps();
+    const __m256 sign = _mm256_set1_ps(-0.0f);
     const __m256 ax = _mm256_andnot_ps(sign, x), ay = _mm256_andnot_ps(sign, y);
-    const __m256 xWider = _mm256_cmp_ps(ax, ay, _CMP_GT_OQ);
-    const __m256 hi = Select(xWider, ax, ay), lo = Select(xWider, ay, ax);
+    // Ties count as x wider: then lo = hi, and both foldings of pi/4 give pi/4.
+    const __m256 xWider = _mm256_cmp_ps(ax, ay, _CMP_GE_OQ);
+    const __m256 hi = _mm256_max_ps(ax, ay), lo = _mm256_min_ps(ax, ay);
     const __m256 reduce = _mm256_cmp_ps(lo, _mm256_mul_ps(_mm256_set1_ps(0.41421356f), hi), _CMP_GT_OQ);
     const __m256 num = Select(reduce, _mm256_sub_ps(lo, hi), lo);
     const __m256 den = Select(reduce, _mm256_add_ps(lo, hi), _mm256_max_ps(hi, _mm256_set1_ps(1.0e-30f)));
@@ -346,9 +349,9 @@ inline __m256 Atan2V(__m256 y, __m256 x)
     p = _mm256_fmadd_ps(p, s, _mm256_set1_ps(kAtanCoef[0]));
     __m256 a = _mm256_fmadd_ps(_mm256_mul_ps(u, s), p, u);
     a = Select(reduce, _mm256_add_ps(a, _mm256_set1_ps(kQuarterPi)), a);
-    a = Select(_mm256_cmp_ps(ay, ax, _CMP_GT_OQ), _mm256_sub_ps(_mm256_set1_ps(kHalfPi), a), a);
-    a = Select(_mm256_cmp_ps(x, zero, _CMP_LT_OQ), _mm256_sub_ps(_mm256_set1_ps(kPi), a), a);
-    return Select(_mm256_cmp_ps(y, zero, _CMP_LT_OQ), _mm256_sub_ps(zero, a), a);
+    a = Select(xWider, a, _mm256_sub_ps(_mm256_set1_ps(kHalfPi), a));
+    a = _mm256_blendv_ps(a, _mm256_sub_ps(_mm256_set1_ps(kPi), a), x);  // x < 0
+    return _mm256_xor_ps(a, _mm256_and_ps(y, sign));                     // y < 0: -a
 }
 
 inline __m256 WrapV(__m256 d, __m256 range)
@@ -396,7 +399,7 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
         for (int v = 0; v < vectors; ++v) {
             const int j = 8 * v;
             const __m256 i = load(iv + c0, j), q = load(qv + c0, j);
-            const __m256 d = WrapV(_mm256_add_ps(_mm256_mul_ps(Atan2V(q, i), vScale), vOffset), vRange);
+            const __m256 d = WrapV(_mm256_fmadd_ps(Atan2V(q, i), vScale, vOffset), vRange);
             // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0); the index
             // within the table.
             __m256 x = _mm256_max_ps(_mm256_mul_ps(vStep, d), zero);
