@@ -144,6 +144,8 @@ void ReconstructionImpl::ReleaseBuffers()
     m_registrationLanded = std::vector<uint16_t>();
     m_freqParam[0] = FrequencyParam{};
     m_freqParam[1] = FrequencyParam{};
+    for (int f = 0; f < 2; ++f)
+        PadWigglingTable(m_freqParam[f].table, m_paddedTable[f]);
     m_initialized = false;
 }
 
@@ -209,6 +211,8 @@ void ReconstructionImpl::BuildTables(const CameraCalibrationParam& first,
         f1, {p.depthOffsetF1, true, p.tableCountF1, p.tableF1, p.fppnF1, p.coefF1, &p.label});
     m_freqParam[1] = MakeFrequencyParam(
         f2, {p.depthOffsetF2, false, p.tableCountF2, p.tableF2, p.fppnF2, p.coefF2, &p.label});
+    for (int f = 0; f < 2; ++f)
+        PadWigglingTable(m_freqParam[f].table, m_paddedTable[f]);
 
     m_tableWidth = W;
     m_tableHeight = H;
@@ -425,11 +429,11 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
 
     const FrequencyParam& a = m_freqParam[0];
     const FrequencyParam& b = m_freqParam[1];
-    const DualFreqParams params{a.frequency,     b.frequency,   a.rangeMm,
-                                b.rangeMm,       a.phaseToMm,   b.phaseToMm,
-                                a.depthOffset,   b.depthOffset, b.tableStep,
-                                a.table,         b.table,       m_amplitudeThreshold,
-                                m_deviceType != DEVICE_TYPE_4,  m_flipMode,
+    const DualFreqParams params{a.frequency,      b.frequency,      a.rangeMm,
+                                b.rangeMm,        a.phaseToMm,      b.phaseToMm,
+                                a.depthOffset,    b.depthOffset,    b.tableStep,
+                                m_paddedTable[0], m_paddedTable[1], m_amplitudeThreshold,
+                                m_deviceType != DEVICE_TYPE_4,      m_flipMode,
                                 m_binning};
     DualFreqLast last{m_lastDistance1, m_lastDistance2};
     if (m_fastPaths && FastDualFreqApplies(params))

@@ -74,7 +74,7 @@ struct Instance {
         const FrequencyParam& a = r->m_freqParam[0];
         const FrequencyParam& b = r->m_freqParam[1];
         return {a.frequency, b.frequency, a.rangeMm, b.rangeMm, a.phaseToMm, b.phaseToMm,
-                a.depthOffset, b.depthOffset, b.tableStep, a.table, b.table, threshold,
+                a.depthOffset, b.depthOffset, b.tableStep, r->m_paddedTable[0], r->m_paddedTable[1], threshold,
                 r->m_deviceType != DEVICE_TYPE_4, flip, width == 320 ? 2 : 1};
     }
     SingleFreqParams Single(int threshold) const
@@ -148,9 +148,10 @@ TEST(Parity, DualFrequencyScenesAndRandomFrames)
     // Coarser table steps reach every wiggling entry up to the last (255), in the
     // calibration's table and in one whose neighbouring entries all differ by whole
     // millimetres.
-    std::vector<float> table(256);
-    for (float& t : table)
+    std::vector<float> entries(256), table(257);
+    for (float& t : entries)
         t = static_cast<float>(std::uniform_int_distribution<int>(-40, 40)(rng)) + 0.5f;
+    PadWigglingTable(entries.data(), table.data());
     for (float step : {0.05f, 0.2f}) {
         const std::vector<uint16_t> raw = RandomFrame(16 * 640 * 40, rng, 1023);
         CompareDual(in, raw.data(), 640, 40, 0, 5, diff, step);

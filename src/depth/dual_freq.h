@@ -11,13 +11,24 @@ struct DualFreqParams {
     float phaseToMm1, phaseToMm2;
     float depthOffset1, depthOffset2;
     float tableStep2;                // the second frequency's step serves both tables
-    const float* table1;             // 256 entries each
+    // 256 entries each, and a 257th equal to the 256th that only the fast kernels read
+    // (PadWigglingTable), so that every index has a next entry.
+    const float* table1;
     const float* table2;
     int32_t amplitudeThreshold;
     bool temperatureCompensation;    // false for device type 4
     int32_t flipMode;
     int32_t binning;                 // 1, or 2 for 320-wide frames
 };
+
+// The wiggling table as the dual-frequency kernels take it: the 256 entries, then the
+// last one again.
+inline void PadWigglingTable(const float table[256], float padded[257])
+{
+    for (int k = 0; k < 256; ++k)
+        padded[k] = table[k];
+    padded[256] = table[255];
+}
 
 // Distances of the last pixel that reached each frequency's correction.
 struct DualFreqLast {

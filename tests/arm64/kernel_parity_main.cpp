@@ -23,7 +23,7 @@ int main()
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
     std::uniform_int_distribution<int> sample(0, 1023);
     const int W = 96, H = 40;  // 16 * W * H words: the full calibration grid is W x H
-    std::vector<float> fppn1(W * H), fppn2(W * H), rays(W * H), table1(256), table2(256);
+    std::vector<float> fppn1(W * H), fppn2(W * H), rays(W * H), table1(257), table2(257);  // padded: the last entry twice
     for (size_t i = 0; i < fppn1.size(); ++i) {
         fppn1[i] = 20.0f * unit(rng) - 10.0f;
         fppn2[i] = 20.0f * unit(rng) - 10.0f;

@@ -371,6 +371,7 @@ inline __m256 TruncV(__m256 v)
 // The look-ups are plain loads: the row goes in blocks of kLookupBlock pixels, whose
 // distances, fractions and indices are kept; a scalar loop copies each pixel's two
 // neighbouring entries as one 64-bit word, and the interpolation finishes in vectors.
+// The table's 257th entry repeats the 256th, so index 255 reads its own entry twice.
 // (Hardware gathers, and the compiler's gathers emulated an entry at a time, cost
 // several times more.)
 constexpr int kLookupBlock = 64;
@@ -409,9 +410,9 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
             _mm256_store_ps(fB + j, _mm256_sub_ps(x, _mm256_cvtepi32_ps(k)));
             _mm256_store_si256(reinterpret_cast<__m256i*>(kB + j), _mm256_min_epi32(k, last));
         }
-        // Entries k and k + 1, from 254 and 255 for the last index.
+        // Entries k and k + 1 (k + 1 = 256 is entry 255 again).
         for (int j = 0; j < 8 * vectors; ++j)
-            std::memcpy(pairB + j, table + std::min(kB[j], 254), sizeof(uint64_t));
+            std::memcpy(pairB + j, table + kB[j], sizeof(uint64_t));
         for (int v = 0; v < vectors; ++v) {
             const int j = 8 * v;
             const __m256 p0 = _mm256_load_ps(reinterpret_cast<const float*>(pairB + j));
@@ -421,13 +422,10 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
             const __m256 hi = _mm256_castpd_ps(
                 _mm256_permute4x64_pd(_mm256_castps_pd(_mm256_shuffle_ps(p0, p1, 0xDD)), 0xD8));
             // Entry k, and entry k + 1 where the fraction is above 0 (k itself
-            // otherwise, as if k + 1 were not read); both the last for index 255.
+            // otherwise, as if k + 1 were not read).
             const __m256 f = _mm256_load_ps(fB + j);
-            const __m256 atLast = _mm256_castsi256_ps(
-                _mm256_cmpeq_epi32(_mm256_load_si256(reinterpret_cast<const __m256i*>(kB + j)), last));
-            const __m256 w0 = Select(atLast, hi, lo);
-            const __m256 w1 = Select(_mm256_or_ps(atLast, _mm256_cmp_ps(f, zero, _CMP_GT_OQ)), hi, lo);
-            const __m256 wig = _mm256_fmadd_ps(f, w1, _mm256_mul_ps(_mm256_sub_ps(one, f), w0));
+            const __m256 w1 = Select(_mm256_cmp_ps(f, zero, _CMP_GT_OQ), hi, lo);
+            const __m256 wig = _mm256_fmadd_ps(f, w1, _mm256_mul_ps(_mm256_sub_ps(one, f), lo));
             const __m256 corrected =
                 _mm256_sub_ps(_mm256_add_ps(_mm256_load_ps(dB + j), TruncV(load(fppn + c0, j))), TruncV(wig));
             if (n - j >= 8)
