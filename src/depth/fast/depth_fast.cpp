@@ -75,10 +75,11 @@ inline float Trunc(float v)
     return static_cast<float>(static_cast<int32_t>(v));
 }
 
-// Low 16 bits of the truncation toward zero; 0 for NaN and beyond the int32 range.
+// Low 16 bits of the truncation toward zero; 0 for NaN and beyond the int32 range
+// (-2^31 included, as in the plain kernels).
 inline int32_t TruncLow16(float v)
 {
-    const bool inRange = (v > -2.1e9f) & (v < 2.1e9f);
+    const bool inRange = (v > -2147483648.0f) & (v < 2147483648.0f);
     return static_cast<int32_t>(inRange ? v : 0.0f) & 0xFFFF;
 }
 
@@ -513,19 +514,22 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float
     const __m256 lowest = _mm256_set1_ps(-1.0e6f), highest = _mm256_set1_ps(1.0e6f);
     const __m256 minEnergy = _mm256_set1_ps(k.minEnergy), zero = _mm256_setzero_ps();
     const __m256 noSign = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
-    const __m256i R1 = _mm256_set1_epi32(k.R1), R2 = _mm256_set1_epi32(k.R2);
+    const __m256 R1 = _mm256_set1_ps(static_cast<float>(k.R1)), R2 = _mm256_set1_ps(static_cast<float>(k.R2));
     const __m256i one = _mm256_set1_epi32(1);
     int c = 0;
     for (; c + 8 <= W; c += 8) {
         const __m256 d1 = _mm256_loadu_ps(d1s + c), d2 = _mm256_loadu_ps(d2s + c);
         const __m256 e = WrapV(_mm256_fmsub_ps(ratio1, d1, _mm256_mul_ps(ratio2, d2)), rangeC);
         // (kf > -1e6 ? kf : -1e6) is the maximum with -1e6 second, NaN included.
+        // The index stays a float (truncated, at most 1e6): its product with the range
+        // (below 2^24) is the exact integer product rounded once, as in integers.
         const auto index = [&](__m256 d, __m256 inv) {
             const __m256 kf = _mm256_fmadd_ps(_mm256_sub_ps(e, d), inv, half);
-            return _mm256_cvttps_epi32(_mm256_min_ps(_mm256_max_ps(kf, lowest), highest));
+            return _mm256_round_ps(_mm256_min_ps(_mm256_max_ps(kf, lowest), highest),
+                                   _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
         };
-        __m256 D1 = _mm256_add_ps(d1, _mm256_cvtepi32_ps(_mm256_mullo_epi32(index(d1, invR1), R1)));
-        const __m256 D2 = _mm256_add_ps(d2, _mm256_cvtepi32_ps(_mm256_mullo_epi32(index(d2, invR2), R2)));
+        __m256 D1 = _mm256_add_ps(d1, _mm256_mul_ps(index(d1, invR1), R1));
+        const __m256 D2 = _mm256_add_ps(d2, _mm256_mul_ps(index(d2, invR2), R2));
         const __m256 z = _mm256_mul_ps(_mm256_mul_ps(_mm256_loadu_ps(rays + c), half), _mm256_add_ps(D1, D2));
         D1 = Select(_mm256_cmp_ps(z, zero, _CMP_LT_OQ), _mm256_add_ps(D1, rangeC), D1);
         const __m256 disagreement = _mm256_sub_ps(
@@ -545,11 +549,9 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float
         const __m256i reach1 = _mm256_andnot_si256(sat1, strong1);
         const __m256i reach2 = _mm256_and_si256(_mm256_andnot_si256(sat2, strong2), reach1);
         const __m256i mark = _mm256_and_si256(_mm256_or_si256(sat1, _mm256_and_si256(reach1, sat2)), one);
-        // The low 16 bits of the truncated depth; 0 for NaN and beyond +-2.1e9.
-        const __m256 inRange = _mm256_and_ps(_mm256_cmp_ps(z, _mm256_set1_ps(-2.1e9f), _CMP_GT_OQ),
-                                             _mm256_cmp_ps(z, _mm256_set1_ps(2.1e9f), _CMP_LT_OQ));
-        const __m256i depth = _mm256_and_si256(
-            _mm256_cvttps_epi32(_mm256_and_ps(z, _mm256_and_ps(inRange, keep))), _mm256_set1_epi32(0xFFFF));
+        // The low 16 bits of the truncated depth: NaN and values beyond the int32 range
+        // convert to 0x80000000, whose low 16 bits are 0.
+        const __m256i depth = _mm256_and_si256(_mm256_cvttps_epi32(_mm256_and_ps(z, keep)), _mm256_set1_epi32(0xFFFF));
         const __m256i value = _mm256_add_epi32(mark, _mm256_and_si256(depth, reach2));
         const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(value, value), 0x08);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(out + c), _mm256_castsi256_si128(packed));

@@ -137,8 +137,12 @@ const char* FastPathName()
 
 bool FastDualFreqApplies(const DualFreqParams& p)
 {
+    // Ranges below 2^24 are exact in float, as the vector unwrapping needs.
+    constexpr int32_t kExactFloatRange = 1 << 24;
     return p.frequency1 != p.frequency2 && p.flipMode >= 0 && p.flipMode <= 3 &&
-           (p.binning == 1 || p.binning == 2) && MinValidEnergy(p.amplitudeThreshold) <= kExactFloatEnergy;
+           (p.binning == 1 || p.binning == 2) && MinValidEnergy(p.amplitudeThreshold) <= kExactFloatEnergy &&
+           p.range1 > -kExactFloatRange && p.range1 < kExactFloatRange && p.range2 > -kExactFloatRange &&
+           p.range2 < kExactFloatRange;
 }
 
 bool FastSingleFreqApplies(const SingleFreqParams& p, int width, int invalidStride)
