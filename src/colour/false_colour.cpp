@@ -64,7 +64,7 @@ bool MakeFalseColourRamp(int32_t lo, int32_t hi, FalseColourRamp& ramp)
     ramp.lo16 = std::max(lo, 0);
     ramp.hi16 = std::min(hi, 65535);
     ramp.whole = 1021 / range;
-    ramp.fraction = static_cast<uint32_t>(((uint64_t(1021 % range) << 32) + range - 1) / range);
+    ramp.fraction = static_cast<uint32_t>((uint64_t(1021 % range) << 32) / range);
     return true;
 }
 

@@ -16,9 +16,10 @@ void FalseColour(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_
 // the plain loop above.
 void FalseColourFast(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_t* rgb);
 
-// What the vector kernel needs of a range: the range, the same clamped to 16 bits, and
-// the level of x = d - lo as whole * x + (fraction * x) >> 32, equal to
-// floor(1021 x / (hi - lo)).
+// What the vector kernel needs of a range R = hi - lo: the range, the same clamped to 16
+// bits, and the level of x = d - lo, floor(1021 x / R), as
+// whole * x + (x H + (x L >> 16) + 1) >> 16 with fraction = H 2^16 + L, the fraction
+// 1021 % R / R rounded down to 32 bits.
 struct FalseColourRamp {
     int32_t lo, hi;
     int32_t lo16, hi16;

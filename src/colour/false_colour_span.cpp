@@ -6,18 +6,23 @@
 // 1021 x / R (x = d - lo, R = hi - lo <= 65535), and an exact quotient that is not an
 // integer lies at least 1/R from one, so the level is the integer floor(1021 x / R)
 // (where 1021 x / R is an integer the double expression gives it exactly, checked for
-// every j / 1021). That floor is computed without division:
-//     floor(1021 x / R) = I x + floor(x M / 2^32),  I = 1021 / R,  M = ceil((1021 % R) 2^32 / R)
-// where the rounding-up of M adds less than x / 2^32 < 1/R, too little to reach the
-// next integer. With 16-bit lanes, x M / 2^32 is the high half of x * (M >> 16) plus
-// the carry of adding the high half of x * (M & 0xffff) to its low half.
+// every j / 1021). That floor is computed without division: with I = 1021 / R,
+// F = x (1021 % R) / R and M = floor((1021 % R) 2^32 / R) = H 2^16 + L,
+//     floor(1021 x / R) = I x + floor(F) = I x + (x H + floor(x L / 2^16) + 1) >> 16.
+// Shifted up by 16 bits, the sum lies in (x M, x M + 2^16] and is a multiple of 2^16.
+// x M is above F 2^32 - x > F 2^32 - 2^16, so the sum is not below floor(F) 2^32; it is
+// at most F 2^32 + 2^16, below the next multiple of 2^32 because F is either whole or at
+// least 1/R > 2^-16 below the next integer. With 16-bit lanes, x H is mullo and mulhi
+// of x and H, and the carry out of its low half plus mulhi(x, L) plus 1 is the top bit
+// of their rounding average.
 // From the level, the ramp is minima of saturating differences: red rises from 127 to
 // 255 and falls after 383, green rises after 128 and falls after 638, blue rises after
-// 383, and the far end (894 and beyond) is navy; red and green are capped at 255 by
-// the saturating pack to bytes. The usual range, at least 1022 depths wide and starting
-// at or above 0, has no whole part and clamps with one saturating difference.
+// 383, and the far end (894 and beyond) is navy; the saturating packs to bytes cap the
+// slopes at 0 and 255. The usual range, at least 1022 depths wide and starting at or
+// above 0, has no whole part and clamps with one saturating difference.
 // The bytes are put in order by one two-source byte permute per output vector with
-// AVX-512 (VBMI); with AVX2 by in-lane shuffles and overlapping 16-byte stores.
+// AVX-512 (VBMI); with AVX2 by a byte shuffle per colour plane, two blends per 16 output
+// bytes and 128-bit lane permutes.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -33,8 +38,9 @@ namespace {
 inline int32_t Level(int32_t d, int32_t lo, int32_t hi, uint32_t whole, uint32_t fraction)
 {
     const uint32_t x = static_cast<uint32_t>(std::min(std::max(d, lo), hi) - lo);
+    // x H + floor(x L / 2^16) + 1 stays below 2^32 for x, H, L below 2^16.
     const uint32_t high = x * (fraction >> 16), low = (x * (fraction & 0xffff)) >> 16;
-    return static_cast<int32_t>(x * whole + ((high + low) >> 16));
+    return static_cast<int32_t>(x * whole + ((high + low + 1) >> 16));
 }
 
 // The colour of a level as r | g << 8 | b << 16.
@@ -94,12 +100,10 @@ QV_VBMI inline void Colours(const uint16_t* depth, const FalseColourRamp& q, __m
     const __m512i x = kNarrow ? _mm512_sub_epi16(_mm512_min_epu16(_mm512_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo))
                               : _mm512_min_epu16(_mm512_subs_epu16(d, Splat(q.lo)), Splat(q.hi16 - q.lo));
     const __m512i high = Splat(static_cast<int>(q.fraction >> 16)), low = Splat(static_cast<int>(q.fraction & 0xffff));
-    const __m512i lo16 = _mm512_mullo_epi16(x, high);
-    const __m512i sum = _mm512_add_epi16(lo16, _mm512_mulhi_epu16(x, low));
-    __m512i v = _mm512_mulhi_epu16(x, high);
+    const __m512i carry = _mm512_srli_epi16(_mm512_avg_epu16(_mm512_mullo_epi16(x, high), _mm512_mulhi_epu16(x, low)), 15);
+    __m512i v = _mm512_add_epi16(_mm512_mulhi_epu16(x, high), carry);
     if (kNarrow)
         v = _mm512_add_epi16(v, _mm512_mullo_epi16(x, Splat(static_cast<int>(q.whole))));
-    v = _mm512_mask_add_epi16(v, _mm512_cmplt_epu16_mask(sum, lo16), v, Splat(1));
 
     // 0 is black and 1 violet (127, 0, 170). In the usual range both have level 0, coloured
     // (127, 0, 0), so only red is cleared for 0 and blue set for 1; otherwise all three
@@ -133,64 +137,125 @@ QV_VBMI size_t ColourBlocks(const uint16_t* depth, size_t n, const FalseColourRa
     return i;
 }
 #elif defined(__AVX2__)
-constexpr int kLanes = 16;
+constexpr int kLanes = 32;
 
 inline __m256i Splat(int v) { return _mm256_set1_epi16(static_cast<short>(v)); }
 
-// 16 pixels from d[0..15]: out[0..47]; kNarrow as above.
-template <bool kNarrow>
-inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* out)
+// The byte shuffle of each colour plane and the blend masks that interleave three planes
+// of 16 pixels into 48 bytes, lane by lane. Channel c of pixel p is byte j = (3 p + c) % 16
+// of 16-byte block k = (3 p + c) / 16, and as 16 = 1 (mod 3) that byte's channel is
+// (j + k) % 3. So plane c's shuffle holds at byte j the pixel (16 k + j) / 3 of the one
+// block k = (c - j) mod 3 that takes channel c there, and block k takes byte j from plane
+// (j + k) % 3: plane k, replaced by the next where j % 3 == 1 and the one after where
+// j % 3 == 2.
+struct InterleaveOrder {
+    int8_t plane[3][16];
+    int8_t next[16], after[16];
+};
+constexpr InterleaveOrder MakeInterleaveOrder()
 {
-    const __m256i d = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(depth));
+    InterleaveOrder order{};
+    for (int j = 0; j < 16; ++j) {
+        for (int c = 0; c < 3; ++c)
+            order.plane[c][j] = static_cast<int8_t>((16 * ((c - j % 3 + 3) % 3) + j) / 3);
+        order.next[j] = static_cast<int8_t>(j % 3 == 1 ? -1 : 0);
+        order.after[j] = static_cast<int8_t>(j % 3 == 2 ? -1 : 0);
+    }
+    return order;
+}
+constexpr InterleaveOrder kInterleaveOrder = MakeInterleaveOrder();
+
+inline __m256i Lanes(const int8_t* bytes)
+{
+    return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes)));
+}
+
+// The levels of 16 depths, as words; kNarrow: a range of fewer than 1022 depths (whole > 0)
+// or one starting below 0; otherwise the clamp is one saturating difference and the level
+// has no whole part.
+template <bool kNarrow>
+inline __m256i Levels(__m256i d, const FalseColourRamp& q)
+{
     const __m256i x = kNarrow ? _mm256_sub_epi16(_mm256_min_epu16(_mm256_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo))
                               : _mm256_min_epu16(_mm256_subs_epu16(d, Splat(q.lo)), Splat(q.hi16 - q.lo));
     const __m256i high = Splat(static_cast<int>(q.fraction >> 16)), low = Splat(static_cast<int>(q.fraction & 0xffff));
-    const __m256i lo16 = _mm256_mullo_epi16(x, high);
-    const __m256i sum = _mm256_add_epi16(lo16, _mm256_mulhi_epu16(x, low));
-    // No carry where max(sum, lo16) == sum: that compare is -1, cancelling the +1.
-    const __m256i noCarry = _mm256_cmpeq_epi16(_mm256_max_epu16(sum, lo16), sum);
-    __m256i v = _mm256_add_epi16(_mm256_mulhi_epu16(x, high), _mm256_add_epi16(noCarry, Splat(1)));
+    const __m256i carry = _mm256_srli_epi16(_mm256_avg_epu16(_mm256_mullo_epi16(x, high), _mm256_mulhi_epu16(x, low)), 15);
+    __m256i v = _mm256_add_epi16(_mm256_mulhi_epu16(x, high), carry);
     if (kNarrow)
         v = _mm256_add_epi16(v, _mm256_mullo_epi16(x, Splat(static_cast<int>(q.whole))));
-
-    // 0 is black and 1 violet (127, 0, 170); in the usual range both have level 0,
-    // coloured (127, 0, 0), as with the AVX-512 kernel.
-    const __m256i one = _mm256_cmpeq_epi16(d, Splat(1));
-    __m256i red = _mm256_min_epu16(_mm256_add_epi16(v, Splat(127)), _mm256_subs_epu16(Splat(638), v));
-    if (!kNarrow)
-        red = _mm256_andnot_si256(_mm256_cmpeq_epi16(d, _mm256_setzero_si256()), red);
-    const __m256i green = _mm256_min_epu16(_mm256_subs_epu16(v, Splat(128)), _mm256_subs_epu16(Splat(893), v));
-    // 255 below 894, 128 from there: 255 - 127 where v > 893.
-    const __m256i blueCap = _mm256_sub_epi16(Splat(255), _mm256_and_si256(_mm256_cmpgt_epi16(v, Splat(893)), Splat(127)));
-    __m256i blue = _mm256_min_epu16(_mm256_subs_epu16(v, Splat(383)), blueCap);
-    const __m256i pairs = _mm256_broadcastsi128_si256(_mm_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15));
-    __m256i rg = _mm256_shuffle_epi8(_mm256_packus_epi16(red, green), pairs);
-    if (kNarrow) {
-        const __m256i reserved = _mm256_cmpeq_epi16(_mm256_min_epu16(d, Splat(1)), d);
-        rg = _mm256_blendv_epi8(rg, _mm256_and_si256(one, Splat(127)), reserved);
-        blue = _mm256_blendv_epi8(blue, _mm256_and_si256(one, Splat(170)), reserved);
-    } else {
-        blue = _mm256_blendv_epi8(blue, Splat(170), one);
-    }
-
-    const __m256i pack = _mm256_broadcastsi128_si256(_mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
-    const __m256i first = _mm256_shuffle_epi8(_mm256_unpacklo_epi16(rg, blue), pack);
-    const __m256i second = _mm256_shuffle_epi8(_mm256_unpackhi_epi16(rg, blue), pack);
-    // Each lane's 12 bytes stored in order with 16-byte stores; a store's last 4 bytes are
-    // overwritten by the next one, the block's last by the next block.
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(first));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 12), _mm256_castsi256_si128(second));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 24), _mm256_extracti128_si256(first, 1));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 36), _mm256_extracti128_si256(second, 1));
+    return v;
 }
 
-// Blocks of 16 pixels while two more follow, whose first 4 bytes the last store overwrites.
+// Words a and b packed to bytes with saturation, minus c and d likewise, the lesser of
+// the two: a rising and a falling slope, each capped at 0 and 255.
+inline __m256i Slopes(__m256i a, __m256i b, __m256i c, __m256i d)
+{
+    return _mm256_min_epu8(_mm256_packus_epi16(a, b), _mm256_packus_epi16(c, d));
+}
+
+// Byte a0, a1 or a2 for each byte 0, 1 or 2 of capped.
+inline __m256i Pick(__m256i capped, int a0, int a1, int a2)
+{
+    const __m128i table = _mm_setr_epi8(static_cast<char>(a0), static_cast<char>(a1), static_cast<char>(a2), 0, 0, 0, 0, 0,
+                                        0, 0, 0, 0, 0, 0, 0, 0);
+    return _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(table), capped);
+}
+
+// 32 pixels from depth[0..31]: out[0..95].
+template <bool kNarrow>
+inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* out)
+{
+    const __m256i first = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(depth));
+    const __m256i second = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(depth + 16));
+    // Pixels 0-7 with 16-23 and 8-15 with 24-31: the packs to bytes, which work lane by
+    // lane, then give pixels 0-31 in order.
+    const __m256i dA = _mm256_permute2x128_si256(first, second, 0x20);
+    const __m256i dB = _mm256_permute2x128_si256(first, second, 0x31);
+    const __m256i vA = Levels<kNarrow>(dA, q), vB = Levels<kNarrow>(dB, q);
+
+    __m256i red = Slopes(_mm256_add_epi16(vA, Splat(127)), _mm256_add_epi16(vB, Splat(127)),
+                         _mm256_sub_epi16(Splat(638), vA), _mm256_sub_epi16(Splat(638), vB));
+    __m256i green = Slopes(_mm256_sub_epi16(vA, Splat(128)), _mm256_sub_epi16(vB, Splat(128)),
+                           _mm256_sub_epi16(Splat(893), vA), _mm256_sub_epi16(Splat(893), vB));
+    // Navy from level 894 on: blue's 255 there becomes 128.
+    const __m256i far = _mm256_packs_epi16(_mm256_cmpgt_epi16(vA, Splat(893)), _mm256_cmpgt_epi16(vB, Splat(893)));
+    __m256i blue = _mm256_xor_si256(_mm256_packus_epi16(_mm256_sub_epi16(vA, Splat(383)), _mm256_sub_epi16(vB, Splat(383))),
+                                    _mm256_and_si256(far, _mm256_set1_epi8(127)));
+
+    // 0 is black and 1 violet (127, 0, 170): the depths capped at 2 pick bytes by shuffles.
+    // In the usual range both have level 0, coloured (127, 0, 0), so only red is cleared
+    // for 0 and blue set for 1; otherwise all three channels are replaced.
+    const __m256i reserved = _mm256_packus_epi16(_mm256_min_epu16(dA, Splat(2)), _mm256_min_epu16(dB, Splat(2)));
+    if (kNarrow) {
+        const __m256i mask = Pick(reserved, -1, -1, 0);
+        red = _mm256_blendv_epi8(red, Pick(reserved, 0, 127, 0), mask);
+        green = _mm256_andnot_si256(mask, green);
+        blue = _mm256_blendv_epi8(blue, Pick(reserved, 0, 170, 0), mask);
+    } else {
+        red = _mm256_and_si256(red, Pick(reserved, 0, -1, -1));
+        blue = _mm256_or_si256(blue, Pick(reserved, 0, 170, 0));
+    }
+
+    const InterleaveOrder& o = kInterleaveOrder;
+    const __m256i p0 = _mm256_shuffle_epi8(red, Lanes(o.plane[0]));
+    const __m256i p1 = _mm256_shuffle_epi8(green, Lanes(o.plane[1]));
+    const __m256i p2 = _mm256_shuffle_epi8(blue, Lanes(o.plane[2]));
+    const __m256i next = Lanes(o.next), after = Lanes(o.after);
+    const __m256i block0 = _mm256_blendv_epi8(_mm256_blendv_epi8(p0, p1, next), p2, after);
+    const __m256i block1 = _mm256_blendv_epi8(_mm256_blendv_epi8(p1, p2, next), p0, after);
+    const __m256i block2 = _mm256_blendv_epi8(_mm256_blendv_epi8(p2, p0, next), p1, after);
+    // Lane 0 holds the 48 bytes of pixels 0-15, lane 1 those of pixels 16-31.
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_permute2x128_si256(block0, block1, 0x20));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 32), _mm256_permute2x128_si256(block2, block0, 0x30));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 64), _mm256_permute2x128_si256(block1, block2, 0x31));
+}
+
 template <bool kNarrow>
 size_t ColourBlocks(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb)
 {
     const FalseColourRamp q = ramp;  // a copy the stores cannot alias, kept in registers
     size_t i = 0;
-    for (; i + kLanes + 2 <= n; i += kLanes)
+    for (; i + kLanes <= n; i += kLanes)
         Colours<kNarrow>(depth + i, q, rgb + 3 * i);
     return i;
 }
