@@ -15,11 +15,13 @@
 // least 1/R > 2^-16 below the next integer. With 16-bit lanes, x H is mullo and mulhi
 // of x and H, and the carry out of its low half plus mulhi(x, L) plus 1 is the top bit
 // of their rounding average.
-// From the level, the ramp is minima of saturating differences: red rises from 127 to
-// 255 and falls after 383, green rises after 128 and falls after 638, blue rises after
-// 383, and the far end (894 and beyond) is navy; the saturating packs to bytes cap the
-// slopes at 0 and 255. The usual range, at least 1022 depths wide and starting at or
-// above 0, has no whole part and clamps with one saturating difference.
+// From the level, each channel rises and falls with slope one between 0 and 255: red
+// rises from 127 and falls after 383, green rises after 128 and falls after 638, blue
+// rises after 383, and the far end (894 and beyond) is navy. With AVX-512 a channel is
+// the minimum of two saturating word differences; with AVX2 the rising slopes are packed
+// to bytes with saturation and a channel is the difference of two (red falls as blue
+// rises). The usual range (see Narrow) has no whole part and clamps the depth from below
+// only.
 // The bytes are put in order by one two-source byte permute per output vector with
 // AVX-512 (VBMI); with AVX2 by a byte shuffle per colour plane, two blends per 16 output
 // bytes and 128-bit lane permutes.
@@ -42,6 +44,13 @@ inline int32_t Level(int32_t d, int32_t lo, int32_t hi, uint32_t whole, uint32_t
     const uint32_t high = x * (fraction >> 16), low = (x * (fraction & 0xffff)) >> 16;
     return static_cast<int32_t>(x * whole + ((high + low + 1) >> 16));
 }
+
+// Whether a range needs the full clamp of the depth into [lo, hi] and the whole part of
+// the level: one narrower than 2042 depths or starting below 0. The usual range clamps
+// from below only, by one saturating difference: a depth beyond hi has a level beyond
+// 1021, navy as 1021 is, and as the range gives at most one level per two depths, no
+// level reaches 32768.
+inline bool Narrow(const FalseColourRamp& q) { return q.lo < 0 || q.hi - q.lo < 2042; }
 
 // The colour of a level as r | g << 8 | b << 16.
 inline uint32_t Ramp(int32_t v)
@@ -89,16 +98,14 @@ constexpr InterleaveOrder MakeInterleaveOrder()
 }
 constexpr InterleaveOrder kInterleaveOrder = MakeInterleaveOrder();
 
-// 32 pixels from d[0..31]: out[0..95]. kNarrow: a range of fewer than 1022 depths
-// (whole > 0) or one starting below 0; otherwise the clamp is one saturating
-// difference and the level has no whole part.
+// 32 pixels from d[0..31]: out[0..95]; kNarrow as for Narrow() above.
 template <bool kNarrow>
 QV_VBMI inline void Colours(const uint16_t* depth, const FalseColourRamp& q, __m512i order0, __m512i order1,
                             uint8_t* out)
 {
     const __m512i d = _mm512_loadu_si512(depth);
     const __m512i x = kNarrow ? _mm512_sub_epi16(_mm512_min_epu16(_mm512_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo))
-                              : _mm512_min_epu16(_mm512_subs_epu16(d, Splat(q.lo)), Splat(q.hi16 - q.lo));
+                              : _mm512_subs_epu16(d, Splat(q.lo));
     const __m512i high = Splat(static_cast<int>(q.fraction >> 16)), low = Splat(static_cast<int>(q.fraction & 0xffff));
     const __m512i carry = _mm512_srli_epi16(_mm512_avg_epu16(_mm512_mullo_epi16(x, high), _mm512_mulhi_epu16(x, low)), 15);
     __m512i v = _mm512_add_epi16(_mm512_mulhi_epu16(x, high), carry);
@@ -170,14 +177,12 @@ inline __m256i Lanes(const int8_t* bytes)
     return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes)));
 }
 
-// The levels of 16 depths, as words; kNarrow: a range of fewer than 1022 depths (whole > 0)
-// or one starting below 0; otherwise the clamp is one saturating difference and the level
-// has no whole part.
+// The levels of 16 depths, as words; kNarrow as for Narrow() above.
 template <bool kNarrow>
 inline __m256i Levels(__m256i d, const FalseColourRamp& q)
 {
     const __m256i x = kNarrow ? _mm256_sub_epi16(_mm256_min_epu16(_mm256_max_epu16(d, Splat(q.lo16)), Splat(q.hi16)), Splat(q.lo))
-                              : _mm256_min_epu16(_mm256_subs_epu16(d, Splat(q.lo)), Splat(q.hi16 - q.lo));
+                              : _mm256_subs_epu16(d, Splat(q.lo));
     const __m256i high = Splat(static_cast<int>(q.fraction >> 16)), low = Splat(static_cast<int>(q.fraction & 0xffff));
     const __m256i carry = _mm256_srli_epi16(_mm256_avg_epu16(_mm256_mullo_epi16(x, high), _mm256_mulhi_epu16(x, low)), 15);
     __m256i v = _mm256_add_epi16(_mm256_mulhi_epu16(x, high), carry);
@@ -186,11 +191,11 @@ inline __m256i Levels(__m256i d, const FalseColourRamp& q)
     return v;
 }
 
-// Words a and b packed to bytes with saturation, minus c and d likewise, the lesser of
-// the two: a rising and a falling slope, each capped at 0 and 255.
-inline __m256i Slopes(__m256i a, __m256i b, __m256i c, __m256i d)
+// The levels of pixels 0-7 and 16-23 (a) and of 8-15 and 24-31 (b) plus k, as bytes
+// capped at 0 and 255, pixels 0-31 in order: a slope rising from level -k.
+inline __m256i Rise(__m256i a, __m256i b, int k)
 {
-    return _mm256_min_epu8(_mm256_packus_epi16(a, b), _mm256_packus_epi16(c, d));
+    return _mm256_packus_epi16(_mm256_add_epi16(a, Splat(k)), _mm256_add_epi16(b, Splat(k)));
 }
 
 // Byte a0, a1 or a2 for each byte 0, 1 or 2 of capped.
@@ -213,14 +218,15 @@ inline void Colours(const uint16_t* depth, const FalseColourRamp& q, uint8_t* ou
     const __m256i dB = _mm256_permute2x128_si256(first, second, 0x31);
     const __m256i vA = Levels<kNarrow>(dA, q), vB = Levels<kNarrow>(dB, q);
 
-    __m256i red = Slopes(_mm256_add_epi16(vA, Splat(127)), _mm256_add_epi16(vB, Splat(127)),
-                         _mm256_sub_epi16(Splat(638), vA), _mm256_sub_epi16(Splat(638), vB));
-    __m256i green = Slopes(_mm256_sub_epi16(vA, Splat(128)), _mm256_sub_epi16(vB, Splat(128)),
-                           _mm256_sub_epi16(Splat(893), vA), _mm256_sub_epi16(Splat(893), vB));
-    // Navy from level 894 on: blue's 255 there becomes 128.
-    const __m256i far = _mm256_packs_epi16(_mm256_cmpgt_epi16(vA, Splat(893)), _mm256_cmpgt_epi16(vB, Splat(893)));
-    __m256i blue = _mm256_xor_si256(_mm256_packus_epi16(_mm256_sub_epi16(vA, Splat(383)), _mm256_sub_epi16(vB, Splat(383))),
-                                    _mm256_and_si256(far, _mm256_set1_epi8(127)));
+    // Red falls from 255 as blue rises, green as a slope from 638 rises: each falling
+    // side is a saturating byte difference.
+    const __m256i blueUp = Rise(vA, vB, -383);
+    __m256i red = _mm256_subs_epu8(Rise(vA, vB, 127), blueUp);
+    __m256i green = _mm256_subs_epu8(Rise(vA, vB, -128), Rise(vA, vB, -638));
+    // Navy from level 894 on, where 893 - v packed to bytes with signed saturation is
+    // negative: blue's 255 there becomes 128.
+    const __m256i far = _mm256_packs_epi16(_mm256_sub_epi16(Splat(893), vA), _mm256_sub_epi16(Splat(893), vB));
+    __m256i blue = _mm256_blendv_epi8(blueUp, _mm256_set1_epi8(static_cast<char>(128)), far);
 
     // 0 is black and 1 violet (127, 0, 170): the depths capped at 2 pick bytes by shuffles.
     // In the usual range both have level 0, coloured (127, 0, 0), so only red is cleared
@@ -267,7 +273,7 @@ void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRam
 {
     size_t i = 0;
 #if defined(__AVX2__)
-    i = q.whole > 0 || q.lo < 0 ? ColourBlocks<true>(depth, n, q, rgb) : ColourBlocks<false>(depth, n, q, rgb);
+    i = Narrow(q) ? ColourBlocks<true>(depth, n, q, rgb) : ColourBlocks<false>(depth, n, q, rgb);
 #endif
     // Copies: the byte stores could otherwise alias the ramp.
     const int32_t lo = q.lo, hi = q.hi;
