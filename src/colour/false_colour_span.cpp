@@ -47,8 +47,8 @@ inline int32_t Level(int32_t d, int32_t lo, int32_t hi, uint32_t whole, uint32_t
 
 // Whether a range needs the full clamp of the depth into [lo, hi] and the whole part of
 // the level: one narrower than 2042 depths or starting below 0. The usual range clamps
-// from below only, by one saturating difference: a depth beyond hi has a level beyond
-// 1021, navy as 1021 is, and as the range gives at most one level per two depths, no
+// from below only, by one saturating difference: a depth beyond hi has a level of 1021
+// or more, navy as 1021 is, and as the range gives at most one level per two depths, no
 // level reaches 32768.
 inline bool Narrow(const FalseColourRamp& q) { return q.lo < 0 || q.hi - q.lo < 2042; }
 
