@@ -45,12 +45,14 @@ inline int32_t Level(int32_t d, int32_t lo, int32_t hi, uint32_t whole, uint32_t
     return static_cast<int32_t>(x * whole + ((high + low + 1) >> 16));
 }
 
+#if defined(__AVX2__)
 // Whether a range needs the full clamp of the depth into [lo, hi] and the whole part of
 // the level: one narrower than 2042 depths or starting below 0. The usual range clamps
 // from below only, by one saturating difference: a depth beyond hi has a level of 1021
 // or more, navy as 1021 is, and as the range gives at most one level per two depths, no
 // level reaches 32768.
 inline bool Narrow(const FalseColourRamp& q) { return q.lo < 0 || q.hi - q.lo < 2042; }
+#endif
 
 // The colour of a level as r | g << 8 | b << 16.
 inline uint32_t Ramp(int32_t v)
