@@ -1,6 +1,7 @@
 #ifndef QVRECONSTRUCTION_SRC_DEPTH_DUAL_FREQ_H
 #define QVRECONSTRUCTION_SRC_DEPTH_DUAL_FREQ_H
 
+#include <algorithm>
 #include <cstdint>
 
 namespace qvapi {
@@ -25,8 +26,7 @@ struct DualFreqParams {
 // last one again.
 inline void PadWigglingTable(const float table[256], float padded[257])
 {
-    for (int k = 0; k < 256; ++k)
-        padded[k] = table[k];
+    std::copy_n(table, 256, padded);
     padded[256] = table[255];
 }
 
