@@ -105,12 +105,18 @@ TEST_F(LoggerFile, AppendsToAnExistingFileAndAddsNoLineFeed)
         log << logger_level::info << "a" << Logger::emit;
         log << logger_level::info << "b\n" << Logger::emit;
     }
+    // "a" has no line break of its own, so the next message's stamp follows it on
+    // the same line: earlier content, then <stamp> -- [INF] -- a<stamp> -- [INF] -- b.
     const std::string text = ReadAll(path_);
-    EXPECT_EQ(text.rfind("earlier content\n", 0), 0u) << text;
-    EXPECT_NE(text.find(" -- [INF] -- a"), std::string::npos);
-    EXPECT_NE(text.find("a", text.find("[INF] -- a") + 10), std::string::npos);
-    EXPECT_EQ(text.back(), '\n');
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);  // "a" runs into the next line
+    const std::string first = "earlier content\n";
+    ASSERT_EQ(text.rfind(first, 0), 0u) << text;
+    const std::string line = text.substr(first.size());
+    const std::string a = " -- [INF] -- a", b = " -- [INF] -- b\n";
+    ASSERT_EQ(line.size(), 24 + a.size() + 24 + b.size()) << text;
+    EXPECT_TRUE(IsStamp(line.substr(0, 24))) << line;
+    EXPECT_EQ(line.substr(24, a.size()), a);
+    EXPECT_TRUE(IsStamp(line.substr(24 + a.size(), 24))) << line;
+    EXPECT_EQ(line.substr(48 + a.size()), b);
 }
 
 TEST(Logger, TimeHasNoTrailingLineFeedAndAnUnopenableFileIsHarmless)
