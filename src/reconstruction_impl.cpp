@@ -62,6 +62,10 @@ void ReconstructionImpl::GetAlgorithmVersion(std::string& version)
 
 void ReconstructionImpl::SetType(DeviceType device, StreamType stream)
 {
+    // Under the lock: the depth paths copy the stored records and read both types.
+    // A changed stream takes effect at the next Init; until then the calibrated frame
+    // operations refuse to run (TablesStatus).
+    std::lock_guard<std::mutex> lock(ParamMutex());
     m_deviceType = device;
     m_streamType = stream;
     m_secondParam = DefaultCalibration(device, stream);
@@ -76,8 +80,11 @@ void ReconstructionImpl::Pb2Structrue(Intrinsics& depth, Intrinsics& rgb,
     depth = param.depthLens;
     depth.reserved0 = 0;
     depth.reserved1 = 0;
-    depth.width = m_width;
-    depth.height = m_height;
+    {
+        std::lock_guard<std::mutex> lock(ParamMutex());
+        depth.width = m_width;
+        depth.height = m_height;
+    }
     rgb = param.rgbLens;
     rgb.reserved0 = 0;
     rgb.reserved1 = 0;
@@ -85,12 +92,16 @@ void ReconstructionImpl::Pb2Structrue(Intrinsics& depth, Intrinsics& rgb,
 
 void ReconstructionImpl::GetCustomDistanceRange(int& min, int& max)
 {
+    std::lock_guard<std::mutex> lock(m_rangeMutex);
     min = m_customMinDistance;
     max = m_customMaxDistance;
 }
 
 void ReconstructionImpl::SetCustomDistanceRange(int32_t min, int32_t max)
 {
+    // The pair changes at once: a colouring running beside this call sees the old
+    // range or the new one, never half of each.
+    std::lock_guard<std::mutex> lock(m_rangeMutex);
     m_customMinDistance = min;
     m_customMaxDistance = max;
 }
@@ -123,6 +134,8 @@ void ReconstructionImpl::ReleaseBuffers()
 {
     m_tableWidth = 0;
     m_tableHeight = 0;
+    m_tablesReduced = false;
+    m_tableBinning = 1;
     m_fppnOffset.reset();
     m_fppnOffset2.reset();
     m_fppnOffsetInt.reset();
@@ -240,10 +253,12 @@ void ReconstructionImpl::BuildTables(const CameraCalibrationParam& first,
     GetRgbdRt();
 
     m_initialized = true;
+    m_tablesReduced = reduced;
     if (p.depthLens.width == 320)
         m_binning = 2;
     else
         m_binning = 1;
+    m_tableBinning = m_binning;
 
     const DualFreqConstants k =
         MakeDualFreqConstants(f1, f2, m_freqParam[0].rangeMm, m_freqParam[1].rangeMm);
@@ -310,25 +325,37 @@ void ReconstructionImpl::GetRgbdRt()
 
 // ---------------------------------------------------------------- depth
 
+int32_t ReconstructionImpl::TablesStatus() const
+{
+    if (!m_initialized)
+        return STATUS_NOT_INITIALIZED;
+    if ((m_streamType == STREAM_SINGLE_FREQ) != m_tablesReduced)
+        return STATUS_STREAM_MISMATCH;  // SetType changed the stream after Init
+    return STATUS_OK;
+}
+
 int32_t ReconstructionImpl::CheckSingleFreqFrame(int width, int height) const
 {
+    // Each side is bounded before the product is formed, so no size wraps.
+    const int64_t tablePixels = int64_t(m_tableWidth) * m_tableHeight;
+    if (width <= 0 || height <= 0 || width > tablePixels || height > tablePixels)
+        return STATUS_INVALID_ARGUMENT;
     const int64_t pixels = int64_t(width) * height;
-    if (width <= 0 || height <= 0 || pixels > int64_t(m_tableWidth) * m_tableHeight ||
-        4 * pixels < kTemperatureWords)
+    if (pixels > tablePixels || 4 * pixels < kTemperatureWords)
         return STATUS_INVALID_ARGUMENT;
     return STATUS_OK;
 }
 
 int32_t ReconstructionImpl::CheckDualFreqFrame(int width, int height) const
 {
-    if (m_freqParam[0].frequency == m_freqParam[1].frequency)
-        return STATUS_STREAM_MISMATCH;  // tables built for the reduced stream
-    if (width <= 0 || height <= 0 || 16 * int64_t(width) * height < kTemperatureWords)
+    const int64_t tablePixels = int64_t(m_tableWidth) * m_tableHeight;
+    if (width <= 0 || height <= 0 || width > tablePixels || height > tablePixels ||
+        16 * int64_t(width) * height < kTemperatureWords)
         return STATUS_INVALID_ARGUMENT;
     // The furthest calibration position a pixel can address must lie in the tables.
     const int64_t b = width == 320 ? 2 : 1;
     const int64_t lastIndex = ((int64_t(height) - 1) * width * b + width - 1) * b;
-    if (lastIndex >= int64_t(m_tableWidth) * m_tableHeight)
+    if (lastIndex >= tablePixels)
         return STATUS_INVALID_ARGUMENT;
     return STATUS_OK;
 }
@@ -336,22 +363,26 @@ int32_t ReconstructionImpl::CheckDualFreqFrame(int width, int height) const
 int32_t ReconstructionImpl::CalculateDepth(const uint16_t* raw, uint16_t** depth, int32_t width,
                                            int32_t height)
 {
-    if (raw == nullptr || depth == nullptr)
-        return m_initialized ? STATUS_INVALID_ARGUMENT : STATUS_NOT_INITIALIZED;
-    if (m_streamType == STREAM_SINGLE_FREQ) {
-        // A scoped lock, released on every return: the next frame never waits on this one.
+    {
+        // A scoped lock, released on every return (the single-frequency path too, so
+        // the next frame never waits on this one).
         std::lock_guard<std::mutex> lock(ParamMutex());
-        if (!m_initialized)
-            return STATUS_NOT_INITIALIZED;
-        if (const int32_t status = CheckSingleFreqFrame(width, height))
+        if (const int32_t status = TablesStatus())
             return status;
-        m_width = width;
-        m_height = height;
-        *depth = new uint16_t[static_cast<size_t>(width) * height];
-        GetDepthSingleFreq(raw, *depth, width, height);
-    } else if (const int32_t status = GetDepthFromDualFreqTagMode(raw, depth, width, height)) {
-        return status;
+        if (raw == nullptr || depth == nullptr)
+            return STATUS_INVALID_ARGUMENT;
+        if (m_streamType == STREAM_SINGLE_FREQ) {
+            if (const int32_t status = CheckSingleFreqFrame(width, height))
+                return status;
+            m_width = width;
+            m_height = height;
+            *depth = new uint16_t[static_cast<size_t>(width) * height];
+            GetDepthSingleFreq(raw, *depth, width, height);
+        } else if (const int32_t status = GetDepthFromDualFreqTagMode(raw, depth, width, height)) {
+            return status;
+        }
     }
+    // The filters work on the caller's image alone.
     if (m_filterOn)
         FilterDepth(*depth, width, height);
     return STATUS_OK;
@@ -374,11 +405,11 @@ void ReconstructionImpl::FilterDepth(uint16_t* depth, int width, int height)
 int32_t ReconstructionImpl::DoubleFreqDepth(const uint16_t* frame1, const uint16_t* /*frame2*/,
                                             uint16_t** depth, int& width, int& height)
 {
-    // Single-frequency depth of the first frame at the size of the last depth image;
-    // the second frame is accepted and not read.
+    // Single-frequency depth of the first frame at the size of the last depth image
+    // (the size Pb2Structrue reports); the second frame is accepted and not read.
     std::lock_guard<std::mutex> lock(ParamMutex());
-    if (!m_initialized)
-        return STATUS_NOT_INITIALIZED;
+    if (const int32_t status = TablesStatus())
+        return status;
     if (frame1 == nullptr || depth == nullptr)
         return STATUS_INVALID_ARGUMENT;
     const int w = m_width, h = m_height;
@@ -409,7 +440,6 @@ int ReconstructionImpl::GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth,
 int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_t** depth,
                                                     int width, int height)
 {
-    std::lock_guard<std::mutex> lock(ParamMutex());
     if (!m_initialized)
         return STATUS_NOT_INITIALIZED;
     if (const int32_t status = CheckDualFreqFrame(width, height))
@@ -433,7 +463,7 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
                                 b.rangeMm,        a.phaseToMm,      b.phaseToMm,
                                 a.depthOffset,    b.depthOffset,    b.tableStep,
                                 m_paddedTable[0], m_paddedTable[1], m_amplitudeThreshold,
-                                m_deviceType != DEVICE_TYPE_4,      m_flipMode,
+                                m_deviceType != DEVICE_TYPE_4,      m_flipMode.load(),
                                 m_binning};
     DualFreqLast last{m_lastDistance1, m_lastDistance2};
     if (m_fastPaths && FastDualFreqApplies(params))
@@ -466,42 +496,29 @@ int32_t ReconstructionImpl::GetIR(const uint16_t* raw, uint16_t* image, int32_t 
 int32_t ReconstructionImpl::GetCloudPoint(const uint16_t* depth, float* points, int32_t width,
                                           int32_t height)
 {
-    // The state the depth path writes (binning) is read under the lock; the work
-    // itself runs outside it, beside other frame operations.
-    int32_t currentBinning, tableWidth, tableHeight;
-    {
-        std::lock_guard<std::mutex> lock(ParamMutex());
-        if (!m_initialized)
-            return STATUS_NOT_INITIALIZED;
-        currentBinning = std::max(m_binning, 1);
-        tableWidth = m_tableWidth;
-        tableHeight = m_tableHeight;
-    }
+    // Under the lock for the whole run: Init and Release wait until the rays are read.
+    std::lock_guard<std::mutex> lock(ParamMutex());
+    if (const int32_t status = TablesStatus())
+        return status;
     if (depth == nullptr || points == nullptr || width <= 0 || height <= 0)
         return STATUS_INVALID_ARGUMENT;
-    // Images 1920 wide or 1080 high are registered to the colour camera.
+    // Images 1920 wide or 1080 high are registered to the colour camera. The image's
+    // own size, not the last depth frame, decides the scale at which it reads the rays
+    // (2 for binned frames of the full sensor) and the corner cut; in the reduced
+    // stream the cut follows the calibration's read-out, as Init left the binning.
     const bool colour = width == kColourWidth || height == kColourHeight;
-    const int64_t mapWidth = colour ? kColourWidth : tableWidth;
-    const int64_t mapSize = mapWidth * (colour ? kColourHeight : tableHeight);
-    // The furthest ray a pixel inside the mask reads at binning b.
-    const auto lastIndex = [&](int64_t b) { return ((int64_t(height) - 2) * width * b + width - 2) * b; };
-    int binning = currentBinning;
-    if (lastIndex(binning) >= mapSize) {
-        // The binning left by the last depth frame does not fit this image (for
-        // instance the reduced stream, whose maps are already at 320 x 240): read
-        // the maps at the image's own scale instead of past their end.
-        const int64_t scale = mapWidth / width;
-        if (scale < 1 || lastIndex(scale) >= mapSize)
-            return STATUS_INVALID_ARGUMENT;
-        binning = static_cast<int>(scale);
-    }
-    const int cut = PointCloudCut(currentBinning, m_streamType == STREAM_SINGLE_FREQ);
+    const int scale = colour ? PointCloudScale(width, height, kColourWidth, kColourHeight, false)
+                             : PointCloudScale(width, height, m_tableWidth, m_tableHeight,
+                                               !m_tablesReduced);
+    if (scale == 0)
+        return STATUS_INVALID_ARGUMENT;
+    const int cut = PointCloudCut(m_tablesReduced ? m_tableBinning : scale, m_tablesReduced);
     const float* rayX = colour ? m_rgbRayX.get() : m_rectifyMapX.get();
     const float* rayY = colour ? m_rgbRayY.get() : m_rectifyMapY.get();
     if (m_fastPaths)
-        PointCloudRows(depth, width, height, binning, cut, rayX, rayY, points);
+        PointCloudRows(depth, width, height, scale, cut, rayX, rayY, points);
     else
-        PointCloud(depth, width, height, binning, cut, rayX, rayY, points);
+        PointCloud(depth, width, height, scale, cut, rayX, rayY, points);
     return STATUS_OK;
 }
 
@@ -513,12 +530,14 @@ void ReconstructionImpl::Convert2RGB(uint8_t** image, uint16_t* depth, int32_t w
     if (image == nullptr || depth == nullptr || width <= 0 || height <= 0 ||
         int64_t(width) * height > int64_t(kColourWidth) * kColourHeight)
         return;
+    int32_t lo, hi;
+    GetCustomDistanceRange(lo, hi);
     const size_t n = static_cast<size_t>(width) * height;
     *image = new uint8_t[3 * n];
     if (m_fastPaths)
-        FalseColourFast(depth, n, m_customMinDistance, m_customMaxDistance, *image);
+        FalseColourFast(depth, n, lo, hi, *image);
     else
-        FalseColour(depth, n, m_customMinDistance, m_customMaxDistance, *image);
+        FalseColour(depth, n, lo, hi, *image);
 }
 
 void ReconstructionImpl::GetColorBar(uint8_t** bar, int& count)
@@ -535,15 +554,19 @@ int32_t ReconstructionImpl::MapDepthToRGB(uint8_t** image, uint16_t** depth, uin
                                           int& height)
 {
     std::lock_guard<std::mutex> lock(ParamMutex());
-    if (!m_initialized)
-        return STATUS_NOT_INITIALIZED;
+    if (const int32_t status = TablesStatus())
+        return status;
     // The colour undistortion maps are built for 1920 x 1080; the depth frame is
     // 640 x 480 and needs the full stream's ray tables.
     if (image == nullptr || depth == nullptr || *depth == nullptr || nv12 == nullptr ||
         colorWidth != kColourWidth || colorHeight != kColourHeight)
         return STATUS_INVALID_ARGUMENT;
-    if (m_tableWidth != 640 || m_tableHeight != 480)
+    if (m_tablesReduced)
         return STATUS_STREAM_MISMATCH;
+    // The depth image is read as 640 x 480. After a binned frame the image a caller
+    // holds is 320 x 240, so the call is refused until the next 640 x 480 frame (or Init).
+    if ((m_width != 0 || m_height != 0) && (m_width != 640 || m_height != 480))
+        return STATUS_INVALID_ARGUMENT;
 
     m_width = 640;
     m_height = 480;
@@ -679,9 +702,10 @@ void ReconstructionImpl::SaveCloudPoint(uint16_t* depth, std::string path)
 {
     const size_t n = static_cast<size_t>(std::max(m_width, 0)) * std::max(m_height, 0);
     std::vector<float> cloud(3 * n, 0.0f);
-    // Through the interface, as a derived implementation would expect.
+    // Through the interface, as a derived implementation would expect. With no depth
+    // image yet (0 x 0) there are no points to ask for: the files are written empty.
     Reconstruction& self = *this;
-    if (self.GetCloudPoint(depth, cloud.data(), m_width, m_height) != STATUS_OK)
+    if (n > 0 && self.GetCloudPoint(depth, cloud.data(), m_width, m_height) != STATUS_OK)
         return;
     SaveDepth(depth, path + ".raw");
     SavePointCloud(cloud.data(), path);

@@ -3,6 +3,7 @@
 #ifndef QVRECONSTRUCTION_SRC_RECONSTRUCTION_IMPL_H
 #define QVRECONSTRUCTION_SRC_RECONSTRUCTION_IMPL_H
 
+#include <atomic>
 #include <cstdint>
 #include <fstream>
 #include <memory>
@@ -65,8 +66,8 @@ public:
     // Depth-to-colour geometry and both cameras' undistortion maps from m_workParam.
     void GetRgbdRt();
 
-    // The depth converters, called with validated frames; the dual-frequency one
-    // takes the lock, checks the frame and allocates the output itself.
+    // The depth converters, called with validated frames and the lock held; the
+    // dual-frequency one checks the frame and allocates the output itself.
     int GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth, int width, int height);
     int GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_t** depth, int width, int height);
 
@@ -91,14 +92,16 @@ public:
     // --- State. Public so that the library's own tests can inspect it; the class is
     // not part of the installed headers.
 
+    // The caller's distance range, read and written as a pair under m_rangeMutex.
     int32_t m_customMaxDistance = 7500;
     int32_t m_customMinDistance = 0;
     int32_t m_width = 0;
     int32_t m_height = 0;
     int32_t m_binning = 1;
-    bool m_filterOn = true;
+    // Switches a caller may change beside a frame operation.
+    std::atomic<bool> m_filterOn{true};
     bool m_initialized = false;
-    FlipMode m_flipMode = FLIP_NONE;
+    std::atomic<FlipMode> m_flipMode{FLIP_NONE};
     CameraCalibrationParam m_firstParam{};
     CameraCalibrationParam m_secondParam{};
     CameraCalibrationParam m_workParam{};
@@ -150,9 +153,12 @@ public:
     int16_t m_centerDepth = 0;
     int32_t m_plyFileCounter = 0;
 
-    // Buffers built by Init; pixel count of the stream the tables were built for.
+    // Buffers built by Init; size and stream the tables were built for, and the
+    // binning Init derived from the working record's depth lens.
     int32_t m_tableWidth = 0;
     int32_t m_tableHeight = 0;
+    bool m_tablesReduced = false;
+    int32_t m_tableBinning = 1;
     std::unique_ptr<float[]> m_fppnOffset, m_fppnOffset2;
     std::unique_ptr<uint16_t[]> m_fppnOffsetInt, m_fppnOffset2Int;
     std::unique_ptr<uint16_t[]> m_depthWork1, m_depthWork2, m_depthWork3;
@@ -169,6 +175,7 @@ public:
     static constexpr int kMaxFrameHeight = 480;
 
 private:
+    std::mutex m_rangeMutex;
     // The two ways of registering a depth frame onto the colour camera, writing the
     // undistorted colour and the filtered registered depth into the caller's buffers.
     void RegisterReference(const cv::Mat& yuv, const uint16_t* depth, uint8_t* colourOut,
@@ -180,6 +187,9 @@ private:
     // Init's work once the lock is held and the previous tables are gone.
     void BuildTables(const CameraCalibrationParam& first, const CameraCalibrationParam& second);
     LensModel UndistortLens(bool isDepth) const;
+    // Whether the calibrated frame operations can run: STATUS_NOT_INITIALIZED before
+    // Init, STATUS_STREAM_MISMATCH when SetType changed the stream since. Lock held.
+    int32_t TablesStatus() const;
     // Frame sizes the tables of the last Init can serve.
     int32_t CheckSingleFreqFrame(int width, int height) const;
     int32_t CheckDualFreqFrame(int width, int height) const;

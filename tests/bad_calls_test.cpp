@@ -114,17 +114,56 @@ TEST_F(Fixture, BeforeInitAfterReleaseAndNullPointers)
 TEST_F(Fixture, SizesTheStreamCannotServe)
 {
     Start(STREAM_DUAL_FREQ, qvsim::SampleCalibration());
+    constexpr int kMax = std::numeric_limits<int>::max(), kMin = std::numeric_limits<int>::min();
     struct Size {
         int w, h;
     } refused[] = {{0, 480}, {640, 0}, {-640, 480}, {640, -2}, {640, 481}, {641, 480}, {320, 241},
-                   {100000, 100000}, {std::numeric_limits<int>::max(), 2}, {3, 3}};
-    for (const Size& s : refused) {
-        const Outcomes o = CallEverything(*r, raw.data(), s.w, s.h);
-        EXPECT_EQ(o.depth, STATUS_INVALID_ARGUMENT) << s.w << "x" << s.h;
-        EXPECT_EQ(o.map, STATUS_INVALID_ARGUMENT) << s.w << "x" << s.h;  // colour must be 1920 x 1080
-        EXPECT_FALSE(o.touched) << s.w << "x" << s.h;
-        EXPECT_EQ(r->m_width, 0);
+                   {100000, 100000}, {kMax, 2}, {3, 3}, {kMax, kMax}, {kMin, kMin}, {kMax, kMin},
+                   {2, kMax}, {kMax, 1080}, {1920, kMax}, {65536, 65536}, {131072, 32768}};
+    // Fresh, then after a binned frame (which leaves binning 2 and a 320 x 240 image):
+    // no size reads or writes past the 16-pixel buffers, whatever the products wrap to.
+    for (const int lastWidth : {0, 320}) {
+        if (lastWidth != 0) {
+            uint16_t* binned = nullptr;
+            ASSERT_EQ(r->CalculateDepth(raw.data(), &binned, 320, 240), STATUS_OK);
+            delete[] binned;
+        }
+        for (const Size& s : refused) {
+            const Outcomes o = CallEverything(*r, raw.data(), s.w, s.h);
+            EXPECT_EQ(o.depth, STATUS_INVALID_ARGUMENT) << s.w << "x" << s.h;
+            if (s.w <= 0 || s.h <= 0 || int64_t(s.w) * s.h > 4000000) {  // beyond any ray map
+                EXPECT_EQ(o.cloud, STATUS_INVALID_ARGUMENT) << s.w << "x" << s.h;
+            }
+            EXPECT_EQ(o.map, STATUS_INVALID_ARGUMENT) << s.w << "x" << s.h;  // colour must be 1920 x 1080
+            EXPECT_FALSE(o.touched) << s.w << "x" << s.h;
+            EXPECT_EQ(r->m_width, lastWidth);
+        }
     }
+    // Registration reads 640 x 480: after the binned frame it is refused, after a full
+    // frame it works again.
+    EXPECT_EQ(CallEverything(*r, raw.data(), 1920, 1080).map, STATUS_INVALID_ARGUMENT);
+    uint16_t* full = nullptr;
+    ASSERT_EQ(r->CalculateDepth(raw.data(), &full, 640, 480), STATUS_OK);
+    delete[] full;
+    EXPECT_EQ(CallEverything(*r, raw.data(), 1920, 1080).map, STATUS_OK);
+    // A stream changed by SetType after Init, in either direction, is refused by every
+    // calibrated operation until the next Init.
+    for (const StreamType changed : {STREAM_SINGLE_FREQ, STREAM_DUAL_FREQ}) {
+        r->SetType(DEVICE_GENERIC, changed);
+        const int w = changed == STREAM_SINGLE_FREQ ? 320 : 640, h = w * 3 / 4;
+        const Outcomes o = CallEverything(*r, raw.data(), w, h);
+        EXPECT_EQ(o.depth, STATUS_STREAM_MISMATCH) << changed;
+        EXPECT_EQ(o.doubleFreq, STATUS_STREAM_MISMATCH) << changed;
+        EXPECT_EQ(o.cloud, STATUS_STREAM_MISMATCH) << changed;
+        EXPECT_EQ(o.map, STATUS_STREAM_MISMATCH) << changed;
+        EXPECT_FALSE(o.touched);
+        ASSERT_EQ(r->Init(qvsim::SampleBinnedCalibration(),
+                          changed == STREAM_SINGLE_FREQ ? qvsim::SampleBinnedCalibration() : qvsim::SampleCalibration()),
+                  STATUS_OK);
+        EXPECT_EQ(CallEverything(*r, raw.data(), w, h).depth, STATUS_OK);
+        r->SetType(DEVICE_GENERIC, changed == STREAM_SINGLE_FREQ ? STREAM_DUAL_FREQ : STREAM_SINGLE_FREQ);
+    }
+    Start(STREAM_DUAL_FREQ, qvsim::SampleCalibration());
     uint8_t* rgb = nullptr;
     r->Convert2RGB(&rgb, raw.data(), 100000, 100000);  // larger than any depth image
     r->Convert2RGB(&rgb, raw.data(), -5, 10);
@@ -160,6 +199,10 @@ TEST_F(Fixture, AbsurdCalibrationsGiveDefinedDataAndLeaveNothingBehind)
     add([&](CameraCalibrationParam& c) { c.depthLens.fx = nan; c.rgbLens.fy = nan; });
     add([](CameraCalibrationParam& c) { c.tableCountF1 = 257; c.tableCountF2 = -1; });
     add([](CameraCalibrationParam& c) { c.tableCountF1 = -1; c.tableCountF2 = 257; });
+    add([](CameraCalibrationParam& c) {
+        c.tableCountF1 = std::numeric_limits<int32_t>::min();
+        c.tableCountF2 = std::numeric_limits<int32_t>::max();
+    });
     add([&](CameraCalibrationParam& c) { c.depthOffsetF1 = nan; c.depthOffsetF2 = 1e30f; });
     add([](CameraCalibrationParam& c) { c.depthOffsetF1 = -1e30f; c.depthOffsetF2 = -1e30f; });
     add([&](CameraCalibrationParam& c) {

@@ -1,5 +1,6 @@
 // Several threads calling the frame operations on one initialised instance at once get
 // exactly the single-threaded results. CI also runs this under ThreadSanitizer.
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -92,6 +93,118 @@ void RunThreads(StreamType stream)
     for (std::thread& t : threads)
         t.join();
     EXPECT_EQ(mismatches.load(), 0);
+}
+
+// Binned and full frames from two threads, DoubleFreqDepth, and Release, Init and the
+// setters from a third: every call either refuses with a status and touches nothing, or
+// gives exactly what it gives alone; Init never frees tables a frame operation reads.
+TEST(Concurrency, MixedFramesBesideInitReleaseAndSetters)
+{
+    ReconstructionImpl r;
+    r.SetType(DEVICE_GENERIC, STREAM_DUAL_FREQ);
+    const auto binnedCal = qvsim::SampleBinnedCalibration(), fullCal = qvsim::SampleCalibration();
+    ASSERT_EQ(r.Init(binnedCal, fullCal), STATUS_OK);
+    qvsim::SceneSpec scene;
+    scene.kind = qvsim::SceneKind::Boxes;
+    qvsim::CaptureSpec setup;
+    const qvsim::Capture full = qvsim::SimulateCapture(fullCal, scene, setup);
+    setup.binned = true;
+    const qvsim::Capture binned = qvsim::SimulateCapture(fullCal, scene, setup);
+    std::vector<uint8_t> nv12 = qvsim::RenderColour(fullCal, scene).nv12;
+    const std::pair<int, int> ranges[2] = {{500, 4000}, {800, 2500}};
+
+    // Binned frames halve the amplitude threshold until it is 0; from then on every
+    // frame's result is fixed, and the expected results are taken alone.
+    for (int k = 0; k < 4; ++k)
+        RunAll(r, binned, nullptr);
+    struct Expected {
+        Results frame;
+        std::vector<uint16_t> single;  // DoubleFreqDepth at this size
+        std::vector<uint8_t> rgb[2];   // colouring under each range
+    } expect[2];
+    for (int k = 0; k < 2; ++k) {
+        const qvsim::Capture& cap = k == 0 ? binned : full;
+        expect[k].frame = RunAll(r, cap, k == 0 ? nullptr : &nv12);
+        uint16_t* d = nullptr;
+        ASSERT_EQ(r.CalculateDepth(cap.raw.data(), &d, cap.width, cap.height), STATUS_OK);
+        uint16_t* single = nullptr;
+        int w = 0, h = 0;
+        ASSERT_EQ(r.DoubleFreqDepth(full.raw.data(), nullptr, &single, w, h), STATUS_OK);
+        expect[k].single.assign(single, single + w * h);
+        for (int q = 0; q < 2; ++q) {
+            r.SetCustomDistanceRange(ranges[q].first, ranges[q].second);
+            uint8_t* rgb = nullptr;
+            r.Convert2RGB(&rgb, d, cap.width, cap.height);
+            expect[k].rgb[q].assign(rgb, rgb + 3 * w * h);
+            delete[] rgb;
+        }
+        delete[] d;
+        delete[] single;
+    }
+
+    std::atomic<int> wrong{0}, done{0};
+    const auto frames = [&](int k) {
+        const qvsim::Capture& cap = k == 0 ? binned : full;
+        const size_t n = size_t(cap.width) * cap.height;
+        for (int round = 0; round < 4; ++round) {
+            uint16_t* d = nullptr;
+            const int32_t st = r.CalculateDepth(cap.raw.data(), &d, cap.width, cap.height);
+            if (st != STATUS_OK) {
+                wrong += st != STATUS_NOT_INITIALIZED || d != nullptr;
+                continue;
+            }
+            wrong += !std::equal(d, d + n, expect[k].frame.depth.begin());
+            std::vector<float> cloud(3 * n, -1.0f);
+            const int32_t cs = r.GetCloudPoint(d, cloud.data(), cap.width, cap.height);
+            wrong += cs == STATUS_OK ? cloud != expect[k].frame.cloud
+                                     : cs != STATUS_NOT_INITIALIZED || cloud[0] != -1.0f;
+            uint8_t* rgb = nullptr;
+            r.Convert2RGB(&rgb, d, cap.width, cap.height);
+            wrong += !std::equal(rgb, rgb + 3 * n, expect[k].rgb[0].begin()) &&
+                     !std::equal(rgb, rgb + 3 * n, expect[k].rgb[1].begin());
+            delete[] rgb;
+            // The last depth image's size decides DoubleFreqDepth's; registration is
+            // refused while that image is a binned one.
+            uint16_t* single = nullptr;
+            int w = -1, h = -1;
+            const int32_t ss = r.DoubleFreqDepth(full.raw.data(), nullptr, &single, w, h);
+            if (ss == STATUS_OK)
+                wrong += !(w == 320 ? std::equal(single, single + w * h, expect[0].single.begin())
+                                    : w == 640 && std::equal(single, single + w * h, expect[1].single.begin()));
+            else
+                wrong += single != nullptr || w != -1;
+            delete[] single;
+            if (k == 1) {
+                std::vector<uint8_t> frame = nv12;
+                uint8_t* colour = nullptr;
+                int cw = 0, ch = 0;
+                const int32_t ms = r.MapDepthToRGB(&colour, &d, frame.data(), 1920, 1080, cw, ch);
+                wrong += ms == STATUS_OK ? !std::equal(d, d + cw * ch, expect[1].frame.registered.begin())
+                                         : colour != nullptr;
+                delete[] colour;
+            }
+            delete[] d;
+        }
+        ++done;
+    };
+    std::thread binnedThread(frames, 0), fullThread(frames, 1);
+    std::thread settings([&] {
+        for (int round = 0; done < 2; ++round) {
+            r.SetCustomDistanceRange(ranges[round % 2].first, ranges[round % 2].second);
+            r.OpenFilter(true);
+            r.SetFlipMode(FLIP_NONE);
+            if (round % 8 == 0) {
+                r.Release();
+                r.SetType(DEVICE_GENERIC, STREAM_DUAL_FREQ);
+                wrong += r.Init(binnedCal, fullCal) != STATUS_OK;
+            }
+            std::this_thread::yield();
+        }
+    });
+    binnedThread.join();
+    fullThread.join();
+    settings.join();
+    EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST(Concurrency, FullStreamOperationsFromSeveralThreads) { RunThreads(STREAM_DUAL_FREQ); }

@@ -1,5 +1,6 @@
 // Depth kernels and the frame pipeline: the cases that catch real faults.
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -43,6 +44,7 @@ TEST(DepthCorrections, WrapAndWigglingFold)
     EXPECT_TRUE(std::isnan(WigglingAt(table, 1.0f, NAN, true, 39)));
     EXPECT_EQ(WigglingAt(table, 1.0f, 1e9f, false, 0), table[255]);
     EXPECT_EQ(WigglingAt(table, 1.0f, 300.0f, true, -5), table[255]);
+    EXPECT_EQ(WigglingAt(table, 1.0f, 3.0f, true, std::numeric_limits<int32_t>::min()), table[255]);
 }
 
 TEST(DepthCorrections, TemperatureFromTheFrame)

@@ -95,6 +95,23 @@ TEST(Bilateral, FixedNineByNine)
     small[27] = 900;
     f.BilateralFiter(small.data(), 8, 8);
     EXPECT_EQ(small[27], 900);  // 8 or fewer rows: unchanged
+
+    // An even kernel fills exactly kw x kh weights, in the window's layout: the far
+    // pixel at the window's top-left gets no weight, and nothing past the end is written.
+    Image plane(8 * 8, 1000);
+    plane[2 * 8 + 1] = 3000;  // row 4 - 4 / 2, column 3 - 4 / 2
+    std::vector<double> spatial(12, 1.0 / 12), weights(12 + 4, -7.0);
+    f.GetFinalKernal(plane.data(), 4, 3, spatial.data(), weights.data(), 3, 3, 0, 8, 64);
+    unsigned short window[12];
+    f.GetWindowArray(3, 3, 0, plane.data(), window, 3, 4, 8, 64);
+    EXPECT_EQ(window[0], 3000);
+    EXPECT_LT(weights[0], 1e-12);
+    double sum = 0;
+    for (int k = 0; k < 12; ++k)
+        sum += weights[k];
+    EXPECT_NEAR(sum, 1.0, 1e-12);
+    for (int k = 12; k < 16; ++k)
+        EXPECT_EQ(weights[k], -7.0);
 }
 
 TEST(Bilateral, DiscFilter)

@@ -111,6 +111,11 @@ TEST(Instance, SetTypeLoadsTheDefaultSetOfTheCombination)
         EXPECT_EQ(r.m_firstParam.extrinsics[0], 0.0f);
         EXPECT_EQ(r.m_firstParam.vectorCount, 0);
     }
+    // Four sets in all: the general module has one whatever the stream.
+    r.SetType(DEVICE_GENERIC, STREAM_DUAL_FREQ);
+    const CameraCalibrationParam general = r.m_secondParam;
+    r.SetType(DEVICE_GENERIC, STREAM_SINGLE_FREQ);
+    EXPECT_TRUE(SameRecord(general, r.m_secondParam));
     // Device 1 in the reduced stream carries exactly the float with bits C4BBCAA8.
     r.SetType(DEVICE_TYPE_1, STREAM_SINGLE_FREQ);
     uint32_t bits;

@@ -64,18 +64,20 @@ TEST_F(Cloud, OctagonalMaskAndRayMaps)
     EXPECT_EQ(p[3 * j], r->m_rgbRayX[j] * 2000.0f);
     EXPECT_EQ(p[3 * j + 1], r->m_rgbRayY[j] * 2000.0f);
 
-    // Binned frames read every second full-resolution ray with a cut of 25.
-    r->m_binning = 2;
+    // The image's size decides the scale and the cut, whatever binning the last depth
+    // frame left: binned frames read every second full-resolution ray with a cut of 25,
+    // full frames every ray with a cut of 50.
+    const std::vector<float> full = Points(depth, 640, 480);
     std::vector<uint16_t> small(320 * 240, 1000);
-    p = Points(small, 320, 240);
-    EXPECT_EQ(p[3 * (15 * 320 + 10) + 2], 1000.0f);
-    EXPECT_EQ(p[3 * (14 * 320 + 10) + 2], 0.0f);
-    EXPECT_EQ(p[3 * (100 * 320 + 50)], r->m_rectifyMapX[200 * 640 + 100] * 1000.0f);
-    // A full-size frame while binning 2 is left over would read past the maps: it
-    // reads them at its own scale (cut 25 still).
-    p = Points(depth, 640, 480);
-    EXPECT_EQ(at(200, 300)[0], r->m_rectifyMapX[i] * 1000.0f);
-    EXPECT_EQ(at(20, 5)[2], 1000.0f);
+    const std::vector<float> binned = Points(small, 320, 240);
+    EXPECT_EQ(binned[3 * (15 * 320 + 10) + 2], 1000.0f);
+    EXPECT_EQ(binned[3 * (14 * 320 + 10) + 2], 0.0f);
+    EXPECT_EQ(binned[3 * (100 * 320 + 50)], r->m_rectifyMapX[200 * 640 + 100] * 1000.0f);
+    for (int leftOver : {2, 1}) {
+        r->m_binning = leftOver;
+        EXPECT_EQ(Points(depth, 640, 480), full) << leftOver;
+        EXPECT_EQ(Points(small, 320, 240), binned) << leftOver;
+    }
     // Frames no scale can serve are refused and nothing is written.
     std::vector<uint16_t> huge(1300 * 1000, 1000);
     std::vector<float> untouched(3 * huge.size(), -1.0f);
@@ -205,10 +207,16 @@ TEST_F(Cloud, PlyAndRawFilesReadBack)
     EXPECT_EQ(mismatches, 0u);
     delete[] depth;
 
-    // An empty image writes the header alone; an unopenable path writes nothing.
-    r->m_width = 0;
-    r->SavePointCloud(cloud.data(), dir + "empty");
-    std::ifstream empty(dir + "empty_" + std::to_string(r->m_plyFileCounter - 1) + ".ply");
+    // After Init and before any frame the image is 0 x 0: an empty raw file and a PLY
+    // of the header alone, and the counter advances. An unopenable path writes nothing.
+    Start();
+    const int emptyCounter = r->m_plyFileCounter;
+    r->SaveCloudPoint(back.data(), dir + "empty");
+    EXPECT_EQ(r->m_plyFileCounter, emptyCounter + 1);
+    std::ifstream emptyRaw(dir + "empty.raw", std::ios::binary | std::ios::ate);
+    ASSERT_TRUE(emptyRaw.good());
+    EXPECT_EQ(emptyRaw.tellg(), 0);
+    std::ifstream empty(dir + "empty_" + std::to_string(emptyCounter) + ".ply");
     std::stringstream e;
     e << empty.rdbuf();
     EXPECT_NE(e.str().find("element vertex 0\n"), std::string::npos);

@@ -57,7 +57,8 @@ CameraCalibrationParam DefaultCalibration(DeviceType device, StreamType stream)
     } else if (device == DEVICE_TYPE_4 && single) {
         set = MakeSet(-1926.0f, -1926.0f, kBinnedMatrix);
     } else {
-        set = MakeSet(-714.0f, -815.0f, single ? kBinnedMatrix : kFullMatrix);
+        // The general module has one set for every stream.
+        set = MakeSet(-714.0f, -815.0f, kFullMatrix);
     }
 
     CameraCalibrationParam p{};

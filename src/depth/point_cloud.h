@@ -13,6 +13,21 @@ inline int PointCloudCut(int binning, bool reducedStream)
     return reducedStream ? cut / 2 : cut;
 }
 
+// The scale at which an image of width x height reads a ray map of mapWidth x mapHeight:
+// 2 (a binned frame of the full sensor) when `binnedFits` allows it and the image fits
+// the map twice over in both directions, else 1; 0 when the pixels inside the mask
+// would read past the map at that scale. Sizes of any magnitude are safe.
+inline int PointCloudScale(int width, int height, int mapWidth, int mapHeight, bool binnedFits)
+{
+    const int64_t mapSize = int64_t(mapWidth) * mapHeight;
+    if (width <= 0 || height <= 0 || width > mapSize || height > mapSize)
+        return 0;
+    const int scale = binnedFits && 2 * width <= mapWidth && 2 * height <= mapHeight ? 2 : 1;
+    // The furthest ray read: row height - 2, column width - 2.
+    const int64_t last = ((int64_t(height) - 2) * width * scale + width - 2) * scale;
+    return last < mapSize ? scale : 0;
+}
+
 // Inside the octagon: two pixels off every border and `cut` off every corner.
 inline bool InPointCloudMask(int r, int c, int width, int height, int cut)
 {

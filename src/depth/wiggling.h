@@ -27,18 +27,21 @@ inline float WrapOnce(float d, float range)
 inline float WigglingAt(const float* table, float step, float d, bool fold, int32_t count)
 {
     const float x = step * d;
-    int32_t k0 = TruncToInt(x);
-    const float f = x - static_cast<float>(k0);
-    int32_t k1 = f > 0.0f ? k0 + 1 : k0;
+    const int32_t k = TruncToInt(x);
+    const float f = x - static_cast<float>(k);
+    // 64-bit, so that no table count (INT_MIN included) overflows the fold.
+    int64_t k0 = k;
+    int64_t k1 = f > 0.0f ? k0 + 1 : k0;
     if (fold) {
         if (k0 > count)
-            k0 -= count - 1;
+            k0 -= int64_t{count} - 1;
         if (k1 > count)
-            k1 -= count - 1;
+            k1 -= int64_t{count} - 1;
     }
-    k0 = ClampIndex(k0, kWigglingTableSize);
-    k1 = ClampIndex(k1, kWigglingTableSize);
-    return (1.0f - f) * table[k0] + f * table[k1];
+    const auto inside = [](int64_t i) {
+        return i < 0 ? 0 : (i >= kWigglingTableSize ? kWigglingTableSize - 1 : static_cast<int>(i));
+    };
+    return (1.0f - f) * table[inside(k0)] + f * table[inside(k1)];
 }
 
 }  // namespace qvapi

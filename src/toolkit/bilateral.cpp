@@ -47,8 +47,10 @@ void filter_module::GetFinalKernal(unsigned short* img, int kw, int kh, double* 
     const int c = base[static_cast<ptrdiff_t>(row) * stride + col];
     double sum = 0;
     size_t k = 0;
-    for (int r = row - kh / 2; r <= row + kh / 2; ++r)
-        for (int q = col - kw / 2; q <= col + kw / 2; ++q, ++k) {
+    // Exactly kw x kh weights, laid out as GetWindowArray lays out the window: an odd
+    // size is centred, an even one reaches one further up and left than down and right.
+    for (int64_t r = int64_t{row} - kh / 2, rEnd = r + kh; r < rEnd; ++r)
+        for (int64_t q = int64_t{col} - kw / 2, qEnd = q + kw; q < qEnd; ++q, ++k) {
             const int d = std::abs(c - base[static_cast<ptrdiff_t>(r) * stride + q]);
             range[k] = weight[d];
             sum += range[k];

@@ -93,6 +93,10 @@ inline float Wiggling(const float* table, float step, float d, int32_t count)
     int32_t k0 = static_cast<int32_t>(x);
     const float f = x - static_cast<float>(k0);
     int32_t k1 = k0 + (f > 0.0f);
+    // k0 and k1 lie in [0, 1e6 + 1]: every count below -256 folds them past the table's
+    // end and every count above 2^24 never folds them, so clamping the count changes
+    // nothing but keeps the fold from overflowing.
+    count = std::min(std::max(count, -256), 1 << 24);
     k0 -= (k0 > count) * (count - 1);
     k1 -= (k1 > count) * (count - 1);
     k0 = std::min(std::max(k0, 0), 255);
