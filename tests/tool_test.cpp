@@ -1,5 +1,10 @@
 // The command-line tool, run as a user runs it (the binary beside the library in
 // the installed layout of the build tree).
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -32,10 +37,11 @@ protected:
     }
     void TearDown() override { fs::remove_all(dir_); }
 
-    Outcome Qvrecon(const std::string& args)
+    // Runs the tool through the shell, after `setup` (shell commands, e.g. a ulimit).
+    Outcome Qvrecon(const std::string& args, const std::string& setup = "")
     {
         const std::string err = (dir_ / "stderr.txt").string();
-        const std::string cmd = std::string(QVRECON_BINARY) + " " + args + " > /dev/null 2> " + err;
+        const std::string cmd = setup + std::string(QVRECON_BINARY) + " " + args + " > /dev/null 2> " + err;
         const int status = std::system(cmd.c_str());
         std::ifstream in(err);
         std::stringstream text;
@@ -55,15 +61,25 @@ protected:
 
 TEST_F(Tool, SimulateThenDepthGivesTheSceneBack)
 {
+    // Three captures of the same name in one batch: each keeps outputs of its own
+    // (capture, capture-2, capture-3 in the order given).
+    std::string batch;
     for (const char* stream : {"dual", "single", "binned"}) {
-        const std::string cap = P(std::string("cap_") + stream), out = P(std::string("out_") + stream);
+        const std::string cap = P(std::string("cap_") + stream);
         ASSERT_EQ(Qvrecon(std::string("simulate --scene plane --tilt 20 --distance 1600 --stream ") + stream +
                           " --out " + cap).code, 0);
-        const Outcome run = Qvrecon("depth " + cap + "/capture.raw --out " + out);
-        ASSERT_EQ(run.code, 0) << run.err;
+        batch += " " + cap + "/capture.raw";
+    }
+    const std::string out = P("out");
+    const Outcome run = Qvrecon("depth" + batch + " --out " + out);
+    ASSERT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(Files(out), 12u);
+    for (const char* stream : {"dual", "single", "binned"}) {
+        const std::string cap = P(std::string("cap_") + stream);
+        const std::string stem = out + (stream[0] == 'd' ? "/capture" : stream[0] == 's' ? "/capture-2" : "/capture-3");
         for (const char* suffix : {"_depth.png", "_colour.png", "_ir.png", ".ply"})
-            EXPECT_TRUE(fs::exists(out + "/capture" + suffix)) << stream << suffix;
-        const cv::Mat depth = cv::imread(out + "/capture_depth.png", cv::IMREAD_UNCHANGED);
+            EXPECT_TRUE(fs::exists(stem + suffix)) << stream << suffix;
+        const cv::Mat depth = cv::imread(stem + "_depth.png", cv::IMREAD_UNCHANGED);
         const cv::Mat truth = cv::imread(cap + "/truth_depth.png", cv::IMREAD_UNCHANGED);
         ASSERT_EQ(depth.type(), CV_16UC1);
         ASSERT_EQ(depth.size(), truth.size());
@@ -129,11 +145,31 @@ TEST_F(Tool, BadInputsGiveOneMessageAnExitCodeAndNoOutput)
     std::ofstream(P("unknown.yaml")) << "%YAML:1.0\n---\nfull:\n   depthLens:\n      focal: 3\n";
     std::ofstream(P("badtype.yaml")) << "%YAML:1.0\n---\nfull:\n   tableCountF1: 2.5\n";
     std::ofstream(P("garbage.yaml")) << "{{{ not yaml";
+    std::ofstream(P("wide.yaml")) << "binned:\n  depthLens: {width: 4294967296}\n";
+    std::ofstream(P("huge.yaml")) << "full:\n  depthOffsetF2: -1e39\n";
+    std::ofstream(P("trailing.json")) << "{\"full\": {\"tableCountF1\": 12}} 7";
+    std::ofstream(P("large.yaml")) << std::string(2 << 20, '#');
     std::ofstream(P("afile")) << "x";
+    ASSERT_EQ(mkfifo(P("fifo").c_str(), 0600), 0);
     struct Case {
         std::string args, message;
+        int code = 1;  // 1: the run failed; 2: the command line cannot be run
     } cases[] = {
         {"depth " + P("missing.raw") + " --out " + P("o1"), "missing.raw: cannot read"},
+        {"depth /dev/zero --out " + P("o1"), "/dev/zero: not a regular file"},
+        {"depth " + P("fifo") + " --out " + P("o1"), "fifo: not a regular file"},
+        {"info --calib " + P("fifo"), "fifo: not a regular file"},
+        {"info --calib " + P("large.yaml"), "more than the 1048576"},
+        {"register " + P("fifo") + " " + P("cap/colour.nv12") + " --out " + P("o1"), "fifo: not a regular file"},
+        {"info --calib " + P("wide.yaml"), "binned.depthLens.width: 4294967296 is outside the range of a 32-bit integer"},
+        {"info --calib " + P("huge.yaml"), "full.depthOffsetF2: -1e39 is outside the range of a 32-bit float"},
+        {"info --calib " + P("trailing.json"), "text follows the calibration"},
+        {"simulate --device 3 --out " + P("o1"), "--device: 3 not in {0,1,4}", 2},
+        {"simulate --distance -5 --out " + P("o1"), "--distance: Value -5 not in range [1 - 65535]", 2},
+        {"simulate --distance nan --out " + P("o1"), "not in range [1 - 65535]", 2},
+        {"depth --out " + P("o1"), "captures is required", 2},
+        {"depth " + P("cap/capture.raw") + " --range 100 70000 --out " + P("o1"), "not in range", 2},
+        {"frobnicate", "A subcommand is required", 2},
         {"depth " + P("short.raw") + " --out " + P("o2"), "1000 bytes fit no stream"},
         {"depth " + P("cap/capture.raw") + " --stream single --out " + P("o3"), "a single capture has 614400"},
         {"depth " + P("cap/capture.raw") + " --calib " + P("unknown.yaml") + " --out " + P("o4"),
@@ -148,12 +184,63 @@ TEST_F(Tool, BadInputsGiveOneMessageAnExitCodeAndNoOutput)
     };
     for (const Case& c : cases) {
         const Outcome run = Qvrecon(c.args);
-        EXPECT_NE(run.code, 0) << c.args;
+        EXPECT_EQ(run.code, c.code) << c.args;
         EXPECT_NE(run.err.find(c.message), std::string::npos) << c.args << "\n" << run.err;
         EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
     }
     for (const char* o : {"o1", "o2", "o3", "o4", "o5", "o6", "o7"})
         EXPECT_EQ(Files(dir_ / o), 0u) << o;
+    EXPECT_EQ(Qvrecon("--version").code, 0);
+}
+
+// Outputs are written through exclusive temporary files: a link planted at an
+// output's name is replaced, not written through; a file-size limit, like a full
+// disk, is one message and exit 1 with nothing left behind; and a run stopped by
+// SIGTERM or SIGINT leaves no temporary file.
+TEST_F(Tool, OutputsAreWholeOrAbsent)
+{
+    std::ofstream(P("victim")) << "keep";
+    fs::create_directories(P("out"));
+    fs::create_symlink(P("victim"), P("out/truth_depth.png"));
+    ASSERT_EQ(Qvrecon("simulate --out " + P("out")).code, 0);
+    EXPECT_FALSE(fs::is_symlink(P("out/truth_depth.png")));
+    std::ifstream victim(P("victim"));
+    std::string kept;
+    victim >> kept;
+    EXPECT_EQ(kept, "keep");
+
+    // 9,830,400 bytes of capture against a limit of 1,000 blocks.
+    const Outcome limited = Qvrecon("simulate --out " + P("limited"), "ulimit -f 1000; ");
+    EXPECT_EQ(limited.code, 1);
+    EXPECT_NE(limited.err.find("capture.raw: cannot write (File too large)"), std::string::npos) << limited.err;
+    EXPECT_EQ(std::count(limited.err.begin(), limited.err.end(), '\n'), 1) << limited.err;
+    EXPECT_EQ(Files(P("limited")), 0u);
+
+    // Signals at several moments of a run that writes large files; whatever each one
+    // interrupts, what is left is complete outputs only.
+    for (int sig : {SIGTERM, SIGINT}) {
+        for (int delayMs : {5, 40, 120, 300}) {
+            const std::string folder = P("stopped_" + std::to_string(sig) + "_" + std::to_string(delayMs));
+            const pid_t child = fork();
+            ASSERT_GE(child, 0);
+            if (child == 0) {
+                execl(QVRECON_BINARY, QVRECON_BINARY, "simulate", "--out", folder.c_str(), static_cast<char*>(nullptr));
+                _exit(127);
+            }
+            usleep(delayMs * 1000);
+            kill(child, sig);
+            int status = 0;
+            waitpid(child, &status, 0);
+            if (fs::exists(folder))
+                for (const auto& entry : fs::directory_iterator(folder)) {
+                    const std::string name = entry.path().filename().string();
+                    EXPECT_EQ(name.find(".tmp-"), std::string::npos) << name;
+                    if (name == "capture.raw") {
+                        EXPECT_EQ(fs::file_size(entry.path()), 16u * 640 * 480 * 2);
+                    }
+                }
+        }
+    }
 }
 
 TEST_F(Tool, RegisterInfoAndDemo)

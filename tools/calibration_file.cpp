@@ -1,18 +1,15 @@
 #include "calibration_file.h"
 
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <chrono>
-#include <cstddef>
-#include <cstring>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
 #include <set>
+#include <string_view>
 #include <vector>
 
-#include <opencv2/core.hpp>
+#include <yaml-cpp/yaml.h>
 
 #include "output_files.h"
 #include "sample_calibration.h"
@@ -72,16 +69,48 @@ void VisitRecord(V& v, CameraCalibrationParam& p)
 }
 
 struct Writer {
-    cv::FileStorage& fs;
+    YAML::Emitter& out;
+    bool json;
+    std::string where;  // the record being written, for messages
 
-    void Int(const char* name, int32_t v) { fs << name << v; }
-    void Float(const char* name, float v) { fs << name << v; }
-    void Text(const char* name, const std::string& v) { fs << name << v; }
+    void Key(const char* name)
+    {
+        out << YAML::Key;
+        if (json)
+            out << YAML::DoubleQuoted;
+        out << name << YAML::Value;
+    }
+    void Number(const char* name, float v)
+    {
+        if (!std::isfinite(v))
+            throw CalibrationError(where + "." + name + ": " + std::to_string(v) +
+                                   " cannot be written (not a finite number)");
+        out << v;
+    }
+    void Int(const char* name, int32_t v)
+    {
+        Key(name);
+        out << v;
+    }
+    void Float(const char* name, float v)
+    {
+        Key(name);
+        Number(name, v);
+    }
+    void Text(const char* name, const std::string& v)
+    {
+        Key(name);
+        out << YAML::DoubleQuoted << v;
+    }
     void Lens(const char* name, Intrinsics& l)
     {
-        fs << name << "{";
+        Key(name);
+        out << YAML::BeginMap;
+        const std::string outer = where;
+        where += std::string(".") + name;
         VisitLens(*this, l);
-        fs << "}";
+        where = outer;
+        out << YAML::EndMap;
     }
     // The valid entries and any non-zero entry behind them: a round trip keeps
     // every value, without 256 zeros per table.
@@ -93,15 +122,28 @@ struct Writer {
                 n = k;
                 break;
             }
-        fs << name << "[:";
+        Key(name);
+        out << YAML::Flow << YAML::BeginSeq;
         for (int k = 0; k < n; ++k)
-            fs << v[k];
-        fs << "]";
+            Number(name, v[k]);
+        out << YAML::EndSeq;
     }
 };
 
+// Whole-text numbers: the scalar must be a number and nothing else, within the
+// range of the field's type.
+bool ParseInt(const std::string& text, int64_t& v)
+{
+    const char* first = text.data();
+    const char* last = first + text.size();
+    if (first != last && *first == '+')
+        ++first;
+    const auto [end, ec] = std::from_chars(first, last, v);
+    return ec == std::errc() && end == last && first != last;
+}
+
 struct Reader {
-    cv::FileNode node;
+    YAML::Node node;
     std::string where;  // file and path of this map, for messages
     std::set<std::string> known;
 
@@ -109,46 +151,72 @@ struct Reader {
     {
         throw CalibrationError(where + "." + field + ": " + what);
     }
-    cv::FileNode Field(const char* name)
+    // The field's node, or an undefined node when the field is missing.
+    YAML::Node Field(const char* name)
     {
         known.insert(name);
-        return node[name];
+        const YAML::Node n = node[name];
+        if (n && n.IsNull())
+            Fail(name, "has no value");
+        return n;
     }
-    static bool IsNumber(const cv::FileNode& n) { return n.isInt() || n.isReal(); }
+    std::string Scalar(const char* name, const YAML::Node& n, const char* expected) const
+    {
+        if (!n.IsScalar())
+            Fail(name, std::string("expected ") + expected);
+        return n.Scalar();
+    }
+    float ToFloat(const std::string& name, const std::string& text) const
+    {
+        // strtof rounds the decimal text once, straight to the field's precision.
+        const char* begin = text.c_str();
+        char* end = nullptr;
+        errno = 0;
+        const float v = std::strtof(begin, &end);
+        if (text.empty() || end != begin + text.size() || std::isspace(static_cast<unsigned char>(text[0])))
+            Fail(name, "expected a number, found '" + text + "'");
+        if (!std::isfinite(v)) {
+            if (errno == ERANGE)
+                Fail(name, text + " is outside the range of a 32-bit float");
+            Fail(name, "expected a finite number, found '" + text + "'");
+        }
+        return v;
+    }
 
     void Int(const char* name, int32_t& v)
     {
-        const cv::FileNode n = Field(name);
-        if (n.empty())
+        const YAML::Node n = Field(name);
+        if (!n)
             return;
-        if (!n.isInt())
-            Fail(name, "expected an integer");
-        v = static_cast<int32_t>(n);
+        const std::string text = Scalar(name, n, "an integer");
+        int64_t value = 0;
+        if (!ParseInt(text, value)) {
+            if (text.size() > 24 && ParseInt(text.substr(0, 24), value))
+                Fail(name, text + " is outside the range of a 32-bit integer");
+            Fail(name, "expected an integer, found '" + text + "'");
+        }
+        if (value < INT32_MIN || value > INT32_MAX)
+            Fail(name, text + " is outside the range of a 32-bit integer (-2147483648 to 2147483647)");
+        v = static_cast<int32_t>(value);
     }
     void Float(const char* name, float& v)
     {
-        const cv::FileNode n = Field(name);
-        if (n.empty())
-            return;
-        if (!IsNumber(n))
-            Fail(name, "expected a number");
-        v = static_cast<float>(static_cast<double>(n));
+        const YAML::Node n = Field(name);
+        if (n)
+            v = ToFloat(name, Scalar(name, n, "a number"));
     }
     void Text(const char* name, std::string& v)
     {
-        const cv::FileNode n = Field(name);
-        if (n.empty())
-            return;
-        if (!n.isString())
-            Fail(name, "expected text");
-        v = static_cast<std::string>(n);
+        const YAML::Node n = Field(name);
+        if (n)
+            v = Scalar(name, n, "text");
     }
     void Lens(const char* name, Intrinsics& l)
     {
-        const cv::FileNode n = Field(name);
-        if (n.empty())
+        const YAML::Node n = Field(name);
+        if (!n)
             return;
-        if (!n.isMap())
+        if (!n.IsMap())
             Fail(name, "expected a map of lens fields");
         Reader inner{n, where + "." + name, {}};
         VisitLens(inner, l);
@@ -156,32 +224,39 @@ struct Reader {
     }
     void Floats(const char* name, float* v, int capacity, int /*count*/)
     {
-        const cv::FileNode n = Field(name);
-        if (n.empty())
+        const YAML::Node n = Field(name);
+        if (!n)
             return;
-        if (!n.isSeq())
+        if (!n.IsSequence())
             Fail(name, "expected a list of numbers");
-        if (static_cast<int>(n.size()) > capacity)
+        if (n.size() > static_cast<size_t>(capacity))
             Fail(name, "holds " + std::to_string(n.size()) + " values, at most " +
                            std::to_string(capacity) + " fit");
         int k = 0;
-        for (const cv::FileNode& e : n) {
-            if (!IsNumber(e))
-                Fail(name + std::string("[") + std::to_string(k) + "]", "expected a number");
-            v[k++] = static_cast<float>(static_cast<double>(e));
+        for (const YAML::Node& e : n) {
+            const std::string entry = name + std::string("[") + std::to_string(k) + "]";
+            if (!e.IsScalar())
+                Fail(entry, "expected a number");
+            v[k++] = ToFloat(entry, e.Scalar());
         }
     }
+    // Every key must be a field of the record, given once.
     void RejectUnknown() const
     {
-        for (const cv::FileNode& child : node)
-            if (known.count(child.name()) == 0)
-                throw CalibrationError(where + ": unknown field '" + child.name() + "'");
+        std::set<std::string> seen;
+        for (const auto& child : node) {
+            if (!child.first.IsScalar())
+                throw CalibrationError(where + ": a field name must be text");
+            const std::string key = child.first.Scalar();
+            if (known.count(key) == 0)
+                throw CalibrationError(where + ": unknown field '" + key + "'");
+            if (!seen.insert(key).second)
+                throw CalibrationError(where + "." + key + ": given twice");
+        }
     }
 };
 
-}  // namespace
-
-namespace {
+constexpr size_t kMaxCalibrationBytes = 1 << 20;
 
 std::string OneLine(std::string text)
 {
@@ -191,19 +266,34 @@ std::string OneLine(std::string text)
     return text;
 }
 
-constexpr size_t kMaxCalibrationBytes = 1 << 20;
+}  // namespace
 
-ModuleCalibration ParseCalibration(cv::FileStorage& fs, const std::string& path)
+ModuleCalibration ParseCalibrationText(const std::string& text, const std::string& path)
 {
-    ModuleCalibration out;
-    Reader top{fs.root(), path, {}};
-    if (!top.node.isMap())
+    // Files written by earlier versions begin with OpenCV's "%YAML:1.0" line, which is
+    // not a standard directive: it is read as an empty line.
+    std::string_view body = text;
+    if (body.rfind("%YAML:1.0", 0) == 0)
+        body.remove_prefix(std::string_view("%YAML:1.0").size());
+    std::vector<YAML::Node> documents;
+    try {
+        documents = YAML::LoadAll(std::string(body));
+    } catch (const YAML::Exception& e) {
+        throw CalibrationError(path + ": not a readable YAML or JSON calibration (line " +
+                               std::to_string(e.mark.line + 1) + ", column " +
+                               std::to_string(e.mark.column + 1) + ": " + OneLine(e.msg) + ")");
+    }
+    if (documents.size() > 1)
+        throw CalibrationError(path + ": text follows the calibration (a second document)");
+    if (documents.empty() || !documents[0].IsMap())
         throw CalibrationError(path + ": expected the maps 'binned' and 'full'");
+    ModuleCalibration out;
+    Reader top{documents[0], path, {}};
     for (const char* name : {"binned", "full"}) {
-        const cv::FileNode n = top.Field(name);
-        if (n.empty())
+        const YAML::Node n = top.Field(name);
+        if (!n)
             continue;
-        if (!n.isMap())
+        if (!n.IsMap())
             top.Fail(name, "expected a map of calibration fields");
         Reader r{n, path + ": " + name, {}};
         VisitRecord(r, std::string(name) == "binned" ? out.binned : out.full);
@@ -213,170 +303,40 @@ ModuleCalibration ParseCalibration(cv::FileStorage& fs, const std::string& path)
     return out;
 }
 
-}  // namespace
-
-namespace {
-
-// The records as bytes: every plain field, then the label's length and text.
-void AppendRecord(std::string& out, const CameraCalibrationParam& p)
-{
-    const char* bytes = reinterpret_cast<const char*>(&p);
-    const size_t textAt = offsetof(CameraCalibrationParam, label);
-    const size_t textEnd = offsetof(CameraCalibrationParam, depthLens);
-    out.append(bytes, textAt);
-    out.append(bytes + textEnd, sizeof(CameraCalibrationParam) - textEnd);
-    const uint32_t length = static_cast<uint32_t>(p.label.size());
-    out.append(reinterpret_cast<const char*>(&length), sizeof length);
-    out.append(p.label);
-}
-
-size_t TakeRecord(const std::string& in, size_t at, CameraCalibrationParam& p)
-{
-    char* bytes = reinterpret_cast<char*>(&p);
-    const size_t textAt = offsetof(CameraCalibrationParam, label);
-    const size_t textEnd = offsetof(CameraCalibrationParam, depthLens);
-    const size_t plain = textAt + sizeof(CameraCalibrationParam) - textEnd;
-    if (in.size() < at + plain + sizeof(uint32_t))
-        return std::string::npos;
-    std::memcpy(bytes, in.data() + at, textAt);
-    std::memcpy(bytes + textEnd, in.data() + at + textAt, sizeof(CameraCalibrationParam) - textEnd);
-    at += plain;
-    uint32_t length = 0;
-    std::memcpy(&length, in.data() + at, sizeof length);
-    at += sizeof length;
-    if (in.size() < at + length)
-        return std::string::npos;
-    p.label.assign(in.data() + at, length);
-    return at + length;
-}
-
-// OpenCV's YAML parser does not return on some malformed text (found by fuzzing, even
-// in plain ASCII). The text is therefore parsed in a child process that is stopped
-// after a few seconds; the records come back through a pipe.
-ModuleCalibration ParseGuarded(const std::string& text, const std::string& path)
-{
-    int fds[2];
-    if (pipe(fds) != 0)
-        throw CalibrationError(path + ": cannot start the parser");
-    const pid_t child = fork();
-    if (child < 0) {
-        close(fds[0]);
-        close(fds[1]);
-        throw CalibrationError(path + ": cannot start the parser");
-    }
-    if (child == 0) {
-        close(fds[0]);
-        std::string reply;
-        try {
-            const ModuleCalibration m = ParseCalibrationText(text, path);
-            reply = "R";
-            AppendRecord(reply, m.binned);
-            AppendRecord(reply, m.full);
-        } catch (const std::exception& e) {
-            reply = std::string("E") + e.what();
-        }
-        for (size_t done = 0; done < reply.size();) {
-            const ssize_t n = write(fds[1], reply.data() + done, reply.size() - done);
-            if (n <= 0)
-                break;
-            done += static_cast<size_t>(n);
-        }
-        _exit(0);
-    }
-    close(fds[1]);
-    std::string reply;
-    char buffer[65536];
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    bool finished = false;
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd p{fds[0], POLLIN, 0};
-        const int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                              deadline - std::chrono::steady_clock::now()).count());
-        if (poll(&p, 1, std::max(left, 1)) <= 0)
-            continue;
-        const ssize_t n = read(fds[0], buffer, sizeof buffer);
-        if (n <= 0) {
-            finished = true;  // the child closed the pipe
-            break;
-        }
-        reply.append(buffer, static_cast<size_t>(n));
-    }
-    close(fds[0]);
-    if (!finished)
-        kill(child, SIGKILL);
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (!finished || reply.empty())
-        throw CalibrationError(path + ": not a readable YAML or JSON calibration (the parser did not finish)");
-    if (reply[0] == 'E')
-        throw CalibrationError(reply.substr(1));
-    ModuleCalibration m;
-    size_t at = TakeRecord(reply, 1, m.binned);
-    if (at != std::string::npos)
-        at = TakeRecord(reply, at, m.full);
-    if (at == std::string::npos)
-        throw CalibrationError(path + ": not a readable YAML or JSON calibration");
-    return m;
-}
-
-}  // namespace
-
-ModuleCalibration ParseCalibrationText(const std::string& text, const std::string& path)
-{
-    // OpenCV's parser reports malformed text with its own exceptions and, for some
-    // inputs, with the standard library's (a length error found by fuzzing): all
-    // become one clear error naming the file.
-    try {
-        cv::FileStorage fs;
-        if (!fs.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY))
-            throw CalibrationError(path + ": not a readable YAML or JSON calibration");
-        return ParseCalibration(fs, path);
-    } catch (const CalibrationError&) {
-        throw;
-    } catch (const cv::Exception& e) {
-        throw CalibrationError(path + ": not a readable YAML or JSON calibration (" + OneLine(e.err) + ")");
-    } catch (const std::exception& e) {
-        throw CalibrationError(path + ": not a readable YAML or JSON calibration (" + OneLine(e.what()) + ")");
-    }
-}
-
 ModuleCalibration ReadCalibration(const std::string& path)
 {
-    // A calibration is a small ASCII text file. Anything else is refused before
-    // OpenCV's parser sees it (control characters and bytes above 127 made it hang).
     std::vector<uint8_t> bytes;
     try {
-        bytes = ReadFile(path);
+        bytes = ReadFile(path, kMaxCalibrationBytes);
     } catch (const ToolError& e) {
         throw CalibrationError(e.what());
     }
-    if (bytes.size() > kMaxCalibrationBytes)
-        throw CalibrationError(path + ": " + std::to_string(bytes.size()) +
-                               " bytes, too large for a calibration file");
-    for (size_t i = 0; i < bytes.size(); ++i)
-        if ((bytes[i] < 0x20 && bytes[i] != '\t' && bytes[i] != '\n' && bytes[i] != '\r') ||
-            bytes[i] > 0x7E)
-            throw CalibrationError(path + ": not an ASCII text file (byte " + std::to_string(i) +
-                                   " is " + std::to_string(bytes[i]) + ")");
-    return ParseGuarded(std::string(bytes.begin(), bytes.end()), path);
+    return ParseCalibrationText(std::string(bytes.begin(), bytes.end()), path);
 }
 
 void WriteCalibration(const std::string& path, const ModuleCalibration& calibration)
 {
     ModuleCalibration copy = calibration;
-    WriteAtomically(path, [&](const std::string& temporary) {
-        cv::FileStorage fs(temporary, cv::FileStorage::WRITE);
-        if (!fs.isOpened())
-            return false;
-        Writer w{fs};
-        fs << "binned" << "{";
-        VisitRecord(w, copy.binned);
-        fs << "}" << "full" << "{";
-        VisitRecord(w, copy.full);
-        fs << "}";
-        fs.release();
-        return true;
-    });
+    const std::string extension = path.size() >= 5 ? path.substr(path.size() - 5) : "";
+    const bool json = extension == ".json";
+    YAML::Emitter out;
+    out.SetFloatPrecision(9);  // enough digits to give every float back exactly
+    if (json)
+        out << YAML::Flow;
+    out << YAML::BeginMap;
+    for (CameraCalibrationParam* record : {&copy.binned, &copy.full}) {
+        const char* name = record == &copy.binned ? "binned" : "full";
+        Writer w{out, json, path + ": " + name};
+        w.Key(name);
+        out << YAML::BeginMap;
+        VisitRecord(w, *record);
+        out << YAML::EndMap;
+    }
+    out << YAML::EndMap;
+    if (!out.good())
+        throw CalibrationError(path + ": cannot write the calibration (" + out.GetLastError() + ")");
+    const std::string text = std::string(out.c_str()) + "\n";
+    WriteBytes(path, text.data(), text.size());
 }
 
 ModuleCalibration SampleModule() { return {qvsim::SampleBinnedCalibration(), qvsim::SampleCalibration()}; }

@@ -1,5 +1,5 @@
 // Calibration files: both records of a module (binned and full read-out) in one
-// YAML or JSON file, read and written with OpenCV's persistence.
+// YAML or JSON file, read and written with yaml-cpp.
 #ifndef QVRECON_CALIBRATION_FILE_H
 #define QVRECON_CALIBRATION_FILE_H
 
@@ -21,13 +21,12 @@ struct CalibrationError : std::runtime_error {
 };
 
 // Reads a file written by WriteCalibration (or by hand): two maps "binned" and "full",
-// each holding the record's fields by name. Missing fields stay zero; unknown fields,
-// wrong types and arrays longer than the record holds are errors.
+// each holding the record's fields by name. Missing fields stay zero; unknown or
+// repeated fields, wrong types, numbers outside their field's range, text after the
+// document and arrays longer than the record holds are errors that name the field.
 ModuleCalibration ReadCalibration(const std::string& path);
 
-// The same from text in memory, parsed in this process (ReadCalibration parses in a
-// child process it stops after a few seconds, since OpenCV's parser does not return
-// on some malformed text).
+// The same from text in memory; `where` names it in messages.
 ModuleCalibration ParseCalibrationText(const std::string& text, const std::string& where);
 
 // Writes both records; the format follows the extension (.yaml, .yml or .json).

@@ -1,10 +1,11 @@
-// File handling of the tool: whole-file reads with clear errors, and writes that
-// never leave a half-written file behind (temporary name, then rename).
+// File handling of the tool: whole-file reads of regular files of bounded size, and
+// writes that never leave a half-written file behind (an exclusive temporary file in
+// the same folder, renamed when complete, removed on errors and on SIGINT, SIGTERM and
+// SIGHUP).
 #ifndef QVRECON_OUTPUT_FILES_H
 #define QVRECON_OUTPUT_FILES_H
 
 #include <cstdint>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -20,18 +21,25 @@ struct ToolError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Reads a whole file; a missing or unreadable file is a ToolError.
-std::vector<uint8_t> ReadFile(const std::string& path);
+// Installs the handlers that remove a temporary file on SIGINT, SIGTERM and SIGHUP
+// before the signal ends the process, and ignores SIGXFSZ so that a file-size limit
+// becomes a write error with a message. Call once, at the start of main.
+void InstallCleanupHandlers();
+
+// The size of a regular file; a missing file, a folder, a FIFO or a device is a ToolError.
+uint64_t RegularFileSize(const std::string& path);
+
+// Reads a whole regular file of at most maxBytes bytes. Missing, unreadable,
+// non-regular and larger files are a ToolError, found before anything is read.
+std::vector<uint8_t> ReadFile(const std::string& path, uint64_t maxBytes);
 
 // Creates the folder (and its parents) if missing; a ToolError if it cannot be
 // made or written into.
 void EnsureFolder(const std::string& folder);
 
-// Calls write(temporary) with a temporary path in the same folder and with the same
-// extension, then renames it to `path`. A write that returns false or throws leaves
-// nothing behind.
-void WriteAtomically(const std::string& path, const std::function<bool(const std::string&)>& write);
-
+// Writes `size` bytes to `path` through an exclusive temporary file (never one that
+// was planted there, never through a link) renamed into place when complete. A full
+// disk, a file-size limit or any other failure is a ToolError and leaves nothing.
 void WriteBytes(const std::string& path, const void* data, size_t size);
 
 // PNG of an 8-bit (grey or BGR) or 16-bit image.

@@ -9,7 +9,9 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <set>
 
 #include <CLI/CLI.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -25,6 +27,23 @@ using namespace qvrecon;
 
 namespace {
 
+// A depth PNG of 640 x 480 16-bit pixels is at most a few megabytes, even uncompressed.
+constexpr uint64_t kMaxDepthPngBytes = 64u << 20;
+
+// A floating-point option inside [lo, hi]; NaN and infinities are refused.
+CLI::Validator Within(double lo, double hi)
+{
+    const std::string range = "[" + CLI::detail::to_string(lo) + " - " + CLI::detail::to_string(hi) + "]";
+    return CLI::Validator(
+        [lo, hi, range](std::string& text) -> std::string {
+            double v = 0;
+            if (!CLI::detail::lexical_cast(text, v) || !(v >= lo && v <= hi))
+                return "Value " + text + " not in range " + range;
+            return "";
+        },
+        "FLOAT in " + range);
+}
+
 struct Common {
     std::string out;
     std::string calib;  // empty: the built-in sample module
@@ -36,12 +55,23 @@ void AddCommon(CLI::App* cmd, Common& c, const std::string& defaultOut, bool wri
     if (writes)
         cmd->add_option("--out", c.out, "Output folder, created if missing")->default_val(defaultOut);
     cmd->add_option("--calib", c.calib, "Calibration file (YAML or JSON); the sample module if omitted");
-    cmd->add_option("--device", c.device, "Device type: 1, 4, or 0 for the general module")->default_val(0);
+    cmd->add_option("--device", c.device, "Device type: 1, 4, or 0 for the general module")
+        ->default_val(0)
+        ->check(CLI::IsMember({0, 1, 4}));
 }
 
 ModuleCalibration LoadCalibration(const Common& c)
 {
     return c.calib.empty() ? SampleModule() : ReadCalibration(c.calib);
+}
+
+// A message as one line: line breaks become spaces.
+std::string OneLine(std::string text)
+{
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    while (!text.empty() && text.back() == ' ')
+        text.pop_back();
+    return text;
 }
 
 std::string In(const std::string& folder, const std::string& name) { return (fs::path(folder) / name).string(); }
@@ -141,6 +171,28 @@ private:
     bool tty_;
 };
 
+// The name each capture's outputs start with: its file name without the extension,
+// made unique within the batch (x, x-2, x-3... in the order given), so that captures
+// of the same name from different folders never overwrite each other's outputs.
+std::vector<std::string> OutputStems(const std::vector<std::string>& captures)
+{
+    std::map<std::string, int> count;
+    for (const std::string& path : captures)
+        ++count[fs::path(path).stem().string()];
+    std::set<std::string> taken;
+    std::vector<std::string> stems;
+    for (const std::string& path : captures) {
+        const std::string stem = fs::path(path).stem().string();
+        // A new name never takes another capture's own stem.
+        std::string name = stem;
+        for (int k = 2; taken.count(name) || (name != stem && count.count(name)); ++k)
+            name = stem + "-" + std::to_string(k);
+        taken.insert(name);
+        stems.push_back(name);
+    }
+    return stems;
+}
+
 int RunDepth(const DepthArgs& a)
 {
     const ModuleCalibration cal = LoadCalibration(a.common);
@@ -157,10 +209,7 @@ int RunDepth(const DepthArgs& a)
     // Every input is checked before anything is written.
     std::vector<StreamKind> kinds;
     for (const std::string& path : a.captures) {
-        std::error_code ec;
-        const auto bytes = fs::file_size(path, ec);
-        if (ec)
-            throw ToolError(path + ": cannot read (" + ec.message() + ")");
+        const uint64_t bytes = RegularFileSize(path);
         const std::optional<StreamKind> found = StreamForBytes(bytes);
         if (a.stream == "auto") {
             if (!found)
@@ -174,6 +223,7 @@ int RunDepth(const DepthArgs& a)
             kinds.push_back(k);
         }
     }
+    const std::vector<std::string> stems = OutputStems(a.captures);
     EnsureFolder(a.common.out);
 
     Progress progress(a.captures.size());
@@ -189,7 +239,7 @@ int RunDepth(const DepthArgs& a)
         }
         lib->OpenFilter(filter);
         lib->SetFlipMode(static_cast<qvapi::FlipMode>(a.flip));
-        const std::vector<uint8_t> bytes = ReadFile(a.captures[n]);
+        const std::vector<uint8_t> bytes = ReadFile(a.captures[n], 2 * s.words);
         if (bytes.size() != 2 * s.words)
             throw ToolError(a.captures[n] + ": changed size while reading");
         std::vector<uint16_t> raw(s.words);
@@ -204,7 +254,7 @@ int RunDepth(const DepthArgs& a)
         validPixels += static_cast<size_t>(cv::countNonZero(depth > 1));
         pixels += depth.total();
 
-        const std::string stem = In(a.common.out, fs::path(a.captures[n]).stem().string());
+        const std::string stem = In(a.common.out, stems[n]);
         if (wants("depth"))
             WritePng(stem + "_depth.png", depth);
         if (wants("colour"))
@@ -245,11 +295,11 @@ int RunRegister(const RegisterArgs& a)
     const ModuleCalibration cal = LoadCalibration(a.common);
     if (a.range.size() != 2 || a.range[0] >= a.range[1])
         throw ToolError("--range takes two distances in mm, the smaller first");
-    ReadFile(a.depth);  // a clear message for a missing file
-    const cv::Mat depth = cv::imread(a.depth, cv::IMREAD_UNCHANGED);
+    const std::vector<uint8_t> png = ReadFile(a.depth, kMaxDepthPngBytes);
+    const cv::Mat depth = png.empty() ? cv::Mat() : cv::imdecode(png, cv::IMREAD_UNCHANGED);
     if (depth.empty() || depth.type() != CV_16UC1 || depth.cols != 640 || depth.rows != 480)
         throw ToolError(a.depth + ": expected a 16-bit 640x480 depth PNG");
-    std::vector<uint8_t> nv12 = ReadFile(a.nv12);
+    std::vector<uint8_t> nv12 = ReadFile(a.nv12, 1920u * 1080u * 3u / 2u);
     if (nv12.size() != 1920u * 1080u * 3u / 2u)
         throw ToolError(a.nv12 + ": " + std::to_string(nv12.size()) + " bytes, an NV12 1920x1080 frame has " +
                         std::to_string(1920 * 1080 * 3 / 2));
@@ -317,19 +367,23 @@ int RunInfo(const Common& c)
 
 int main(int argc, char** argv)
 {
+    InstallCleanupHandlers();
     CLI::App app{"qvrecon: time-of-flight captures to depth, IR, point clouds and registered colour"};
     app.require_subcommand(1);
+    std::string version;
+    qvapi::Reconstruction::CreateInstance()->GetAlgorithmVersion(version);
+    app.set_version_flag("--version", "qvrecon " QVRECON_VERSION " (algorithms " + version + ")");
 
     SimulateArgs sim;
     CLI::App* simulate = app.add_subcommand("simulate", "Write a simulated capture of a built-in scene");
     AddCommon(simulate, sim.common, "capture");
     simulate->add_option("--scene", sim.scene, "wall, plane, boxes or sphere")->default_val("boxes");
-    simulate->add_option("--distance", sim.distance, "Scene distance, mm")->default_val(2000);
-    simulate->add_option("--tilt", sim.tilt, "Tilt of the plane scene, degrees")->default_val(35);
+    simulate->add_option("--distance", sim.distance, "Scene distance, mm")->default_val(2000)->check(Within(1, 65535));
+    simulate->add_option("--tilt", sim.tilt, "Tilt of the plane scene, degrees")->default_val(35)->check(Within(-80, 80));
     simulate->add_option("--stream", sim.stream, "single, dual or binned")->default_val("dual");
     simulate->add_option("--flip", sim.flip, "Flip mode 0-3")->default_val(0)->check(CLI::Range(0, 3));
-    simulate->add_option("--temperature", sim.temperature, "Sensor temperature, degrees C")->default_val(25);
-    simulate->add_option("--noise", sim.noise, "Noise per sample, sample units")->default_val(0);
+    simulate->add_option("--temperature", sim.temperature, "Sensor temperature, degrees C")->default_val(25)->check(Within(-40, 125));
+    simulate->add_option("--noise", sim.noise, "Noise per sample, sample units")->default_val(0)->check(Within(0, 1000));
     simulate->add_option("--seed", sim.seed, "Noise seed")->default_val(1);
     simulate->add_flag("--bright", sim.bright, "Add a patch that saturates the sensor");
     simulate->add_flag("--dark", sim.dark, "Add a patch that returns no light");
@@ -341,7 +395,10 @@ int main(int argc, char** argv)
     depth->add_option("--stream", dep.stream, "auto (from the file size), single, dual or binned")->default_val("auto");
     depth->add_option("--filter", dep.filter, "Median and edge filter: on or off")->default_val("on");
     depth->add_option("--flip", dep.flip, "Flip mode 0-3")->default_val(0)->check(CLI::Range(0, 3));
-    depth->add_option("--range", dep.range, "Distance range of the false colour, mm")->expected(2)->default_str("300 4500");
+    depth->add_option("--range", dep.range, "Distance range of the false colour, mm")
+        ->expected(2)
+        ->default_str("300 4500")
+        ->check(CLI::Range(0, 65535));
     depth->add_option("--outputs", dep.outputs, "Outputs to write: depth colour ir ply")->default_str("depth colour ir ply");
 
     RegisterArgs reg;
@@ -349,7 +406,10 @@ int main(int argc, char** argv)
     AddCommon(registerCmd, reg.common, "registered");
     registerCmd->add_option("depth", reg.depth, "16-bit 640x480 depth PNG")->required();
     registerCmd->add_option("nv12", reg.nv12, "1920x1080 NV12 colour frame")->required();
-    registerCmd->add_option("--range", reg.range, "Distance range of the overlay colours, mm")->expected(2)->default_str("300 4500");
+    registerCmd->add_option("--range", reg.range, "Distance range of the overlay colours, mm")
+        ->expected(2)
+        ->default_str("300 4500")
+        ->check(CLI::Range(0, 65535));
 
     Common infoArgs;
     CLI::App* info = app.add_subcommand("info", "Library version, calibration summary and derived constants");
@@ -360,7 +420,20 @@ int main(int argc, char** argv)
     demo->add_option("--out", demoArgs.out, "Output folder, created if missing")->default_val("qvrecon-demo");
     demo->add_option("--calib", demoArgs.calib, "Calibration file; the sample module if omitted");
 
-    CLI11_PARSE(app, argc, argv);
+    // Exit codes: 0 done, 1 a run that failed, 2 a command line that cannot be run.
+    // Every failure is one line on stderr.
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "qvrecon: %s (see qvrecon --help)\n", OneLine(e.what()).c_str());
+        return 2;
+    }
     try {
         if (*simulate)
             return RunSimulate(sim);
@@ -373,7 +446,7 @@ int main(int argc, char** argv)
         if (*demo)
             return RunDemo(demoArgs);
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "qvrecon: %s\n", e.what());
+        std::fprintf(stderr, "qvrecon: %s\n", OneLine(e.what()).c_str());
         return 1;
     }
     return 1;
