@@ -30,8 +30,10 @@ class Tool : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        // One folder per test and process, so that runs side by side never share one.
         dir_ = fs::path(testing::TempDir()) /
-               ("qvrecon_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
+               ("qvrecon_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) + "_" +
+                std::to_string(getpid()));
         fs::remove_all(dir_);
         fs::create_directories(dir_);
     }
