@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "reconstruction_impl.h"
+#include "simd/targets.h"
 #include "sample_calibration.h"
 #include "simulator.h"
 

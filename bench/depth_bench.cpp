@@ -1,7 +1,9 @@
 // Depth: CalculateDepth in every stream, the IR image and the depth filters.
 #include "bench_support.h"
 #include "depth/edge_filter.h"
-#include "depth/fast/depth_fast.h"
+#include "depth/dual_freq.h"
+#include "depth/single_freq.h"
+#include "registration/register_fast.h"
 #include "qvreconstruction/depth_filters.h"
 
 namespace {
@@ -20,7 +22,7 @@ void Run(benchmark::State& state, DepthCase c, bool fast)
 {
     Scene s(c.stream, c.binned);
     s.r->OpenFilter(c.filter);
-    s.r->m_fastPaths = fast;
+    qvapi::SetFastPathsEnabled(fast);
     for (auto _ : state) {
         s.r->m_amplitudeThreshold = 5;  // binned frames halve it on every frame
         uint16_t* depth = nullptr;
@@ -52,7 +54,7 @@ QV_DEPTH_CASE(CalculateDepth_single_unfiltered, STREAM_SINGLE_FREQ, false, false
 void GetIRRun(benchmark::State& state, bool fast)
 {
     Scene s(STREAM_DUAL_FREQ, false);
-    s.r->m_fastPaths = fast;
+    qvapi::SetFastPathsEnabled(fast);
     std::vector<uint16_t> ir(640 * 480);
     for (auto _ : state) {
         s.r->GetIR(s.cap.raw.data(), ir.data(), 640, 480);

@@ -8,7 +8,7 @@
 
 #include <opencv2/core/utility.hpp>
 
-#include "depth/fast/depth_fast.h"
+#include "simd/targets.h"
 
 namespace {
 

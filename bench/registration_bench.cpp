@@ -17,7 +17,7 @@ using qvbench::Scene;
 void GetCloudPointRun(benchmark::State& state, bool fast)
 {
     Scene s(STREAM_DUAL_FREQ, false);
-    s.r->m_fastPaths = fast;
+    qvapi::SetFastPathsEnabled(fast);
     const std::vector<uint16_t> depth = s.Depth();
     std::vector<float> cloud(3 * depth.size());
     for (auto _ : state) {
@@ -29,7 +29,7 @@ void GetCloudPointRun(benchmark::State& state, bool fast)
 void Convert2RGBRun(benchmark::State& state, bool fast)
 {
     Scene s(STREAM_DUAL_FREQ, false);
-    s.r->m_fastPaths = fast;
+    qvapi::SetFastPathsEnabled(fast);
     const std::vector<uint16_t> depth = s.Depth();
     s.r->SetCustomDistanceRange(300, 4000);
     for (auto _ : state) {
@@ -73,7 +73,7 @@ struct Registration {
 void MapDepthToRGBRun(benchmark::State& state, bool fast)
 {
     Registration g;
-    g.s.r->m_fastPaths = fast;
+    qvapi::SetFastPathsEnabled(fast);
     for (auto _ : state) {
         state.PauseTiming();
         uint16_t* depth = new uint16_t[g.depth.size()];

@@ -6,6 +6,7 @@
 
 #include "fuzz_input.h"
 #include "reconstruction_impl.h"
+#include "simd/targets.h"
 #include "sample_calibration.h"
 
 using namespace qvapi;
@@ -66,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     r.SetFlipMode(static_cast<FlipMode>(flip % 6));
     r.OpenFilter(flags & 2);
     r.m_amplitudeThreshold = threshold;
-    r.m_fastPaths = !(flags & 4);
+    qvapi::SetFastPathsEnabled(!(flags & 4));
 
     // A frame of the claimed size (four planes, the largest layout), from the input.
     const size_t pixels = w > 0 && h > 0 ? size_t(w) * h : 0;

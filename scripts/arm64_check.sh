@@ -15,16 +15,21 @@ fi
 out=${BUILD_DIR:-build}/arm64
 mkdir -p "$out"
 flags=(-std=c++17 -O3 -Wall -Wextra -ffp-contract=off -fno-trapping-math -Iinclude -Isrc)
-aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -ffp-contract=fast -c src/depth/fast/depth_fast.cpp -o "$out/depth_fast.o"
-aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/depth/fast/median3.cpp -o "$out/median3.o"
-aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/registration/median5.cpp -o "$out/median5.o"
-aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/registration/project_row.cpp -o "$out/project_row.o"
-aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/depth/fast/point_cloud_span.cpp -o "$out/point_cloud_span.o"
-aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/colour/false_colour_span.cpp -o "$out/false_colour_span.o"
-aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline -c src/depth/fast/ir_rows.cpp -o "$out/ir_rows.o"
+kernels=(src/depth/dual_freq_kernel.cpp src/depth/single_freq_kernel.cpp src/depth/edge_filter_kernel.cpp
+         src/depth/median3_kernel.cpp src/depth/ir_kernel.cpp src/depth/point_cloud_kernel.cpp
+         src/colour/false_colour_kernel.cpp src/registration/median5_kernel.cpp
+         src/registration/project_row_kernel.cpp)
+objects=()
+for k in "${kernels[@]}"; do
+  o="$out/$(basename "$k" .cpp).o"
+  extra=()
+  case "$k" in *dual_freq_kernel.cpp|*single_freq_kernel.cpp) extra=(-ffp-contract=fast) ;; esac
+  aarch64-linux-gnu-g++ "${flags[@]}" -DQV_KERNEL_NS=baseline "${extra[@]}" -c "$k" -o "$o"
+  objects+=("$o")
+done
 aarch64-linux-gnu-g++ "${flags[@]}" -static -o "$out/kernel_parity" tests/arm64/kernel_parity_main.cpp \
-  "$out/depth_fast.o" "$out/median3.o" "$out/median5.o" "$out/project_row.o" "$out/point_cloud_span.o" "$out/false_colour_span.o" "$out/ir_rows.o" \
-  src/depth/fast/depth_fast_dispatch.cpp src/depth/point_cloud.cpp src/colour/false_colour.cpp src/depth/ir.cpp src/depth/single_freq.cpp \
-  src/depth/dual_freq.cpp src/depth/edge_filter.cpp
+  "${objects[@]}" src/simd/targets.cpp src/depth/amplitude.cpp src/depth/point_cloud.cpp \
+  src/colour/false_colour.cpp src/depth/ir.cpp src/depth/single_freq.cpp src/depth/dual_freq.cpp \
+  src/depth/edge_filter.cpp src/registration/registration_kernels.cpp
 file "$out/kernel_parity" | sed 's/,.*//'
 qemu-aarch64 "$out/kernel_parity"

@@ -11,20 +11,19 @@
 #include "calibration/default_calibration.h"
 #include "calibration/rectify_map.h"
 #include "calibration/undistort.h"
+#include "colour/false_colour.h"
+#include "common/numeric.h"
+#include "depth/depth_filter.h"
+#include "qvreconstruction/depth_filters.h"
 #include "depth/dual_freq.h"
-#include "depth/edge_filter.h"
-#include "depth/fast/depth_fast.h"
 #include "depth/ir.h"
-#include "depth/single_freq.h"
 #include "depth/point_cloud.h"
+#include "depth/single_freq.h"
 #include "depth/temperature.h"
 #include "depth/temperature_log.h"
-#include "colour/false_colour.h"
 #include "files/depth_files.h"
 #include "registration/map_depth_to_rgb.h"
-#include "common/numeric.h"
 #include "registration/rgbd_geometry.h"
-#include "registration/register_fast.h"
 
 namespace qvapi {
 
@@ -45,7 +44,7 @@ Reconstruction* Reconstruction::CreateInstance()
     return instance;
 }
 
-ReconstructionImpl::ReconstructionImpl() : m_fastPaths(FastPathsEnabled()) {}
+ReconstructionImpl::ReconstructionImpl() = default;
 
 // ---------------------------------------------------------------- version
 
@@ -152,9 +151,7 @@ void ReconstructionImpl::ReleaseBuffers()
     m_fppnOffsetHalf.reset();
     m_fppnOffset2Half.reset();
     m_radialToZHalf.reset();
-    m_colorCopyRuns = std::vector<CopyRun>();
-    m_registrationBgr = std::vector<uint8_t>();
-    m_registrationLanded = std::vector<uint16_t>();
+    m_registration.Release();
     m_freqParam[0] = FrequencyParam{};
     m_freqParam[1] = FrequencyParam{};
     for (int f = 0; f < 2; ++f)
@@ -316,11 +313,7 @@ void ReconstructionImpl::GetRgbdRt()
     m_depthUndistortMapY = g.depthMapY;
     m_colorUndistortMapX = g.colorMapX;
     m_colorUndistortMapY = g.colorMapY;
-    // The colour map's nearest source pixels as runs of consecutive pixels, once per
-    // Init: the fast registration copies runs without rounding floats on every frame.
-    cv::Mat nearest, unused;
-    cv::convertMaps(m_colorUndistortMapX, m_colorUndistortMapY, nearest, unused, CV_16SC2, true);
-    m_colorCopyRuns = NearestCopyRuns(nearest, kColourWidth, kColourHeight);
+    m_registration.Prepare(m_colorUndistortMapX, m_colorUndistortMapY);
 }
 
 // ---------------------------------------------------------------- depth
@@ -384,22 +377,8 @@ int32_t ReconstructionImpl::CalculateDepth(const uint16_t* raw, uint16_t** depth
     }
     // The filters work on the caller's image alone.
     if (m_filterOn)
-        FilterDepth(*depth, width, height);
+        FilterDepthFrame(*depth, width, height);
     return STATUS_OK;
-}
-
-void ReconstructionImpl::FilterDepth(uint16_t* depth, int width, int height)
-{
-    if (m_fastPaths) {
-        MedianBlur3x3InPlace(depth, width, height);
-        EdgeFilterFast(depth, width, height);
-        return;
-    }
-    cv::Mat view(height, width, CV_16UC1, depth);
-    cv::Mat median(height, width, CV_16UC1, cv::Scalar(0));
-    cv::medianBlur(view, median, 3);
-    median.copyTo(view);
-    EdgeFilter(depth, width, height);
 }
 
 int32_t ReconstructionImpl::DoubleFreqDepth(const uint16_t* frame1, const uint16_t* /*frame2*/,
@@ -429,11 +408,7 @@ int ReconstructionImpl::GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth,
     const SingleFreqParams params{f.phaseToMm,  f.depthOffset, f.rangeMm,
                                   f.tableStep,  f.tableCount,  f.table,
                                   m_amplitudeThreshold, m_deviceType != DEVICE_TYPE_4};
-    if (m_fastPaths && FastSingleFreqApplies(params, width, m_width))
-        SingleFreqDepthFast(raw, depth, width, height, params, m_fppnOffset.get(), m_radialToZ.get());
-    else
-        SingleFreqDepth(raw, depth, width, height, m_width, params, m_fppnOffset.get(),
-                        m_radialToZ.get());
+    ConvertSingleFreq(raw, depth, width, height, m_width, params, m_fppnOffset.get(), m_radialToZ.get());
     return 0;
 }
 
@@ -466,12 +441,8 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
                                 m_deviceType != DEVICE_TYPE_4,      m_flipMode.load(),
                                 m_binning};
     DualFreqLast last{m_lastDistance1, m_lastDistance2};
-    if (m_fastPaths && FastDualFreqApplies(params))
-        DualFreqDepthFast(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
-                          m_radialToZ.get(), last);
-    else
-        DualFreqDepth(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
-                      m_radialToZ.get(), last);
+    ConvertDualFreq(raw, *depth, width, height, params, m_fppnOffset.get(), m_fppnOffset2.get(),
+                    m_radialToZ.get(), last);
     m_lastDistance1 = last.distance1;
     m_lastDistance2 = last.distance2;
     return STATUS_OK;
@@ -484,10 +455,7 @@ int32_t ReconstructionImpl::GetIR(const uint16_t* raw, uint16_t* image, int32_t 
     if (raw == nullptr || image == nullptr || width <= 0 || height <= 0 ||
         width > kMaxFrameWidth || height > kMaxFrameHeight)
         return STATUS_INVALID_ARGUMENT;
-    if (m_fastPaths)
-        InfraredImageFast(raw, image, width, height);
-    else
-        InfraredImage(raw, image, width, height);
+    MakeInfraredImage(raw, image, width, height);
     return STATUS_OK;
 }
 
@@ -515,10 +483,7 @@ int32_t ReconstructionImpl::GetCloudPoint(const uint16_t* depth, float* points, 
     const int cut = PointCloudCut(m_tablesReduced ? m_tableBinning : scale, m_tablesReduced);
     const float* rayX = colour ? m_rgbRayX.get() : m_rectifyMapX.get();
     const float* rayY = colour ? m_rgbRayY.get() : m_rectifyMapY.get();
-    if (m_fastPaths)
-        PointCloudRows(depth, width, height, scale, cut, rayX, rayY, points);
-    else
-        PointCloud(depth, width, height, scale, cut, rayX, rayY, points);
+    MakePointCloud(depth, width, height, scale, cut, rayX, rayY, points);
     return STATUS_OK;
 }
 
@@ -534,10 +499,7 @@ void ReconstructionImpl::Convert2RGB(uint8_t** image, uint16_t* depth, int32_t w
     GetCustomDistanceRange(lo, hi);
     const size_t n = static_cast<size_t>(width) * height;
     *image = new uint8_t[3 * n];
-    if (m_fastPaths)
-        FalseColourFast(depth, n, lo, hi, *image);
-    else
-        FalseColour(depth, n, lo, hi, *image);
+    PaintFalseColour(depth, n, lo, hi, *image);
 }
 
 void ReconstructionImpl::GetColorBar(uint8_t** bar, int& count)
@@ -582,74 +544,15 @@ int32_t ReconstructionImpl::MapDepthToRGB(uint8_t** image, uint16_t** depth, uin
     const size_t n = static_cast<size_t>(colorWidth) * colorHeight;
     std::unique_ptr<uint8_t[]> colourOut(new uint8_t[3 * n]);
     std::unique_ptr<uint16_t[]> depthOut(new uint16_t[n]);
-    const cv::Mat yuv(colorHeight * 3 / 2, colorWidth, CV_8UC1, nv12);
-    cv::Mat registered(colorHeight, colorWidth, CV_16UC1, depthOut.get());
-    if (m_fastPaths)
-        RegisterFast(yuv, *depth, colourOut.get(), registered);
-    else
-        RegisterReference(yuv, *depth, colourOut.get(), registered);
+    m_registration.Register(nv12, colorWidth, colorHeight, *depth, m_rectifyMapX.get(),
+                            m_rectifyMapY.get(), MakeRegistrationParams(m_workParam), colourOut.get(),
+                            depthOut.get());
     delete[] *depth;
     *depth = depthOut.release();
     *image = colourOut.release();
     width = colorWidth;
     height = colorHeight;
     return STATUS_OK;
-}
-
-void ReconstructionImpl::RegisterReference(const cv::Mat& yuv, const uint16_t* depth,
-                                           uint8_t* colourOut, cv::Mat& registered)
-{
-    cv::Mat bgr, undistorted;
-    cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
-    cv::remap(bgr, undistorted, m_colorUndistortMapX, m_colorUndistortMapY, cv::INTER_NEAREST,
-              cv::BORDER_CONSTANT, cv::Scalar(0));
-    cv::Mat landed(registered.size(), CV_16UC1, cv::Scalar(0)), filtered;
-    ProjectDepthToColour(depth, m_rectifyMapX.get(), m_rectifyMapY.get(),
-                         MakeRegistrationParams(m_workParam),
-                         reinterpret_cast<uint16_t*>(landed.data), landed.cols, landed.rows);
-    cv::medianBlur(landed, filtered, 5);
-    std::memcpy(colourOut, undistorted.data, undistorted.total() * undistorted.elemSize());
-    filtered.copyTo(registered);
-}
-
-void ReconstructionImpl::RegisterFast(const cv::Mat& yuv, const uint16_t* depth,
-                                      uint8_t* colourOut, cv::Mat& registered)
-{
-    const size_t n = registered.total();
-    // The BGR image is followed by the 64 readable bytes the run copy needs; the
-    // landed depth is zero between calls.
-    if (m_registrationBgr.size() != 3 * n + 64)
-        m_registrationBgr.assign(3 * n + 64, 0);
-    if (m_registrationLanded.size() != n)
-        m_registrationLanded.assign(n, 0);
-    cv::Mat bgr(registered.size(), CV_8UC3, m_registrationBgr.data());
-    cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
-    CV_Assert(bgr.data == m_registrationBgr.data());
-    RemapByRuns(bgr.data, m_colorCopyRuns.data(), m_colorCopyRuns.size(), colourOut, n);
-
-    cv::Mat landed(registered.size(), CV_16UC1, m_registrationLanded.data());
-    int32_t rows[2 * 640];
-    // Cleared on every way out, so the next call starts from zero.
-    struct Clear {
-        std::vector<uint16_t>& v;
-        ptrdiff_t width;
-        LandingBounds b;
-        bool all = true;
-        ~Clear()
-        {
-            if (all)
-                std::fill(v.begin(), v.end(), 0);
-            else
-                for (int y = b.top; y <= b.bottom; ++y)
-                    std::fill_n(v.begin() + y * width + b.left,
-                                b.right - b.left + 1, 0);
-        }
-    } clear{m_registrationLanded, landed.cols, {}};
-    clear.b = ProjectDepthToColourFast(depth, m_rectifyMapX.get(), m_rectifyMapY.get(),
-                                       MakeRegistrationParams(m_workParam),
-                                       m_registrationLanded.data(), landed.cols, landed.rows, rows);
-    clear.all = false;
-    MedianOverLandings(landed, clear.b, registered);
 }
 
 // ---------------------------------------------------------------- post-filters and recorder

@@ -16,7 +16,7 @@
 #include "calibration/lens_model.h"
 #include "frequency_param.h"
 #include "qvreconstruction/reconstruction.h"
-#include "registration/register_fast.h"
+#include "registration/registration.h"
 
 namespace qvapi {
 
@@ -116,10 +116,6 @@ public:
     DeviceType m_deviceType = DEVICE_GENERIC;
     StreamType m_streamType = STREAM_DUAL_FREQ;
 
-    // Whether frame operations use the vectorised kernels (false runs the scalar
-    // reference kernels; always false in a build with QV_FORCE_SCALAR).
-    bool m_fastPaths;
-
     int32_t m_amplitudeThreshold = 5;
     int32_t m_madThreshold = 15;
     // Kept from the original configuration; no operation reads it.
@@ -143,13 +139,8 @@ public:
     float m_depthToColorMatrix[16] = {};
     cv::Mat m_depthUndistortMapX, m_depthUndistortMapY;
     cv::Mat m_colorUndistortMapX, m_colorUndistortMapY;
-    // The undistortion of the colour image as runs of consecutive source pixels.
-    std::vector<CopyRun> m_colorCopyRuns;
-    // Working images of the fast registration, kept between calls: the BGR colour
-    // with the 64 readable bytes the run copy needs after it, and the landed depth
-    // (all zero between calls).
-    std::vector<uint8_t> m_registrationBgr;
-    std::vector<uint16_t> m_registrationLanded;
+    // Registration onto the colour camera, with its workspace (prepared by Init).
+    Registration m_registration;
     int16_t m_centerDepth = 0;
     int32_t m_plyFileCounter = 0;
 
@@ -176,12 +167,6 @@ public:
 
 private:
     std::mutex m_rangeMutex;
-    // The two ways of registering a depth frame onto the colour camera, writing the
-    // undistorted colour and the filtered registered depth into the caller's buffers.
-    void RegisterReference(const cv::Mat& yuv, const uint16_t* depth, uint8_t* colourOut,
-                           cv::Mat& registered);
-    void RegisterFast(const cv::Mat& yuv, const uint16_t* depth, uint8_t* colourOut,
-                      cv::Mat& registered);
     // Frees every table and resets the frequency sets; the caller holds the lock.
     void ReleaseBuffers();
     // Init's work once the lock is held and the previous tables are gone.
@@ -193,8 +178,6 @@ private:
     // Frame sizes the tables of the last Init can serve.
     int32_t CheckSingleFreqFrame(int width, int height) const;
     int32_t CheckDualFreqFrame(int width, int height) const;
-    // 3 x 3 median, then the edge filter.
-    void FilterDepth(uint16_t* depth, int width, int height);
 };
 
 }  // namespace qvapi

@@ -11,10 +11,11 @@
 #include <opencv2/imgproc.hpp>
 
 #include "colour/false_colour.h"
+#include "depth/amplitude.h"
 #include "depth/dual_freq.h"
 #include "depth/point_cloud.h"
 #include "depth/edge_filter.h"
-#include "depth/fast/depth_fast.h"
+#include "simd/targets.h"
 #include "depth/ir.h"
 #include "depth/single_freq.h"
 #include "registration/register_fast.h"
@@ -329,7 +330,7 @@ TEST(Parity, RegistrationKernels)
         }
     }
     // The instance's map keeps most neighbours together (what makes the copy fast).
-    EXPECT_LT(in.r->m_colorCopyRuns.size(), 1920u * 1080u / 4);
+    EXPECT_LT(in.r->m_registration.RunCount(), 1920u * 1080u / 4);
 
     // Projection and median, against the plain loop and a median over the whole image,
     // for dense, sparse, single-pixel and empty frames, and a geometry that folds every
@@ -420,8 +421,9 @@ TEST(Parity, WholeOperationsWithAndWithoutFastPaths)
     std::vector<uint8_t> colour[2], registered[2];
     const std::vector<uint8_t> nv12 = qvsim::RenderColour(in.r->m_secondParam, scene).nv12;
     Differences diff;
+    const bool built = FastPathsEnabled();
     for (int fast = 0; fast < 2; ++fast) {
-        in.r->m_fastPaths = fast == 1;
+        SetFastPathsEnabled(fast == 1);
         uint16_t* d = nullptr;
         ASSERT_EQ(in.r->CalculateDepth(cap.raw.data(), &d, 640, 480), 0);
         depth[fast].assign(d, d + 640 * 480);
@@ -443,6 +445,7 @@ TEST(Parity, WholeOperationsWithAndWithoutFastPaths)
         delete[] rgb;
         delete[] d;
     }
+    SetFastPathsEnabled(built);
     diff.Add(depth[0].data(), depth[1].data(), depth[0].size());
     // The 3 x 3 median hands each converter difference on to up to eight neighbours.
     diff.Check("CalculateDepth, filters on", 9e-4);

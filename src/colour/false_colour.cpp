@@ -3,9 +3,12 @@
 #include <algorithm>
 
 #include "common/numeric.h"
-#include "depth/fast/depth_fast.h"
+#include "simd/targets.h"
 
 namespace qvapi {
+
+QV_PER_TARGET(void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRamp& ramp,
+                                         uint8_t* rgb);)
 
 int32_t FalseColourLevel(int32_t d, int32_t lo, int32_t hi)
 {
@@ -66,6 +69,27 @@ bool MakeFalseColourRamp(int32_t lo, int32_t hi, FalseColourRamp& ramp)
     ramp.whole = 1021 / range;
     ramp.fraction = static_cast<uint32_t>((uint64_t(1021 % range) << 32) / range);
     return true;
+}
+
+void FalseColourSpan(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb)
+{
+#if defined(QV_HAVE_AVX512_KERNELS)
+    // The AVX-512 colouring interleaves its bytes with VBMI's byte permutes; AVX-512
+    // processors without them take the AVX2 kernel.
+    if (ChosenTarget() == Target::Avx512 && !HasAvx512Vbmi()) {
+        avx2::FalseColourSpanKernel(depth, n, ramp, rgb);
+        return;
+    }
+#endif
+    QV_DISPATCH(FalseColourSpanKernel)(depth, n, ramp, rgb);
+}
+
+void PaintFalseColour(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_t* rgb)
+{
+    if (FastPathsEnabled())
+        FalseColourFast(depth, n, lo, hi, rgb);
+    else
+        FalseColour(depth, n, lo, hi, rgb);
 }
 
 void FalseColourFast(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_t* rgb)

@@ -32,6 +32,13 @@ bool MakeFalseColourRamp(int32_t lo, int32_t hi, FalseColourRamp& ramp);
 // The level 0..1021 of a depth in [lo, hi] (clamped), INT32_MIN for an empty range.
 int32_t FalseColourLevel(int32_t d, int32_t lo, int32_t hi);
 
+// The false colours of depth[0..n) for a range MakeFalseColourRamp accepted, as
+// FalseColour paints them, with the vector kernel of the running processor.
+void FalseColourSpan(const uint16_t* depth, size_t n, const FalseColourRamp& ramp, uint8_t* rgb);
+
+// The operation: FalseColourFast (FalseColour in a forced-scalar build).
+void PaintFalseColour(const uint16_t* depth, size_t n, int32_t lo, int32_t hi, uint8_t* rgb);
+
 }  // namespace qvapi
 
 #endif

@@ -5,11 +5,20 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <vector>
+
 #include "common/numeric.h"
+#include "depth/amplitude.h"
 #include "depth/temperature.h"
 #include "depth/wiggling.h"
+#include "simd/targets.h"
 
 namespace qvapi {
+
+QV_PER_TARGET(void DualFreqDepthRows(const uint16_t* raw, uint16_t* depth, int width, int height,
+                                     const DualFreqParams& p, const float* fppn1, const float* fppn2,
+                                     const float* radialToZ, float comp1, float comp2, float minEnergy,
+                                     float* scratch, DualFreqLast& last);)
 namespace {
 
 constexpr uint16_t kSaturated = 1023;
@@ -167,6 +176,40 @@ void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
             out = std::fabs(disagreement) > 200.0f ? 0 : TruncToU16Bits(z);
         }
     }
+}
+
+bool FastDualFreqApplies(const DualFreqParams& p)
+{
+    // Ranges below 2^24 are exact in float, as the vector unwrapping needs.
+    constexpr int32_t kExactFloatRange = 1 << 24;
+    return p.frequency1 != p.frequency2 && p.flipMode >= 0 && p.flipMode <= 3 &&
+           (p.binning == 1 || p.binning == 2) && MinValidEnergy(p.amplitudeThreshold) <= kExactFloatEnergy &&
+           p.range1 > -kExactFloatRange && p.range1 < kExactFloatRange && p.range2 > -kExactFloatRange &&
+           p.range2 < kExactFloatRange;
+}
+
+void DualFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int height,
+                       const DualFreqParams& p, const float* fppn1, const float* fppn2,
+                       const float* radialToZ, DualFreqLast& last)
+{
+    float comp1, comp2;
+    if (!DualFreqPrepare(raw, depth, width, height, p, comp1, comp2))
+        return;
+    const float minEnergy = static_cast<float>(MinValidEnergy(p.amplitudeThreshold));
+    // Row scratch of the kernels: 13 rows of 32-bit values (two of them integers).
+    std::vector<float> scratch(13 * static_cast<size_t>(width));
+    QV_DISPATCH(DualFreqDepthRows)(raw, depth, width, height, p, fppn1, fppn2, radialToZ, comp1, comp2,
+                                   minEnergy, scratch.data(), last);
+}
+
+void ConvertDualFreq(const uint16_t* raw, uint16_t* depth, int width, int height,
+                     const DualFreqParams& p, const float* fppn1, const float* fppn2,
+                     const float* radialToZ, DualFreqLast& last)
+{
+    if (FastPathsEnabled() && FastDualFreqApplies(p))
+        DualFreqDepthFast(raw, depth, width, height, p, fppn1, fppn2, radialToZ, last);
+    else
+        DualFreqDepth(raw, depth, width, height, p, fppn1, fppn2, radialToZ, last);
 }
 
 }  // namespace qvapi

@@ -3,8 +3,14 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <vector>
+
+#include "simd/targets.h"
 
 namespace qvapi {
+
+QV_PER_TARGET(bool EdgeFilterRows(uint16_t* depth, int width, int height);
+              void Median3x3InPlace(uint16_t* img, int width, int height, uint16_t* scratch);)
 
 void EdgeFilter(uint16_t* depth, int width, int height)
 {
@@ -32,6 +38,23 @@ void EdgeFilter(uint16_t* depth, int width, int height)
     const int firstZeroRow = blockRows > 0 ? blockRows : 0;
     std::memset(depth + static_cast<size_t>(firstZeroRow) * width, 0,
                 sizeof(uint16_t) * static_cast<size_t>(height - firstZeroRow) * width);
+}
+
+void EdgeFilterFast(uint16_t* depth, int width, int height)
+{
+    if (depth == nullptr || width <= 0 || height <= 2)
+        return EdgeFilter(depth, width, height);
+    const bool done = QV_DISPATCH(EdgeFilterRows)(depth, width, height);
+    if (!done)
+        EdgeFilter(depth, width, height);
+}
+
+void MedianBlur3x3InPlace(uint16_t* img, int width, int height)
+{
+    if (img == nullptr || width <= 0 || height <= 0)
+        return;
+    std::vector<uint16_t> scratch(4 * (static_cast<size_t>(width) + 2));
+    QV_DISPATCH(Median3x3InPlace)(img, width, height, scratch.data());
 }
 
 }  // namespace qvapi

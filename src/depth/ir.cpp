@@ -2,7 +2,11 @@
 
 #include <cstddef>
 
+#include "simd/targets.h"
+
 namespace qvapi {
+
+QV_PER_TARGET(void InfraredRows(const uint16_t* raw, uint16_t* ir, int width, int height);)
 
 void InfraredImage(const uint16_t* raw, uint16_t* ir, int width, int height)
 {
@@ -16,6 +20,19 @@ void InfraredImage(const uint16_t* raw, uint16_t* ir, int width, int height)
             out[c] = static_cast<uint16_t>(mean > 255 ? 255 : mean);
         }
     }
+}
+
+void InfraredImageFast(const uint16_t* raw, uint16_t* ir, int width, int height)
+{
+    QV_DISPATCH(InfraredRows)(raw, ir, width, height);
+}
+
+void MakeInfraredImage(const uint16_t* raw, uint16_t* ir, int width, int height)
+{
+    if (FastPathsEnabled())
+        InfraredImageFast(raw, ir, width, height);
+    else
+        InfraredImage(raw, ir, width, height);
 }
 
 }  // namespace qvapi

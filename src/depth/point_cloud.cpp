@@ -3,9 +3,26 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "depth/fast/depth_fast.h"
+#include "simd/targets.h"
 
 namespace qvapi {
+
+QV_PER_TARGET(void PointCloudSpanKernel(const uint16_t* depth, const float* rayX, const float* rayY,
+                                        int count, float* out);)
+
+void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY, int count, float* out)
+{
+    QV_DISPATCH(PointCloudSpanKernel)(depth, rayX, rayY, count, out);
+}
+
+void MakePointCloud(const uint16_t* depth, int width, int height, int binning, int cut,
+                    const float* rayX, const float* rayY, float* cloud)
+{
+    if (FastPathsEnabled())
+        PointCloudRows(depth, width, height, binning, cut, rayX, rayY, cloud);
+    else
+        PointCloud(depth, width, height, binning, cut, rayX, rayY, cloud);
+}
 
 void PointCloud(const uint16_t* depth, int width, int height, int binning, int cut,
                 const float* rayX, const float* rayY, float* cloud)

@@ -45,6 +45,14 @@ void PointCloud(const uint16_t* depth, int width, int height, int binning, int c
 void PointCloudRows(const uint16_t* depth, int width, int height, int binning, int cut,
                     const float* rayX, const float* rayY, float* cloud);
 
+// Points (rayX[c] * z, rayY[c] * z, z) of depth z = depth[c], c in [0, count), into
+// out[3 c] .. out[3 c + 2], with the vector kernel of the running processor.
+void PointCloudSpan(const uint16_t* depth, const float* rayX, const float* rayY, int count, float* out);
+
+// The operation: PointCloudRows (PointCloud in a forced-scalar build).
+void MakePointCloud(const uint16_t* depth, int width, int height, int binning, int cut,
+                    const float* rayX, const float* rayY, float* cloud);
+
 }  // namespace qvapi
 
 #endif

@@ -4,10 +4,17 @@
 #include <cstddef>
 
 #include "common/numeric.h"
+#include "depth/amplitude.h"
 #include "depth/temperature.h"
 #include "depth/wiggling.h"
+#include "simd/targets.h"
 
 namespace qvapi {
+
+QV_PER_TARGET(void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int height,
+                                        const SingleFreqParams& p, const float* fppnOffset,
+                                        const float* radialToZ, float halfRangeMinusComp,
+                                        float minEnergy);)
 
 void SingleFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
                      int invalidStride, const SingleFreqParams& p, const float* fppnOffset,
@@ -47,6 +54,34 @@ void SingleFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height
             depth[i] = TruncToU16Bits(d * radialToZ[i]);
         }
     }
+}
+
+bool FastSingleFreqApplies(const SingleFreqParams& p, int width, int invalidStride)
+{
+    return invalidStride == width && MinValidEnergy(p.amplitudeThreshold) <= kExactFloatEnergy;
+}
+
+void SingleFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int height,
+                         const SingleFreqParams& p, const float* fppnOffset, const float* radialToZ)
+{
+    float comp = 0.0f;
+    if (p.temperatureCompensation)
+        comp = SingleFreqDrift(SensorTemperature(raw)) * p.phaseToMm;
+    if (height < 1)
+        return;
+    const float half = static_cast<float>(p.rangeMm * 0.5 - comp);
+    const float minEnergy = static_cast<float>(MinValidEnergy(p.amplitudeThreshold));
+    QV_DISPATCH(SingleFreqDepthFrame)(raw, depth, width, height, p, fppnOffset, radialToZ, half, minEnergy);
+}
+
+void ConvertSingleFreq(const uint16_t* raw, uint16_t* depth, int width, int height,
+                       int invalidStride, const SingleFreqParams& p, const float* fppnOffset,
+                       const float* radialToZ)
+{
+    if (FastPathsEnabled() && FastSingleFreqApplies(p, width, invalidStride))
+        SingleFreqDepthFast(raw, depth, width, height, p, fppnOffset, radialToZ);
+    else
+        SingleFreqDepth(raw, depth, width, height, invalidStride, p, fppnOffset, radialToZ);
 }
 
 }  // namespace qvapi

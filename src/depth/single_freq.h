@@ -25,6 +25,19 @@ void SingleFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height
                      int invalidStride, const SingleFreqParams& p, const float* fppnOffset,
                      const float* radialToZ);
 
+// The same with the vector kernel of the running processor, for parameters
+// FastSingleFreqApplies accepts. Depth may differ by 1 mm where a value lies within
+// about 1e-4 mm of an integer (the arctangent is a polynomial); 0 never differs.
+bool FastSingleFreqApplies(const SingleFreqParams& p, int width, int invalidStride);
+void SingleFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int height,
+                         const SingleFreqParams& p, const float* fppnOffset,
+                         const float* radialToZ);
+
+// The operation: the vector kernel where it applies, else the plain one.
+void ConvertSingleFreq(const uint16_t* raw, uint16_t* depth, int width, int height,
+                       int invalidStride, const SingleFreqParams& p, const float* fppnOffset,
+                       const float* radialToZ);
+
 }  // namespace qvapi
 
 #endif

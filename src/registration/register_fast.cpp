@@ -4,9 +4,10 @@
 #include <climits>
 #include <cstring>
 
-#include "depth/fast/depth_fast.h"
+#include "registration/registration_kernels.h"
 
 namespace qvapi {
+
 namespace {
 
 constexpr int kDepthWidth = 640;

@@ -14,6 +14,7 @@
 #include <opencv2/core.hpp>
 
 #include "registration/map_depth_to_rgb.h"
+#include "registration/registration_kernels.h"
 
 namespace qvapi {
 

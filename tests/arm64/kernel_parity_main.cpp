@@ -10,10 +10,11 @@
 #include "colour/false_colour.h"
 #include "depth/dual_freq.h"
 #include "depth/edge_filter.h"
-#include "depth/fast/depth_fast.h"
+#include "simd/targets.h"
 #include "depth/ir.h"
 #include "depth/point_cloud.h"
 #include "depth/single_freq.h"
+#include "registration/registration_kernels.h"
 
 using namespace qvapi;
 

@@ -1,4 +1,4 @@
-// The infrared image, compiled once per instruction set like depth_fast.cpp into the
+// The infrared image, compiled once per target (see simd/targets.h) into the
 // namespace QV_KERNEL_NS. Each pixel's two samples of a sub-row are adjacent words, so
 // one 32-bit load holds both and the vectoriser adds its halves with shifts and masks
 // (the word-by-word form became shuffles of every other word).
@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "depth/fast/kernel.h"
+#include "simd/kernel.h"
 
 namespace qvapi {
 namespace QV_KERNEL_NS {

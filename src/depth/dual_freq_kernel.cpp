@@ -1,13 +1,12 @@
-// Vectorisable depth kernels. This file is compiled once per instruction set, each time
-// into its own namespace QV_KERNEL_NS; depth_fast_dispatch.cpp chooses between them.
+// The dual-frequency converter's kernel, compiled once per target (see simd/targets.h).
 //
 // Every loop here is branch-free (selects instead of jumps), calls no library
 // function and allocates nothing, so that the compiler turns it into vector code; the
-// dual-frequency distance row, whose table look-ups the compiler can only emulate, is
-// written with intrinsics for AVX2 and AVX-512. The arithmetic follows the scalar
-// kernels step by step; the differences are the polynomial arctangent, single
-// precision where the scalar kernels round through double, fused multiply-adds, and
-// the amplitude test done on integer energies (exact).
+// distance row, whose table look-ups the compiler can only emulate, is written with
+// intrinsics for AVX2 and AVX-512. The arithmetic follows DualFreqDepth step by step;
+// the differences are the polynomial arctangent, single precision where the plain
+// kernel rounds through double, fused multiply-adds, and the amplitude test done on
+// integer energies (exact).
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -15,94 +14,12 @@
 #include <cstdint>
 #include <cstring>
 
-#include "depth/fast/kernel.h"
 #include "depth/dual_freq.h"
-#include "depth/single_freq.h"
+#include "depth/kernel_math.h"
 
 namespace qvapi {
 namespace QV_KERNEL_NS {
 namespace {
-
-constexpr float kPi = 3.14159265358979f;
-constexpr float kHalfPi = 1.57079632679490f;
-constexpr float kQuarterPi = 0.78539816339745f;
-
-// atan(u) = u + u s P(s), s = u^2, on |u| <= tan(pi/8): P fitted by weighted least
-// squares on Chebyshev nodes; 1.7e-10 rad in exact arithmetic, 1.9e-8 in float (the
-// rounding of the result itself).
-constexpr float kAtanCoef[5] = {-3.3333301544e-01f, 1.9997815788e-01f, -1.4233340323e-01f,
-                                1.0528951138e-01f, -5.9327166528e-02f};
-
-// atan2 within about 1e-7 rad: atan on [0, 1], reduced to |u| <= tan(pi/8) by
-// atan(t) = pi/4 + atan((t - 1) / (t + 1)) above tan(pi/8) (formed from lo and hi
-// directly, so one division serves both cases), where the degree-11 odd polynomial
-// above is below float resolution; then folded into the four quadrants. Exact for the common exact cases: atan2(0, 0) = 0,
-// atan2(0, x < 0) = pi (integer differences give +0), and |y| = |x| (pi/4 multiples).
-inline float Atan2(float y, float x)
-{
-    const float ax = std::fabs(x), ay = std::fabs(y);
-    const float hi = ax > ay ? ax : ay;
-    const float lo = ax > ay ? ay : ax;
-    // One division: above tan(pi/8), u = (t - 1) / (t + 1) = (lo - hi) / (lo + hi).
-    const bool reduce = lo > 0.41421356f * hi;
-    const float num = reduce ? lo - hi : lo;
-    const float den = reduce ? lo + hi : std::max(hi, 1.0e-30f);  // 0 / 0 would be NaN; lo is 0 then
-    const float u = num / den;
-    const float s = u * u;
-    float p = kAtanCoef[4];
-    p = p * s + kAtanCoef[3];
-    p = p * s + kAtanCoef[2];
-    p = p * s + kAtanCoef[1];
-    p = p * s + kAtanCoef[0];
-    const float atanU = u + u * s * p;
-    float a = reduce ? kQuarterPi + atanU : atanU;
-    a = ay > ax ? kHalfPi - a : a;
-    a = x < 0.0f ? kPi - a : a;
-    return y < 0.0f ? -a : a;
-}
-
-inline float Wrap(float d, float range)
-{
-    d = d < 0.0f ? d + range : d;
-    return d > range ? d - range : d;
-}
-
-// Truncation toward zero of a value kept within +-2^30 (NaN gives 0), as float.
-inline float Trunc(float v)
-{
-    v = v > -1.0e9f ? v : -1.0e9f;  // NaN takes this side
-    v = v < 1.0e9f ? v : 1.0e9f;
-    return static_cast<float>(static_cast<int32_t>(v));
-}
-
-// Low 16 bits of the truncation toward zero; 0 for NaN and beyond the int32 range
-// (-2^31 included, as in the plain kernels).
-inline int32_t TruncLow16(float v)
-{
-    const bool inRange = (v > -2147483648.0f) & (v < 2147483648.0f);
-    return static_cast<int32_t>(inRange ? v : 0.0f) & 0xFFFF;
-}
-
-// Wiggling look-up at x = step * d: an index beyond `count` folds back by count - 1
-// (pass INT32_MAX for no folding); indices are kept inside the 256-entry table.
-inline float Wiggling(const float* table, float step, float d, int32_t count)
-{
-    float x = step * d;
-    x = x > 0.0f ? x : 0.0f;  // NaN too
-    x = x < 1.0e6f ? x : 1.0e6f;
-    int32_t k0 = static_cast<int32_t>(x);
-    const float f = x - static_cast<float>(k0);
-    int32_t k1 = k0 + (f > 0.0f);
-    // k0 and k1 lie in [0, 1e6 + 1]: every count below -256 folds them past the table's
-    // end and every count above 2^24 never folds them, so clamping the count changes
-    // nothing but keeps the fold from overflowing.
-    count = std::min(std::max(count, -256), 1 << 24);
-    k0 -= (k0 > count) * (count - 1);
-    k1 -= (k1 > count) * (count - 1);
-    k0 = std::min(std::max(k0, 0), 255);
-    k1 = std::min(std::max(k1, 0), 255);
-    return (1.0f - f) * table[k0] + f * table[k1];
-}
 
 struct DualRowArgs {
     const uint16_t* raw;
@@ -686,88 +603,6 @@ void DualFreqDepthRows(const uint16_t* raw, uint16_t* depth, int width, int heig
         if (c >= 0)
             last.distance2 = d2s[c];
     }
-}
-
-void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int height,
-                          const SingleFreqParams& p, const float* fppnOffset, const float* radialToZ,
-                          float halfRangeMinusComp, float minEnergy)
-{
-    const float range = static_cast<float>(p.rangeMm);
-    for (int r = 0; r < height; ++r) {
-        const uint16_t* h0 = raw + 4 * static_cast<size_t>(width) * r;
-        const uint16_t* h1 = h0 + 2 * static_cast<size_t>(width);
-        const size_t rowBase = static_cast<size_t>(r) * width;
-        const float* fppn = fppnOffset + rowBase;
-        const float* ray = radialToZ + rowBase;
-        uint16_t* out = depth + rowBase;
-        for (int c = 0; c < width; ++c) {
-            const int32_t s0 = h0[2 * c], s1 = h0[2 * c + 1], s2 = h1[2 * c], s3 = h1[2 * c + 1];
-            const float I = static_cast<float>(s0 - s3), Q = static_cast<float>(s2 - s1);
-            const bool strong = I * I + Q * Q >= minEnergy;
-            float d = Atan2(Q, I) * p.phaseToMm + p.depthOffset;
-            d = Wrap(d + halfRangeMinusComp, range);
-            const float wig = Wiggling(p.table, p.tableStep, d, p.tableCount);
-            d = Wrap((d + fppn[c]) - Trunc(wig), range);
-            out[c] = static_cast<uint16_t>(strong * TruncLow16(d * ray[c]));
-        }
-    }
-}
-
-bool EdgeFilterRows(uint16_t* depth, int width, int height)
-{
-    // The block of pixel i is i, i + 1, i + W, i + W + 1 in the array, whatever the
-    // column: the last column's right neighbours are the next row's first pixels. A
-    // pixel is written after its block is read, and later pixels read only later
-    // positions, so the filter works in place.
-    const size_t W = static_cast<size_t>(width);
-    const size_t n = static_cast<size_t>(height - 2) * W;
-    // Pair sums and deviations fit 16 bits only for depths below 32768 (and above it the
-    // plain filter's deviation can wrap): other images go to the scalar kernel.
-    uint16_t top = 0;
-    const size_t all = static_cast<size_t>(height) * W;
-    for (size_t i = 0; i < all; ++i)
-        top = depth[i] > top ? depth[i] : top;
-    if (top >= 32768)
-        return false;
-    constexpr size_t kBlock = 64;
-    uint16_t result[kBlock];
-    for (size_t start = 0; start < n; start += kBlock) {
-        const size_t count = n - start < kBlock ? n - start : kBlock;
-        const uint16_t* d = depth + start;
-        for (size_t k = 0; k < count; ++k) {
-            // Sixteen-bit lanes throughout: pair sums of depths below 32768 fit, and the
-            // mean is the floor of their sum over 4 assembled from the parts.
-            const uint16_t p = d[k], right = d[k + 1], below = d[k + W], br = d[k + W + 1];
-            const uint16_t s1 = static_cast<uint16_t>(p + right), s2 = static_cast<uint16_t>(below + br);
-            const uint16_t mean = static_cast<uint16_t>((s1 >> 2) + (s2 >> 2) + (((s1 & 3) + (s2 & 3)) >> 2));
-            // trunc(sqrt(sq)) > T exactly when sq >= (T + 1)^2 (sq < 2^32 here). No
-            // threshold is above 80, so a deviation of 81 or more rejects the pixel
-            // whatever the others are: deviations clamped to 81 keep the outcome and
-            // keep the squares' sum below 2^15.
-            const auto square = [mean](uint16_t v) {
-                const int16_t dv = static_cast<int16_t>(v - mean);
-                int16_t dev = static_cast<int16_t>(dv < 0 ? -dv : dv);
-                dev = dev < 81 ? dev : 81;
-                return static_cast<uint16_t>(dev * dev);
-            };
-            const uint16_t sq = static_cast<uint16_t>(square(p) + square(right) + square(below) + square(br));
-            // The threshold T of the block mean's band: 30 up to 1000, 40 up to 2000, 30 up
-            // to 3000 (the band falls back), 50 up to 4000, 60 up to 5000, 80 above.
-            // A sum of steps rather than a table or a chain of selects, so that it
-            // vectorises without gathers or branches: above(b) is all ones exactly
-            // when mean > b.
-            const auto above = [mean](int b) { return static_cast<int16_t>(b - mean) >> 15; };
-            const uint16_t limit = static_cast<uint16_t>(
-                31 * 31 + (above(1000) & (41 * 41 - 31 * 31)) - (above(2000) & (41 * 41 - 31 * 31)) +
-                (above(3000) & (51 * 51 - 31 * 31)) + (above(4000) & (61 * 61 - 51 * 51)) +
-                (above(5000) & (81 * 81 - 61 * 61)));
-            result[k] = static_cast<uint16_t>(p * (sq < limit));
-        }
-        // Reads of the next block start at its own first pixel: storing now is safe.
-        std::memcpy(depth + start, result, count * sizeof(uint16_t));
-    }
-    std::memset(depth + n, 0, 2 * W * sizeof(uint16_t));
-    return true;
 }
 
 }  // namespace QV_KERNEL_NS

@@ -1,6 +1,6 @@
 // The point cloud's inner loop: a run of pixels inside the mask whose rays lie one
-// after the other (binning 1). This file is compiled once per instruction set, like
-// depth_fast.cpp, into the namespace QV_KERNEL_NS.
+// after the other (binning 1). This file is compiled once per target (see
+// simd/targets.h), into the namespace QV_KERNEL_NS.
 //
 // Each point is (rayX * z, rayY * z, z), one rounding per coordinate as in the plain
 // loop, so the results are identical. The explicit AVX2/AVX-512 loops compute W points
@@ -10,7 +10,7 @@
 // per output vector pick them (the vectoriser's own interleave was scalar shuffles).
 #include <cstdint>
 
-#include "depth/fast/kernel.h"
+#include "simd/kernel.h"
 
 namespace qvapi {
 namespace QV_KERNEL_NS {

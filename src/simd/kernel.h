@@ -1,8 +1,8 @@
-// Common ground of the kernel files, which are compiled once per instruction set, each
-// time into the namespace QV_KERNEL_NS (see depth_fast_dispatch.cpp): the check that
-// the namespace is named, and the x86 intrinsics where the instruction set has them.
-#ifndef QVRECONSTRUCTION_SRC_DEPTH_FAST_KERNEL_H
-#define QVRECONSTRUCTION_SRC_DEPTH_FAST_KERNEL_H
+// Common ground of the kernel files, which are compiled once per target, each time
+// into the namespace QV_KERNEL_NS (see simd/targets.h): the check that the namespace
+// is named, and the x86 intrinsics where the target has them.
+#ifndef QVRECONSTRUCTION_SRC_SIMD_KERNEL_H
+#define QVRECONSTRUCTION_SRC_SIMD_KERNEL_H
 
 #ifndef QV_KERNEL_NS
 #error "QV_KERNEL_NS names the instruction set this file is compiled for"

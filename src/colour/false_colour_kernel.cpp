@@ -1,5 +1,5 @@
 // False colouring of a run of depth values for an ordinary range. This file is compiled
-// once per instruction set, like depth_fast.cpp, into the namespace QV_KERNEL_NS.
+// once per target (see simd/targets.h), into the namespace QV_KERNEL_NS.
 //
 // The colour of a depth depends on its level v = trunc((d - lo) / (hi - lo) * 1021)
 // with d clamped into [lo, hi]. In doubles that quotient is within 2^-40 of the exact
@@ -30,7 +30,7 @@
 #include <cstdint>
 
 #include "colour/false_colour.h"
-#include "depth/fast/kernel.h"
+#include "simd/kernel.h"
 
 namespace qvapi {
 namespace QV_KERNEL_NS {

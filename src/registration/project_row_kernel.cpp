@@ -1,8 +1,8 @@
 // The registration's projection of one 640-pixel depth row. This file is compiled once
-// per instruction set, like depth_fast.cpp, into the namespace QV_KERNEL_NS.
+// per target (see simd/targets.h), into the namespace QV_KERNEL_NS.
 #include <cstdint>
 
-#include "depth/fast/kernel.h"
+#include "simd/kernel.h"
 #include "registration/map_depth_to_rgb.h"
 
 namespace qvapi {

@@ -1,6 +1,6 @@
 // 3 x 3 median of a 16-bit image in place, equal to cv::medianBlur(img, img, 3) with
-// its replicated border. This file is compiled once per instruction set, like
-// depth_fast.cpp, into the namespace QV_KERNEL_NS.
+// its replicated border. This file is compiled once per target (see
+// simd/targets.h), into the namespace QV_KERNEL_NS.
 //
 // Each output row sorts the three values of every column of its window once; the
 // median of a window is then the median of three numbers taken from its three sorted
@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "depth/fast/kernel.h"
+#include "simd/kernel.h"
 
 namespace qvapi {
 namespace QV_KERNEL_NS {

@@ -1,6 +1,6 @@
 // 5 x 5 median of a 16-bit image, equal to cv::medianBlur(src, dst, 5) with its
-// replicated border. This file is compiled once per instruction set, like
-// depth_fast.cpp, into the namespace QV_KERNEL_NS.
+// replicated border. This file is compiled once per target (see
+// simd/targets.h), into the namespace QV_KERNEL_NS.
 //
 // Each output row first sorts the five values of every column of its window (shared
 // by the five windows that contain the column); the median of a window is then taken
@@ -15,7 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "depth/fast/kernel.h"
+#include "simd/kernel.h"
 
 namespace qvapi {
 namespace QV_KERNEL_NS {
