@@ -6,9 +6,11 @@
 #include <cmath>
 #include <cstdlib>
 #include <set>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
+#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
 #include "output_files.h"
@@ -258,6 +260,30 @@ struct Reader {
 
 constexpr size_t kMaxCalibrationBytes = 1 << 20;
 
+// Ignores the parser's events: only whether a document follows matters.
+struct IgnoreEvents : YAML::EventHandler {
+    void OnDocumentStart(const YAML::Mark&) override {}
+    void OnDocumentEnd() override {}
+    void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
+    void OnAlias(const YAML::Mark&, YAML::anchor_t) override {}
+    void OnScalar(const YAML::Mark&, const std::string&, YAML::anchor_t, const std::string&) override {}
+    void OnSequenceStart(const YAML::Mark&, const std::string&, YAML::anchor_t, YAML::EmitterStyle::value) override {}
+    void OnSequenceEnd() override {}
+    void OnMapStart(const YAML::Mark&, const std::string&, YAML::anchor_t, YAML::EmitterStyle::value) override {}
+    void OnMapEnd() override {}
+};
+
+// Whether the text holds a second document. The parser is asked for two documents at
+// most: yaml-cpp 0.7's LoadAll never returns on some malformed text (a lone comma
+// after a document), asking for one document after another forever.
+bool MoreThanOneDocument(const std::string& text)
+{
+    std::istringstream in(text);
+    YAML::Parser parser(in);
+    IgnoreEvents events;
+    return parser.HandleNextDocument(events) && parser.HandleNextDocument(events);
+}
+
 std::string OneLine(std::string text)
 {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -275,20 +301,21 @@ ModuleCalibration ParseCalibrationText(const std::string& text, const std::strin
     std::string_view body = text;
     if (body.rfind("%YAML:1.0", 0) == 0)
         body.remove_prefix(std::string_view("%YAML:1.0").size());
-    std::vector<YAML::Node> documents;
+    YAML::Node document;
     try {
-        documents = YAML::LoadAll(std::string(body));
+        const std::string yaml(body);
+        document = YAML::Load(yaml);
+        if (MoreThanOneDocument(yaml))
+            throw CalibrationError(path + ": text follows the calibration (a second document)");
     } catch (const YAML::Exception& e) {
         throw CalibrationError(path + ": not a readable YAML or JSON calibration (line " +
                                std::to_string(e.mark.line + 1) + ", column " +
                                std::to_string(e.mark.column + 1) + ": " + OneLine(e.msg) + ")");
     }
-    if (documents.size() > 1)
-        throw CalibrationError(path + ": text follows the calibration (a second document)");
-    if (documents.empty() || !documents[0].IsMap())
+    if (!document.IsMap())
         throw CalibrationError(path + ": expected the maps 'binned' and 'full'");
     ModuleCalibration out;
-    Reader top{documents[0], path, {}};
+    Reader top{document, path, {}};
     for (const char* name : {"binned", "full"}) {
         const YAML::Node n = top.Field(name);
         if (!n)
