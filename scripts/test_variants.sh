@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The builds beside the main one: the forced-scalar build runs the parity and
-# accuracy tests with the scalar kernels in the library, and the ARM64 build of the
-# kernels runs its parity program under qemu-user.
+# accuracy tests with the scalar kernels in the library, and the arm64 build runs the
+# whole test suite under qemu-user (scripts/test_arm64.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -10,4 +10,4 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DQV_FORCE_SCALAR=ON -DQV_BUIL
   -DQV_BUILD_TOOLS=OFF -DQV_BUILD_TESTS=ON
 cmake --build "$build" -j "$(nproc)" --target parity_test depth_accuracy_test depth_test
 ctest --test-dir "$build" --output-on-failure -j "$(nproc)" -R 'Parity|DepthAccuracy|Pipeline'
-bash scripts/arm64_check.sh
+bash scripts/test_arm64.sh

@@ -4,7 +4,7 @@
 # code instantiated in our objects) are not ours and are ignored.
 set -euo pipefail
 lib="$1"
-symbols=$(nm -D --defined-only "$lib" | awk '{ $1=""; $2=""; sub(/^  /, ""); print }' | c++filt)
+symbols=$("${NM:-nm}" -D --defined-only "$lib" | awk '{ $1=""; $2=""; sub(/^  /, ""); print }' | c++filt)
 allowed='^(qvapi::Reconstruction::CreateInstance\(\)|qvapi::Reconstruction::m_instance|qvapi::ReconstructionImpl::Release\(\)|qvapi::(EdgeFilter|EdgeFilterMad|OkadaFilter|SpeckleFilter)\(unsigned short\*, int, int(, int)*\)|qvapi::filter_module::.*|Logger::.*|(typeinfo|typeinfo name|vtable|VTT) for Logger|(virtual|non-virtual) thunk to Logger::.*|color_map)$'
 foreign='^(std::|__gnu_cxx::|cv::|_init$|_fini$|_edata$|_end$|__bss_start$|(typeinfo|typeinfo name|vtable|VTT|guard variable) for (std|cv|__gnu_cxx)::)'
 bad=$(printf '%s\n' "$symbols" | grep -Ev "$foreign" | grep -Ev "$allowed" || true)

@@ -1,0 +1,117 @@
+// qv_frame_ops OP N: one frame operation N times through the public interface on the
+// simulator's standard scene (boxes before a wall), everything else set up once before
+// the N calls. Two runs with different N under an instruction counter give the cost of
+// one call by their difference (scripts/arm64_bench.sh); the program is built for every
+// architecture the library is.
+//
+//   dual, dual_nofilter  CalculateDepth on the full stream's capture, filters on / off
+//   binned               CalculateDepth on binned frames of the full stream
+//   single               CalculateDepth on the reduced stream's capture
+//   edge                 EdgeFilter on the full capture's depth
+//   ir, cloud, colour    GetIR, GetCloudPoint, Convert2RGB on the full capture
+//   register             MapDepthToRGB of the full capture's depth onto its colour frame
+//                        (each call also copies the 640 x 480 depth it consumes)
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <qvreconstruction/depth_filters.h>
+#include <qvreconstruction/reconstruction.h>
+
+#include "sample_calibration.h"
+#include "simulator.h"
+
+namespace {
+
+int Fail(const std::string& message)
+{
+    std::fprintf(stderr, "qv_frame_ops: %s\n", message.c_str());
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const std::string ops = "dual dual_nofilter binned single edge ir cloud colour register";
+    if (argc != 3)
+        return Fail("usage: qv_frame_ops OP N, OP one of: " + ops);
+    const std::string op = argv[1];
+    char* end = nullptr;
+    const long n = std::strtol(argv[2], &end, 10);
+    if (*end != '\0' || n < 0 || n > 1000000)
+        return Fail("N must be a whole number from 0 to 1000000");
+    if ((" " + ops + " ").find(" " + op + " ") == std::string::npos)
+        return Fail("unknown operation '" + op + "' (" + ops + ")");
+
+    const bool single = op == "single";
+    const qvapi::CameraCalibrationParam binnedCal = qvsim::SampleBinnedCalibration();
+    const qvapi::CameraCalibrationParam fullCal = qvsim::SampleCalibration();
+    qvapi::Reconstruction& r = *qvapi::Reconstruction::CreateInstance();
+    r.SetType(qvapi::DEVICE_GENERIC, single ? qvapi::STREAM_SINGLE_FREQ : qvapi::STREAM_DUAL_FREQ);
+    if (r.Init(binnedCal, single ? binnedCal : fullCal) != qvapi::STATUS_OK)
+        return Fail("Init refused the sample calibration");
+    r.OpenFilter(op != "dual_nofilter");
+
+    qvsim::SceneSpec scene;
+    scene.kind = qvsim::SceneKind::Boxes;
+    qvsim::CaptureSpec setup;
+    setup.stream = single ? qvapi::STREAM_SINGLE_FREQ : qvapi::STREAM_DUAL_FREQ;
+    setup.binned = op == "binned";
+    const qvsim::Capture cap = qvsim::SimulateCapture(single ? binnedCal : fullCal, scene, setup);
+    const int w = cap.width, h = cap.height;
+    const size_t pixels = size_t(w) * h;
+
+    // The depth image the operations after the converters start from.
+    uint16_t* depth = nullptr;
+    if (r.CalculateDepth(cap.raw.data(), &depth, w, h) != qvapi::STATUS_OK)
+        return Fail("CalculateDepth refused the simulated capture");
+    std::vector<uint16_t> depthCopy(depth, depth + pixels), work(pixels), ir(pixels);
+    std::vector<float> cloud(3 * pixels);
+    std::vector<uint8_t> nv12, frame;
+    if (op == "register")
+        nv12 = qvsim::RenderColour(fullCal, scene).nv12;
+
+    uint64_t checksum = 0;
+    for (long k = 0; k < n; ++k) {
+        int32_t status = qvapi::STATUS_OK;
+        if (op == "dual" || op == "dual_nofilter" || op == "binned" || op == "single") {
+            uint16_t* out = nullptr;
+            status = r.CalculateDepth(cap.raw.data(), &out, w, h);
+            checksum += status == qvapi::STATUS_OK ? out[pixels / 2] : 0;
+            delete[] out;
+        } else if (op == "edge") {
+            std::memcpy(work.data(), depthCopy.data(), pixels * sizeof(uint16_t));
+            qvapi::EdgeFilter(work.data(), w, h);
+            checksum += work[pixels / 2];
+        } else if (op == "ir") {
+            status = r.GetIR(cap.raw.data(), ir.data(), w, h);
+            checksum += ir[pixels / 2];
+        } else if (op == "cloud") {
+            status = r.GetCloudPoint(depthCopy.data(), cloud.data(), w, h);
+            checksum += static_cast<uint64_t>(cloud[3 * (pixels / 2) + 2]);
+        } else if (op == "colour") {
+            uint8_t* rgb = nullptr;
+            r.Convert2RGB(&rgb, depthCopy.data(), w, h);
+            checksum += rgb != nullptr ? rgb[3 * (pixels / 2)] : 0;
+            delete[] rgb;
+        } else {
+            uint16_t* entry = new uint16_t[pixels];
+            std::memcpy(entry, depthCopy.data(), pixels * sizeof(uint16_t));
+            uint8_t* colour = nullptr;
+            int cw = 0, ch = 0;
+            status = r.MapDepthToRGB(&colour, &entry, nv12.data(), 1920, 1080, cw, ch);
+            checksum += status == qvapi::STATUS_OK ? entry[size_t(cw) * ch / 2] : 0;
+            delete[] colour;
+            delete[] entry;
+        }
+        if (status != qvapi::STATUS_OK)
+            return Fail(op + " returned status " + std::to_string(status));
+    }
+    delete[] depth;
+    std::printf("%s x %ld: checksum %llu\n", op.c_str(), n, static_cast<unsigned long long>(checksum));
+    return 0;
+}
