@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include <opencv2/core/utility.hpp>
 #include <qvreconstruction/depth_filters.h>
 #include <qvreconstruction/reconstruction.h>
 
@@ -46,6 +47,10 @@ int main(int argc, char** argv)
         return Fail("N must be a whole number from 0 to 1000000");
     if ((" " + ops + " ").find(" " + op + " ") == std::string::npos)
         return Fail("unknown operation '" + op + "' (" + ops + ")");
+
+    // One core, as on the board: OpenCV (in Init, registration and the simulator) runs
+    // on this thread, so no worker thread's instructions enter the count.
+    cv::setNumThreads(0);
 
     const bool single = op == "single";
     const qvapi::CameraCalibrationParam binnedCal = qvsim::SampleBinnedCalibration();

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Executed ARM64 instructions per frame of each operation: qv_frame_ops, cross-built
 # for arm64 (scripts/test_arm64.sh's build), run twice under the instruction counter
-# of shared/tools/arm64-insns with N1 and N2 calls; (count(N2) - count(N1)) / (N2 - N1).
-# Deterministic: the same build gives the same counts on any host, however busy.
+# of shared/tools/arm64-insns with N1 = 1 and N2 = 5 calls; (count(N2) - count(N1)) / (N2 - N1).
+# Deterministic (qv_frame_ops keeps OpenCV on its one thread): the same build gives the
+# same counts on any host, however busy.
 #
 #   scripts/arm64_bench.sh [OP...]      (default: every operation)
 set -euo pipefail

@@ -358,19 +358,46 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
     }
 }
 #else
-// The fold count stays a run-time value (no inter-procedural constant propagation):
-// folded away, the look-up's two addresses become a choice the vectoriser cannot gather.
-#if defined(__GNUC__) && !defined(__clang__)
-__attribute__((noipa))
-#endif
+// Elsewhere (the baseline: SSE2, NEON) the row goes in blocks of 64 pixels through
+// three loops: the distances, fractions and table indices, which the compiler
+// vectorises; the two table entries of each pixel, read one by one (no gathers); and
+// the interpolation and corrections, vectorised again. Each step is Wiggling's own.
+constexpr int kLookupBlock = 64;
+
 void RowDistance(const float* __restrict iv, const float* __restrict qv,
                  const float* __restrict fppn, const float* __restrict table,
                  float phaseToMm, float offset, float range, float step, int32_t foldCount,
                  int W, float* __restrict dOut)
 {
-    for (int c = 0; c < W; ++c) {
-        const float d = Wrap(Atan2(qv[c], iv[c]) * phaseToMm + offset, range);
-        dOut[c] = Wrap(d + Trunc(fppn[c]) - Trunc(Wiggling(table, step, d, foldCount)), range);
+    // The count clamped as Wiggling clamps it (the indices lie in [0, 1e6 + 1]).
+    const int32_t count = std::min(std::max(foldCount, -256), 1 << 24);
+    float dB[kLookupBlock], fB[kLookupBlock], loB[kLookupBlock], hiB[kLookupBlock];
+    int32_t k0B[kLookupBlock], k1B[kLookupBlock];
+    for (int c0 = 0; c0 < W; c0 += kLookupBlock) {
+        const int n = std::min(kLookupBlock, W - c0);
+        for (int j = 0; j < n; ++j) {
+            const float d = Wrap(Atan2(qv[c0 + j], iv[c0 + j]) * phaseToMm + offset, range);
+            float x = step * d;
+            x = x > 0.0f ? x : 0.0f;  // NaN too
+            x = x < 1.0e6f ? x : 1.0e6f;
+            int32_t k0 = static_cast<int32_t>(x);
+            const float f = x - static_cast<float>(k0);
+            int32_t k1 = k0 + (f > 0.0f);
+            k0 -= (k0 > count) * (count - 1);
+            k1 -= (k1 > count) * (count - 1);
+            dB[j] = d;
+            fB[j] = f;
+            k0B[j] = std::min(std::max(k0, 0), 255);
+            k1B[j] = std::min(std::max(k1, 0), 255);
+        }
+        for (int j = 0; j < n; ++j) {
+            loB[j] = table[k0B[j]];
+            hiB[j] = table[k1B[j]];
+        }
+        for (int j = 0; j < n; ++j) {
+            const float wig = (1.0f - fB[j]) * loB[j] + fB[j] * hiB[j];
+            dOut[c0 + j] = Wrap(dB[j] + Trunc(fppn[c0 + j]) - Trunc(wig), range);
+        }
     }
 }
 #endif
