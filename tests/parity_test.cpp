@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -476,7 +477,20 @@ TEST(Parity, ExactAmplitudeThreshold)
             EXPECT_FALSE(strong(e - 1)) << threshold;
         }
     }
-    std::printf("  fast paths run with: %s\n", FastPathName());
+}
+
+TEST(Parity, EachTargetsKernelsAreCompiledForItsInstructionSet)
+{
+    // Compiler flags that fall short of what Highway needs for a target silently give
+    // it a narrower one's vectors.
+    const std::string set = KernelInstructionSet();
+    std::printf("  fast paths run with: %s (%s)\n", FastPathName(), set.c_str());
+#if defined(__x86_64__)
+    const char* expected[] = {"SSE4", "AVX2", "AVX3"};
+    EXPECT_EQ(set, expected[static_cast<int>(ChosenTarget())]);
+#elif defined(__aarch64__)
+    EXPECT_EQ(set, "NEON");
+#endif
 }
 
 }  // namespace

@@ -281,7 +281,7 @@ void FalseColourSpanKernel(const uint16_t* depth, size_t n, const FalseColourRam
     const int32_t lo = q.lo, hi = q.hi;
     const uint32_t whole = q.whole, fraction = q.fraction;
 #if defined(__x86_64__) && !defined(__AVX2__)
-    // SSE2 alone has no byte shuffle to interleave the colours and the scalar ramp is
+    // Below AVX2 the vectoriser leaves the colours' interleave scalar and the ramp is
     // long: the 1022 levels' colours once, then a look-up per pixel.
     uint32_t ramp[1022];
     for (int32_t v = 0; v < 1022; ++v)

@@ -358,7 +358,7 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
     }
 }
 #else
-// Elsewhere (the baseline: SSE2, NEON) the row goes in blocks of 64 pixels through
+// Elsewhere (the baseline: SSE4.2, NEON) the row goes in blocks of 64 pixels through
 // three loops: the distances, fractions and table indices, which the compiler
 // vectorises; the two table entries of each pixel, read one by one (no gathers); and
 // the interpolation and corrections, vectorised again. Each step is Wiggling's own.

@@ -9,8 +9,8 @@
 // rows are merged up to the middle one. The network was generated and checked on every
 // input of zeros and ones with sorted columns (7,776 of them), which by the zero-one
 // principle covers every input; the parity test compares it with OpenCV's filter.
-// The network is written once over a lane type: one pixel, or an explicit AVX2/AVX-512
-// vector of 16-bit lanes; the baseline build leaves the loop to the vectoriser.
+// Both networks are written once, over Highway's vectors of 16-bit lanes: whole
+// vectors of the target (SSE4, AVX2, AVX-512, NEON), then single lanes at the row's end.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -21,75 +21,57 @@ namespace qvapi {
 namespace QV_KERNEL_NS {
 namespace {
 
-inline uint16_t Min(uint16_t a, uint16_t b) { return std::min(a, b); }
-inline uint16_t Max(uint16_t a, uint16_t b) { return std::max(a, b); }
-template <typename V>
-inline V Load(const uint16_t* p);
-template <>
-inline uint16_t Load<uint16_t>(const uint16_t* p) { return *p; }
-#if defined(__AVX512BW__)
-// Explicit vectors of unsigned 16-bit lanes: one instruction per minimum or maximum
-// (the vectoriser turned some pairs into a compare and two blends).
-inline __m512i Min(__m512i a, __m512i b) { return _mm512_min_epu16(a, b); }
-inline __m512i Max(__m512i a, __m512i b) { return _mm512_max_epu16(a, b); }
-template <>
-inline __m512i Load<__m512i>(const uint16_t* p) { return _mm512_loadu_si512(p); }
-#elif defined(__AVX2__)
-inline __m256i Min(__m256i a, __m256i b) { return _mm256_min_epu16(a, b); }
-inline __m256i Max(__m256i a, __m256i b) { return _mm256_max_epu16(a, b); }
-template <>
-inline __m256i Load<__m256i>(const uint16_t* p)
+// Sorts a, b into ascending order, lane by lane.
+template <class V>
+inline void Exchange(V& a, V& b)
 {
-    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
-}
-#endif
-
-inline void Exchange(uint16_t& a, uint16_t& b)
-{
-    const uint16_t lo = std::min(a, b), hi = std::max(a, b);
+    const V lo = hn::Min(a, b), hi = hn::Max(a, b);
     a = lo;
     b = hi;
 }
 
-// s_k[x] = the k-th smallest of r0[x] .. r4[x].
-void SortColumns(const uint16_t* __restrict r0, const uint16_t* __restrict r1,
-                 const uint16_t* __restrict r2, const uint16_t* __restrict r3,
-                 const uint16_t* __restrict r4, int n, uint16_t* __restrict s0,
-                 uint16_t* __restrict s1, uint16_t* __restrict s2, uint16_t* __restrict s3,
-                 uint16_t* __restrict s4)
+// s_k[x] = the k-th smallest of r0[x] .. r4[x], for the lanes of d from x on.
+template <class D>
+inline void SortColumnsAt(D d, const uint16_t* __restrict r0, const uint16_t* __restrict r1,
+                          const uint16_t* __restrict r2, const uint16_t* __restrict r3,
+                          const uint16_t* __restrict r4, int x, uint16_t* __restrict s0,
+                          uint16_t* __restrict s1, uint16_t* __restrict s2, uint16_t* __restrict s3,
+                          uint16_t* __restrict s4)
 {
-    for (int x = 0; x < n; ++x) {
-        uint16_t v0 = r0[x], v1 = r1[x], v2 = r2[x], v3 = r3[x], v4 = r4[x];
-        // Sorting network for five values.
-        Exchange(v0, v1);
-        Exchange(v3, v4);
-        Exchange(v2, v4);
-        Exchange(v2, v3);
-        Exchange(v0, v3);
-        Exchange(v0, v2);
-        Exchange(v1, v4);
-        Exchange(v1, v3);
-        Exchange(v1, v2);
-        s0[x] = v0;
-        s1[x] = v1;
-        s2[x] = v2;
-        s3[x] = v3;
-        s4[x] = v4;
-    }
+    auto v0 = hn::LoadU(d, r0 + x), v1 = hn::LoadU(d, r1 + x), v2 = hn::LoadU(d, r2 + x);
+    auto v3 = hn::LoadU(d, r3 + x), v4 = hn::LoadU(d, r4 + x);
+    // Sorting network for five values.
+    Exchange(v0, v1);
+    Exchange(v3, v4);
+    Exchange(v2, v4);
+    Exchange(v2, v3);
+    Exchange(v0, v3);
+    Exchange(v0, v2);
+    Exchange(v1, v4);
+    Exchange(v1, v3);
+    Exchange(v1, v2);
+    hn::StoreU(v0, d, s0 + x);
+    hn::StoreU(v1, d, s1 + x);
+    hn::StoreU(v2, d, s2 + x);
+    hn::StoreU(v3, d, s3 + x);
+    hn::StoreU(v4, d, s4 + x);
 }
 
 // The median of the sorted columns x .. x + 4 of s0..s4 (a_cr: column c, rank r), for
-// one pixel (V = uint16_t) or a vector of them.
-template <typename V>
-inline V MedianOfSortedColumnsAt(const uint16_t* __restrict s0, const uint16_t* __restrict s1,
+// the lanes of d from x on.
+template <class D, class V = hn::Vec<D>>
+inline V MedianOfSortedColumnsAt(D d, const uint16_t* __restrict s0, const uint16_t* __restrict s1,
                                  const uint16_t* __restrict s2, const uint16_t* __restrict s3,
                                  const uint16_t* __restrict s4, int x)
 {
-    const V a00 = Load<V>(s0 + x + 0), a01 = Load<V>(s1 + x + 0), a02 = Load<V>(s2 + x + 0), a03 = Load<V>(s3 + x + 0), a04 = Load<V>(s4 + x + 0);
-    const V a10 = Load<V>(s0 + x + 1), a11 = Load<V>(s1 + x + 1), a12 = Load<V>(s2 + x + 1), a13 = Load<V>(s3 + x + 1), a14 = Load<V>(s4 + x + 1);
-    const V a20 = Load<V>(s0 + x + 2), a21 = Load<V>(s1 + x + 2), a22 = Load<V>(s2 + x + 2), a23 = Load<V>(s3 + x + 2), a24 = Load<V>(s4 + x + 2);
-    const V a30 = Load<V>(s0 + x + 3), a31 = Load<V>(s1 + x + 3), a32 = Load<V>(s2 + x + 3), a33 = Load<V>(s3 + x + 3), a34 = Load<V>(s4 + x + 3);
-    const V a40 = Load<V>(s0 + x + 4), a41 = Load<V>(s1 + x + 4), a42 = Load<V>(s2 + x + 4), a43 = Load<V>(s3 + x + 4), a44 = Load<V>(s4 + x + 4);
+    const auto Load = [d](const uint16_t* p) { return hn::LoadU(d, p); };
+    const auto Min = [](V a, V b) { return hn::Min(a, b); };
+    const auto Max = [](V a, V b) { return hn::Max(a, b); };
+    const V a00 = Load(s0 + x + 0), a01 = Load(s1 + x + 0), a02 = Load(s2 + x + 0), a03 = Load(s3 + x + 0), a04 = Load(s4 + x + 0);
+    const V a10 = Load(s0 + x + 1), a11 = Load(s1 + x + 1), a12 = Load(s2 + x + 1), a13 = Load(s3 + x + 1), a14 = Load(s4 + x + 1);
+    const V a20 = Load(s0 + x + 2), a21 = Load(s1 + x + 2), a22 = Load(s2 + x + 2), a23 = Load(s3 + x + 2), a24 = Load(s4 + x + 2);
+    const V a30 = Load(s0 + x + 3), a31 = Load(s1 + x + 3), a32 = Load(s2 + x + 3), a33 = Load(s3 + x + 3), a34 = Load(s4 + x + 3);
+    const V a40 = Load(s0 + x + 4), a41 = Load(s1 + x + 4), a42 = Load(s2 + x + 4), a43 = Load(s3 + x + 4), a44 = Load(s4 + x + 4);
     const V t25 = Min(a00, a10);
     const V t26 = Max(a00, a10);
     const V t27 = Min(a30, a40);
@@ -223,22 +205,17 @@ inline V MedianOfSortedColumnsAt(const uint16_t* __restrict s0, const uint16_t* 
     return t192;
 }
 
-// out[x] = median of the sorted columns x .. x + 4 of s0..s4.
-void MedianOfSortedColumns(const uint16_t* __restrict s0, const uint16_t* __restrict s1,
-                           const uint16_t* __restrict s2, const uint16_t* __restrict s3,
-                           const uint16_t* __restrict s4, int n, uint16_t* __restrict out)
+// Each row step over whole vectors, then the last pixels one lane at a time.
+template <class Step>
+inline void ForEachLane(int n, const Step& step)
 {
+    const hn::ScalableTag<uint16_t> d;
+    const int lanes = static_cast<int>(hn::Lanes(d));
     int x = 0;
-#if defined(__AVX512BW__)
-    for (; x + 32 <= n; x += 32)
-        _mm512_storeu_si512(out + x, MedianOfSortedColumnsAt<__m512i>(s0, s1, s2, s3, s4, x));
-#elif defined(__AVX2__)
-    for (; x + 16 <= n; x += 16)
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + x),
-                            MedianOfSortedColumnsAt<__m256i>(s0, s1, s2, s3, s4, x));
-#endif
+    for (; x + lanes <= n; x += lanes)
+        step(d, x);
     for (; x < n; ++x)
-        out[x] = MedianOfSortedColumnsAt<uint16_t>(s0, s1, s2, s3, s4, x);
+        step(hn::CappedTag<uint16_t, 1>(), x);
 }
 
 }  // namespace
@@ -255,14 +232,18 @@ void Median5x5Rows(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t ds
         const uint16_t* r[5];
         for (int k = 0; k < 5; ++k)
             r[k] = src + static_cast<size_t>(std::min(std::max(y - 2 + k, 0), height - 1)) * srcStep;
-        SortColumns(r[0], r[1], r[2], r[3], r[4], width, s[0] + 2, s[1] + 2, s[2] + 2, s[3] + 2,
-                    s[4] + 2);
+        ForEachLane(width, [&](auto d, int x) {
+            SortColumnsAt(d, r[0], r[1], r[2], r[3], r[4], x, s[0] + 2, s[1] + 2, s[2] + 2,
+                          s[3] + 2, s[4] + 2);
+        });
         for (int k = 0; k < 5; ++k) {
             s[k][0] = s[k][1] = s[k][2];
             s[k][width + 2] = s[k][width + 3] = s[k][width + 1];
         }
-        MedianOfSortedColumns(s[0], s[1], s[2], s[3], s[4], width,
-                              dst + static_cast<size_t>(y) * dstStep);
+        uint16_t* out = dst + static_cast<size_t>(y) * dstStep;
+        ForEachLane(width, [&](auto d, int x) {
+            hn::StoreU(MedianOfSortedColumnsAt(d, s[0], s[1], s[2], s[3], s[4], x), d, out + x);
+        });
     }
 }
 

@@ -5,6 +5,9 @@
 #include <string>
 
 namespace qvapi {
+
+QV_PER_TARGET(const char* KernelInstructionSet();)
+
 namespace {
 
 #if defined(QV_FORCE_SCALAR)
@@ -21,7 +24,9 @@ Target ChosenTarget()
         Target best = Target::Baseline;
 #if defined(QV_HAVE_AVX2_KERNELS)
         __builtin_cpu_init();
-        if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
+        if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+            __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2") &&
+            __builtin_cpu_supports("f16c"))
             best = Target::Avx2;
 #if defined(QV_HAVE_AVX512_KERNELS)
         if (best == Target::Avx2 && __builtin_cpu_supports("avx512f") &&
@@ -50,7 +55,19 @@ bool HasAvx512Vbmi()
 #endif
 }
 
-bool FastPathsEnabled() { return g_fastPaths.load(std::memory_order_relaxed); }
+// Whether the processor runs the baseline kernels: on x86-64 they need SSE4.2 (every
+// processor since 2011); elsewhere the build's own baseline (NEON on ARM64).
+bool BaselineRuns()
+{
+#if defined(QV_X86_KERNELS)
+    static const bool sse42 = (__builtin_cpu_init(), __builtin_cpu_supports("sse4.2"));
+    return sse42;
+#else
+    return true;
+#endif
+}
+
+bool FastPathsEnabled() { return g_fastPaths.load(std::memory_order_relaxed) && BaselineRuns(); }
 
 void SetFastPathsEnabled(bool enabled) { g_fastPaths.store(enabled, std::memory_order_relaxed); }
 
@@ -64,5 +81,7 @@ const char* FastPathName()
     default: return "baseline";
     }
 }
+
+const char* KernelInstructionSet() { return QV_DISPATCH(KernelInstructionSet)(); }
 
 }  // namespace qvapi
