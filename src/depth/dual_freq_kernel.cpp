@@ -152,150 +152,15 @@ void RowCalibration(const float* __restrict f1, const float* __restrict f2,
 }
 
 // 3. One frequency's corrected wrapped distance from its phase vector: both corrections
-// by their integer parts, the wiggling index not folded (foldCount INT32_MAX).
-#if defined(__AVX512F__)
-// With AVX-512 the row is written with intrinsics: the wiggling look-ups of the first
-// 64 entries become register permutes (a table reaches about 40 entries over its
-// frequency's range; larger indices, from absurd calibrations, take a gather), and
-// the arithmetic is fused. Same steps as the loop below.
-
-inline __m512 Atan2V(__m512 y, __m512 x)
-{
-    const __m512 ax = _mm512_abs_ps(x), ay = _mm512_abs_ps(y);
-    const __mmask16 xWider = _mm512_cmp_ps_mask(ax, ay, _CMP_GT_OQ);
-    const __m512 hi = _mm512_mask_blend_ps(xWider, ay, ax);
-    const __m512 lo = _mm512_mask_blend_ps(xWider, ax, ay);
-    const __mmask16 reduce =
-        _mm512_cmp_ps_mask(lo, _mm512_mul_ps(_mm512_set1_ps(0.41421356f), hi), _CMP_GT_OQ);
-    const __m512 num = _mm512_mask_sub_ps(lo, reduce, lo, hi);
-    const __m512 den = _mm512_mask_add_ps(_mm512_max_ps(hi, _mm512_set1_ps(1.0e-30f)), reduce, lo, hi);
-    const __m512 u = _mm512_div_ps(num, den);
-    const __m512 s = _mm512_mul_ps(u, u);
-    __m512 p = _mm512_set1_ps(kAtanCoef[4]);
-    p = _mm512_fmadd_ps(p, s, _mm512_set1_ps(kAtanCoef[3]));
-    p = _mm512_fmadd_ps(p, s, _mm512_set1_ps(kAtanCoef[2]));
-    p = _mm512_fmadd_ps(p, s, _mm512_set1_ps(kAtanCoef[1]));
-    p = _mm512_fmadd_ps(p, s, _mm512_set1_ps(kAtanCoef[0]));
-    __m512 a = _mm512_fmadd_ps(_mm512_mul_ps(u, s), p, u);
-    a = _mm512_mask_add_ps(a, reduce, a, _mm512_set1_ps(kQuarterPi));
-    a = _mm512_mask_sub_ps(a, _mm512_cmp_ps_mask(ay, ax, _CMP_GT_OQ), _mm512_set1_ps(kHalfPi), a);
-    a = _mm512_mask_sub_ps(a, _mm512_cmp_ps_mask(x, _mm512_setzero_ps(), _CMP_LT_OQ),
-                           _mm512_set1_ps(kPi), a);
-    return _mm512_mask_sub_ps(a, _mm512_cmp_ps_mask(y, _mm512_setzero_ps(), _CMP_LT_OQ),
-                              _mm512_setzero_ps(), a);
-}
-
-inline __m512 WrapV(__m512 d, __m512 range)
-{
-    d = _mm512_mask_add_ps(d, _mm512_cmp_ps_mask(d, _mm512_setzero_ps(), _CMP_LT_OQ), d, range);
-    return _mm512_mask_sub_ps(d, _mm512_cmp_ps_mask(d, range, _CMP_GT_OQ), d, range);
-}
-
-// Trunc: the integer part, kept within +-1e9 (NaN gives -1e9).
-inline __m512 TruncV(__m512 v)
-{
-    v = _mm512_max_ps(v, _mm512_set1_ps(-1.0e9f));  // the second operand for NaN
-    v = _mm512_min_ps(v, _mm512_set1_ps(1.0e9f));
-    return _mm512_roundscale_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
-}
-
-// Entry k of a 64-entry table held in four registers (k in 0..63).
-inline __m512 Lookup64(const __m512 t[4], __m512i k)
-{
-    const __m512 lo = _mm512_permutex2var_ps(t[0], k, t[1]);
-    const __m512 hi = _mm512_permutex2var_ps(t[2], k, t[3]);
-    return _mm512_mask_blend_ps(_mm512_test_epi32_mask(k, _mm512_set1_epi32(32)), lo, hi);
-}
-
-void RowDistance(const float* __restrict iv, const float* __restrict qv,
-                 const float* __restrict fppn, const float* __restrict table,
-                 float phaseToMm, float offset, float range, float step, int32_t /*foldCount*/,
-                 int W, float* __restrict dOut)
-{
-    const __m512 t[4] = {_mm512_loadu_ps(table), _mm512_loadu_ps(table + 16),
-                         _mm512_loadu_ps(table + 32), _mm512_loadu_ps(table + 48)};
-    const __m512 vRange = _mm512_set1_ps(range), vStep = _mm512_set1_ps(step);
-    const __m512 vScale = _mm512_set1_ps(phaseToMm), vOffset = _mm512_set1_ps(offset);
-    const __m512 one = _mm512_set1_ps(1.0f), zero = _mm512_setzero_ps();
-    for (int c = 0; c < W; c += 16) {
-        const __mmask16 m = W - c >= 16 ? 0xFFFF : static_cast<__mmask16>((1u << (W - c)) - 1);
-        const __m512 i = _mm512_maskz_loadu_ps(m, iv + c), q = _mm512_maskz_loadu_ps(m, qv + c);
-        const __m512 d = WrapV(_mm512_add_ps(_mm512_mul_ps(Atan2V(q, i), vScale), vOffset), vRange);
-
-        // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0), interpolated.
-        __m512 x = _mm512_max_ps(_mm512_mul_ps(vStep, d), zero);
-        x = _mm512_min_ps(x, _mm512_set1_ps(1.0e6f));
-        const __m512i k0 = _mm512_cvttps_epi32(x);
-        const __m512 f = _mm512_sub_ps(x, _mm512_cvtepi32_ps(k0));
-        const __m512i k1 = _mm512_min_epi32(
-            _mm512_mask_add_epi32(k0, _mm512_cmp_ps_mask(f, zero, _CMP_GT_OQ), k0, _mm512_set1_epi32(1)),
-            _mm512_set1_epi32(255));
-        const __m512i k0c = _mm512_min_epi32(k0, _mm512_set1_epi32(255));
-        __m512 w0, w1;
-        if (_mm512_cmpgt_epi32_mask(k1, _mm512_set1_epi32(63)) == 0) {
-            w0 = Lookup64(t, k0c);
-            w1 = Lookup64(t, k1);
-        } else {
-            w0 = _mm512_i32gather_ps(k0c, table, 4);
-            w1 = _mm512_i32gather_ps(k1, table, 4);
-        }
-        const __m512 wig = _mm512_fmadd_ps(f, w1, _mm512_mul_ps(_mm512_sub_ps(one, f), w0));
-        const __m512 corrected = _mm512_sub_ps(
-            _mm512_add_ps(d, TruncV(_mm512_maskz_loadu_ps(m, fppn + c))), TruncV(wig));
-        _mm512_mask_storeu_ps(dOut + c, m, WrapV(corrected, vRange));
-    }
-}
-#elif defined(__AVX2__) && defined(__FMA__)
-// With AVX2 the same steps with eight lanes; the look-ups are described below.
-
-inline __m256 Select(__m256 mask, __m256 yes, __m256 no) { return _mm256_blendv_ps(no, yes, mask); }
-
-// The inputs are differences of integers: never -0 or NaN, so a sign bit set means
-// below zero, and the quadrant folds take their masks from the inputs themselves.
-inline __m256 Atan2V(__m256 y, __m256 x)
-{
-    const __m256 sign = _mm256_set1_ps(-0.0f);
-    const __m256 ax = _mm256_andnot_ps(sign, x), ay = _mm256_andnot_ps(sign, y);
-    // Ties count as x wider: then lo = hi, and both foldings of pi/4 give pi/4.
-    const __m256 xWider = _mm256_cmp_ps(ax, ay, _CMP_GE_OQ);
-    const __m256 hi = _mm256_max_ps(ax, ay), lo = _mm256_min_ps(ax, ay);
-    const __m256 reduce = _mm256_cmp_ps(lo, _mm256_mul_ps(_mm256_set1_ps(0.41421356f), hi), _CMP_GT_OQ);
-    const __m256 num = Select(reduce, _mm256_sub_ps(lo, hi), lo);
-    const __m256 den = Select(reduce, _mm256_add_ps(lo, hi), _mm256_max_ps(hi, _mm256_set1_ps(1.0e-30f)));
-    const __m256 u = _mm256_div_ps(num, den);
-    const __m256 s = _mm256_mul_ps(u, u);
-    __m256 p = _mm256_set1_ps(kAtanCoef[4]);
-    p = _mm256_fmadd_ps(p, s, _mm256_set1_ps(kAtanCoef[3]));
-    p = _mm256_fmadd_ps(p, s, _mm256_set1_ps(kAtanCoef[2]));
-    p = _mm256_fmadd_ps(p, s, _mm256_set1_ps(kAtanCoef[1]));
-    p = _mm256_fmadd_ps(p, s, _mm256_set1_ps(kAtanCoef[0]));
-    __m256 a = _mm256_fmadd_ps(_mm256_mul_ps(u, s), p, u);
-    a = Select(reduce, _mm256_add_ps(a, _mm256_set1_ps(kQuarterPi)), a);
-    a = Select(xWider, a, _mm256_sub_ps(_mm256_set1_ps(kHalfPi), a));
-    a = _mm256_blendv_ps(a, _mm256_sub_ps(_mm256_set1_ps(kPi), a), x);  // x < 0
-    return _mm256_xor_ps(a, _mm256_and_ps(y, sign));                     // y < 0: -a
-}
-
-inline __m256 WrapV(__m256 d, __m256 range)
-{
-    d = Select(_mm256_cmp_ps(d, _mm256_setzero_ps(), _CMP_LT_OQ), _mm256_add_ps(d, range), d);
-    return Select(_mm256_cmp_ps(d, range, _CMP_GT_OQ), _mm256_sub_ps(d, range), d);
-}
-
-// Trunc: the integer part, kept within +-1e9 (NaN gives -1e9).
-inline __m256 TruncV(__m256 v)
-{
-    v = _mm256_max_ps(v, _mm256_set1_ps(-1.0e9f));  // the second operand for NaN
-    v = _mm256_min_ps(v, _mm256_set1_ps(1.0e9f));
-    return _mm256_round_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
-}
-
-// The look-ups are plain loads: the row goes in blocks of kLookupBlock pixels, whose
-// distances, fractions and indices are kept; a scalar loop copies each pixel's two
-// neighbouring entries as one 64-bit word, and the interpolation finishes in vectors.
-// The table's 257th entry repeats the 256th, so index 255 reads its own entry twice.
-// (Hardware gathers, and the compiler's gathers emulated an entry at a time, cost
-// several times more.)
+// by their integer parts, the wiggling index not folded (the row's callers pass
+// INT32_MAX; Wiggling would keep every index below 2^24 unfolded).
+//
+// Written once over Highway vectors. The table look-ups are plain loads: the row goes
+// in blocks of kLookupBlock pixels, whose distances, fractions and indices are kept; a
+// scalar loop copies each pixel's two neighbouring entries as one 64-bit word, and the
+// interpolation finishes in vectors, the pairs split by an interleaved load. The
+// table's 257th entry repeats the 256th, so index 255 reads its own entry twice.
+// (Hardware gathers, and gathers emulated an entry at a time, cost several times more.)
 constexpr int kLookupBlock = 64;
 
 void RowDistance(const float* __restrict iv, const float* __restrict qv,
@@ -303,104 +168,64 @@ void RowDistance(const float* __restrict iv, const float* __restrict qv,
                  float phaseToMm, float offset, float range, float step, int32_t /*foldCount*/,
                  int W, float* __restrict dOut)
 {
-    const __m256 vRange = _mm256_set1_ps(range), vStep = _mm256_set1_ps(step);
-    const __m256 vScale = _mm256_set1_ps(phaseToMm), vOffset = _mm256_set1_ps(offset);
-    const __m256 one = _mm256_set1_ps(1.0f), zero = _mm256_setzero_ps();
-    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-    const __m256i last = _mm256_set1_epi32(255);
-    alignas(32) float dB[kLookupBlock], fB[kLookupBlock];
-    alignas(32) int32_t kB[kLookupBlock];
-    alignas(32) uint64_t pairB[kLookupBlock];
+    const hn::ScalableTag<float> d;
+    const hn::RebindToSigned<decltype(d)> di;
+    using V = hn::Vec<decltype(d)>;
+    const int N = static_cast<int>(hn::Lanes(d));
+    const V vRange = hn::Set(d, range), vStep = hn::Set(d, step);
+    const V vScale = hn::Set(d, phaseToMm), vOffset = hn::Set(d, offset);
+    const V one = hn::Set(d, 1.0f), zero = hn::Zero(d), xMax = hn::Set(d, 1.0e6f);
+    const auto last = hn::Set(di, 255);
+    HWY_ALIGN float dB[kLookupBlock], fB[kLookupBlock], pairB[2 * kLookupBlock];
+    HWY_ALIGN int32_t kB[kLookupBlock];
+    // The row's last, partial block goes through these, padded to whole vectors.
+    HWY_ALIGN float iT[kLookupBlock], qT[kLookupBlock], pT[kLookupBlock], oT[kLookupBlock];
     for (int c0 = 0; c0 < W; c0 += kLookupBlock) {
         const int n = std::min(kLookupBlock, W - c0);
-        const int vectors = (n + 7) / 8;
-        // Masked loads and stores (slow on some processors) only for a partial vector.
-        const auto mask = [&](int j) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(n - j), lane); };
-        const auto load = [&](const float* from, int j) {
-            return n - j >= 8 ? _mm256_loadu_ps(from + j) : _mm256_maskload_ps(from + j, mask(j));
-        };
-        for (int v = 0; v < vectors; ++v) {
-            const int j = 8 * v;
-            const __m256 i = load(iv + c0, j), q = load(qv + c0, j);
-            const __m256 d = WrapV(_mm256_fmadd_ps(Atan2V(q, i), vScale, vOffset), vRange);
+        const int padded = (n + N - 1) / N * N;
+        const float *i0 = iv + c0, *q0 = qv + c0, *p0 = fppn + c0;
+        float* o0 = dOut + c0;
+        if (padded != n) {
+            std::fill(iT + n, iT + padded, 0.0f);
+            std::fill(qT + n, qT + padded, 0.0f);
+            std::fill(pT + n, pT + padded, 0.0f);
+            std::copy(i0, i0 + n, iT);
+            std::copy(q0, q0 + n, qT);
+            std::copy(p0, p0 + n, pT);
+            i0 = iT;
+            q0 = qT;
+            p0 = pT;
+            o0 = oT;
+        }
+        for (int j = 0; j < padded; j += N) {
+            const V dist = WrapV(hn::MulAdd(Atan2V(d, hn::LoadU(d, q0 + j), hn::LoadU(d, i0 + j)), vScale, vOffset),
+                                 vRange);
             // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0); the index
             // within the table.
-            __m256 x = _mm256_max_ps(_mm256_mul_ps(vStep, d), zero);
-            x = _mm256_min_ps(x, _mm256_set1_ps(1.0e6f));
-            const __m256i k = _mm256_cvttps_epi32(x);
-            _mm256_store_ps(dB + j, d);
-            _mm256_store_ps(fB + j, _mm256_sub_ps(x, _mm256_cvtepi32_ps(k)));
-            _mm256_store_si256(reinterpret_cast<__m256i*>(kB + j), _mm256_min_epi32(k, last));
+            const V x = ClampV(hn::Mul(vStep, dist), zero, xMax);
+            const auto k = hn::ConvertTo(di, x);
+            hn::Store(dist, d, dB + j);
+            hn::Store(hn::Sub(x, hn::ConvertTo(d, k)), d, fB + j);
+            hn::Store(hn::Min(k, last), di, kB + j);
         }
         // Entries k and k + 1 (k + 1 = 256 is entry 255 again).
-        for (int j = 0; j < 8 * vectors; ++j)
-            std::memcpy(pairB + j, table + kB[j], sizeof(uint64_t));
-        for (int v = 0; v < vectors; ++v) {
-            const int j = 8 * v;
-            const __m256 p0 = _mm256_load_ps(reinterpret_cast<const float*>(pairB + j));
-            const __m256 p1 = _mm256_load_ps(reinterpret_cast<const float*>(pairB + j + 4));
-            const __m256 lo = _mm256_castpd_ps(
-                _mm256_permute4x64_pd(_mm256_castps_pd(_mm256_shuffle_ps(p0, p1, 0x88)), 0xD8));
-            const __m256 hi = _mm256_castpd_ps(
-                _mm256_permute4x64_pd(_mm256_castps_pd(_mm256_shuffle_ps(p0, p1, 0xDD)), 0xD8));
+        for (int j = 0; j < padded; ++j)
+            std::memcpy(pairB + 2 * j, table + kB[j], 2 * sizeof(float));
+        for (int j = 0; j < padded; j += N) {
+            V lo, hi;
+            hn::LoadInterleaved2(d, pairB + 2 * j, lo, hi);
             // Entry k, and entry k + 1 where the fraction is above 0 (k itself
             // otherwise, as if k + 1 were not read).
-            const __m256 f = _mm256_load_ps(fB + j);
-            const __m256 w1 = Select(_mm256_cmp_ps(f, zero, _CMP_GT_OQ), hi, lo);
-            const __m256 wig = _mm256_fmadd_ps(f, w1, _mm256_mul_ps(_mm256_sub_ps(one, f), lo));
-            const __m256 corrected =
-                _mm256_sub_ps(_mm256_add_ps(_mm256_load_ps(dB + j), TruncV(load(fppn + c0, j))), TruncV(wig));
-            if (n - j >= 8)
-                _mm256_storeu_ps(dOut + c0 + j, WrapV(corrected, vRange));
-            else
-                _mm256_maskstore_ps(dOut + c0 + j, mask(j), WrapV(corrected, vRange));
+            const V f = hn::Load(d, fB + j);
+            const V w1 = hn::IfThenElse(hn::Gt(f, zero), hi, lo);
+            const V wig = hn::MulAdd(f, w1, hn::Mul(hn::Sub(one, f), lo));
+            const V corrected = hn::Sub(hn::Add(hn::Load(d, dB + j), TruncV(hn::LoadU(d, p0 + j))), TruncV(wig));
+            hn::StoreU(WrapV(corrected, vRange), d, o0 + j);
         }
+        if (o0 == oT)
+            std::copy(oT, oT + n, dOut + c0);
     }
 }
-#else
-// Elsewhere (the baseline: SSE4.2, NEON) the row goes in blocks of 64 pixels through
-// three loops: the distances, fractions and table indices, which the compiler
-// vectorises; the two table entries of each pixel, read one by one (no gathers); and
-// the interpolation and corrections, vectorised again. Each step is Wiggling's own.
-constexpr int kLookupBlock = 64;
-
-void RowDistance(const float* __restrict iv, const float* __restrict qv,
-                 const float* __restrict fppn, const float* __restrict table,
-                 float phaseToMm, float offset, float range, float step, int32_t foldCount,
-                 int W, float* __restrict dOut)
-{
-    // The count clamped as Wiggling clamps it (the indices lie in [0, 1e6 + 1]).
-    const int32_t count = std::min(std::max(foldCount, -256), 1 << 24);
-    float dB[kLookupBlock], fB[kLookupBlock], loB[kLookupBlock], hiB[kLookupBlock];
-    int32_t k0B[kLookupBlock], k1B[kLookupBlock];
-    for (int c0 = 0; c0 < W; c0 += kLookupBlock) {
-        const int n = std::min(kLookupBlock, W - c0);
-        for (int j = 0; j < n; ++j) {
-            const float d = Wrap(Atan2(qv[c0 + j], iv[c0 + j]) * phaseToMm + offset, range);
-            float x = step * d;
-            x = x > 0.0f ? x : 0.0f;  // NaN too
-            x = x < 1.0e6f ? x : 1.0e6f;
-            int32_t k0 = static_cast<int32_t>(x);
-            const float f = x - static_cast<float>(k0);
-            int32_t k1 = k0 + (f > 0.0f);
-            k0 -= (k0 > count) * (count - 1);
-            k1 -= (k1 > count) * (count - 1);
-            dB[j] = d;
-            fB[j] = f;
-            k0B[j] = std::min(std::max(k0, 0), 255);
-            k1B[j] = std::min(std::max(k1, 0), 255);
-        }
-        for (int j = 0; j < n; ++j) {
-            loB[j] = table[k0B[j]];
-            hiB[j] = table[k1B[j]];
-        }
-        for (int j = 0; j < n; ++j) {
-            const float wig = (1.0f - fB[j]) * loB[j] + fB[j] * hiB[j];
-            dOut[c0 + j] = Wrap(dB[j] + Trunc(fppn[c0 + j]) - Trunc(wig), range);
-        }
-    }
-}
-#endif
 
 struct UnwrapConstants {
     float minEnergy, rangeC, ratio1, ratio2, invR1, invR2;
@@ -451,6 +276,14 @@ void RowUnwrapScalar(const UnwrapConstants k, const float* __restrict d1s,
 #if defined(__AVX2__) && defined(__FMA__) && !defined(__AVX512F__)
 // With AVX2, eight pixels at a time written with intrinsics: the clamps become
 // minimum and maximum, which the vectoriser makes into compares and blends.
+inline __m256 Select(__m256 mask, __m256 yes, __m256 no) { return _mm256_blendv_ps(no, yes, mask); }
+
+inline __m256 Wrap8(__m256 d, __m256 range)
+{
+    d = Select(_mm256_cmp_ps(d, _mm256_setzero_ps(), _CMP_LT_OQ), _mm256_add_ps(d, range), d);
+    return Select(_mm256_cmp_ps(d, range, _CMP_GT_OQ), _mm256_sub_ps(d, range), d);
+}
+
 void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float* __restrict d2s,
                const float* __restrict e1, const float* __restrict e2,
                const int32_t* __restrict sat, const float* __restrict rays, int W,
@@ -467,7 +300,7 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float
     int c = 0;
     for (; c + 8 <= W; c += 8) {
         const __m256 d1 = _mm256_loadu_ps(d1s + c), d2 = _mm256_loadu_ps(d2s + c);
-        const __m256 e = WrapV(_mm256_fmsub_ps(ratio1, d1, _mm256_mul_ps(ratio2, d2)), rangeC);
+        const __m256 e = Wrap8(_mm256_fmsub_ps(ratio1, d1, _mm256_mul_ps(ratio2, d2)), rangeC);
         // (kf > -1e6 ? kf : -1e6) is the maximum with -1e6 second, NaN included.
         // The index stays a float (truncated, at most 1e6): its product with the range
         // (below 2^24) is the exact integer product rounded once, as in integers.

@@ -1,7 +1,7 @@
-// Scalar pieces of the depth converters' kernels, for the kernel files only (each is
-// compiled once per target, and these functions with it): the polynomial arctangent,
-// the one-shot wrap, the truncations and the wiggling look-up, all branch-free so that
-// the loops around them vectorise.
+// Pieces of the depth converters' kernels, for the kernel files only (each is compiled
+// once per target, and these functions with it): the polynomial arctangent, the
+// one-shot wrap and the truncations, on Highway vectors; the wrap and the 16-bit
+// truncation also on single values, branch-free, for the loops the compiler vectorises.
 #ifndef QVRECONSTRUCTION_SRC_DEPTH_KERNEL_MATH_H
 #define QVRECONSTRUCTION_SRC_DEPTH_KERNEL_MATH_H
 
@@ -25,46 +25,10 @@ constexpr float kQuarterPi = 0.78539816339745f;
 constexpr float kAtanCoef[5] = {-3.3333301544e-01f, 1.9997815788e-01f, -1.4233340323e-01f,
                                 1.0528951138e-01f, -5.9327166528e-02f};
 
-// atan2 within about 1e-7 rad: atan on [0, 1], reduced to |u| <= tan(pi/8) by
-// atan(t) = pi/4 + atan((t - 1) / (t + 1)) above tan(pi/8) (formed from lo and hi
-// directly, so one division serves both cases), where the degree-11 odd polynomial
-// above is below float resolution; then folded into the four quadrants. Exact for the common exact cases: atan2(0, 0) = 0,
-// atan2(0, x < 0) = pi (integer differences give +0), and |y| = |x| (pi/4 multiples).
-inline float Atan2(float y, float x)
-{
-    const float ax = std::fabs(x), ay = std::fabs(y);
-    const float hi = ax > ay ? ax : ay;
-    const float lo = ax > ay ? ay : ax;
-    // One division: above tan(pi/8), u = (t - 1) / (t + 1) = (lo - hi) / (lo + hi).
-    const bool reduce = lo > 0.41421356f * hi;
-    const float num = reduce ? lo - hi : lo;
-    const float den = reduce ? lo + hi : std::max(hi, 1.0e-30f);  // 0 / 0 would be NaN; lo is 0 then
-    const float u = num / den;
-    const float s = u * u;
-    float p = kAtanCoef[4];
-    p = p * s + kAtanCoef[3];
-    p = p * s + kAtanCoef[2];
-    p = p * s + kAtanCoef[1];
-    p = p * s + kAtanCoef[0];
-    const float atanU = u + u * s * p;
-    float a = reduce ? kQuarterPi + atanU : atanU;
-    a = ay > ax ? kHalfPi - a : a;
-    a = x < 0.0f ? kPi - a : a;
-    return y < 0.0f ? -a : a;
-}
-
 inline float Wrap(float d, float range)
 {
     d = d < 0.0f ? d + range : d;
     return d > range ? d - range : d;
-}
-
-// Truncation toward zero of a value kept within +-2^30 (NaN gives 0), as float.
-inline float Trunc(float v)
-{
-    v = v > -1.0e9f ? v : -1.0e9f;  // NaN takes this side
-    v = v < 1.0e9f ? v : 1.0e9f;
-    return static_cast<float>(static_cast<int32_t>(v));
 }
 
 // Low 16 bits of the truncation toward zero; 0 for NaN and beyond the int32 range
@@ -75,25 +39,64 @@ inline int32_t TruncLow16(float v)
     return static_cast<int32_t>(inRange ? v : 0.0f) & 0xFFFF;
 }
 
-// Wiggling look-up at x = step * d: an index beyond `count` folds back by count - 1
-// (pass INT32_MAX for no folding); indices are kept inside the 256-entry table.
-inline float Wiggling(const float* table, float step, float d, int32_t count)
+// atan2 lane by lane within 3e-7 rad (float's own spacing near pi is 2.4e-7), for
+// inputs that are not NaN: atan on [0, 1], reduced to |u| <= tan(pi/8) by
+// atan(t) = pi/4 + atan((t - 1) / (t + 1)) above tan(pi/8) (formed from lo and hi
+// directly, so one division serves both cases), where the degree-11 odd polynomial
+// above is below float resolution; then folded into the four quadrants by the signs of
+// x and y, as std::atan2 does (signed zeros included). Exact for the common exact
+// cases: atan2(0, 0) = 0, atan2(0, x < 0) = pi, and |y| = |x| (pi/4 multiples).
+template <class D, class V = hn::Vec<D>>
+inline V Atan2V(D d, V y, V x)
 {
-    float x = step * d;
-    x = x > 0.0f ? x : 0.0f;  // NaN too
-    x = x < 1.0e6f ? x : 1.0e6f;
-    int32_t k0 = static_cast<int32_t>(x);
-    const float f = x - static_cast<float>(k0);
-    int32_t k1 = k0 + (f > 0.0f);
-    // k0 and k1 lie in [0, 1e6 + 1]: every count below -256 folds them past the table's
-    // end and every count above 2^24 never folds them, so clamping the count changes
-    // nothing but keeps the fold from overflowing.
-    count = std::min(std::max(count, -256), 1 << 24);
-    k0 -= (k0 > count) * (count - 1);
-    k1 -= (k1 > count) * (count - 1);
-    k0 = std::min(std::max(k0, 0), 255);
-    k1 = std::min(std::max(k1, 0), 255);
-    return (1.0f - f) * table[k0] + f * table[k1];
+    const V ax = hn::Abs(x), ay = hn::Abs(y);
+    const V hi = hn::Max(ax, ay), lo = hn::Min(ax, ay);
+    const auto reduce = hn::Gt(lo, hn::Mul(hn::Set(d, 0.41421356f), hi));
+    const V num = hn::IfThenElse(reduce, hn::Sub(lo, hi), lo);
+    // 0 / 0 would be NaN; lo is 0 then.
+    const V den = hn::IfThenElse(reduce, hn::Add(lo, hi), hn::Max(hi, hn::Set(d, 1.0e-30f)));
+    const V u = hn::Div(num, den);
+    const V s = hn::Mul(u, u);
+    V p = hn::Set(d, kAtanCoef[4]);
+    p = hn::MulAdd(p, s, hn::Set(d, kAtanCoef[3]));
+    p = hn::MulAdd(p, s, hn::Set(d, kAtanCoef[2]));
+    p = hn::MulAdd(p, s, hn::Set(d, kAtanCoef[1]));
+    p = hn::MulAdd(p, s, hn::Set(d, kAtanCoef[0]));
+    V a = hn::MulAdd(hn::Mul(u, s), p, u);
+    a = hn::Add(a, hn::IfThenElseZero(reduce, hn::Set(d, kQuarterPi)));
+    a = hn::IfThenElse(hn::Gt(ay, ax), hn::Sub(hn::Set(d, kHalfPi), a), a);
+    a = hn::IfNegativeThenElse(x, hn::Sub(hn::Set(d, kPi), a), a);
+    return hn::CopySignToAbs(a, y);
+}
+
+// d + range below 0, d - range above range (the distance's one-shot wrap).
+template <class V>
+inline V WrapV(V d, V range)
+{
+    const auto zero = hn::Zero(hn::DFromV<V>());
+    d = hn::IfThenElse(hn::Lt(d, zero), hn::Add(d, range), d);
+    return hn::IfThenElse(hn::Gt(d, range), hn::Sub(d, range), d);
+}
+
+// v kept within [lo, hi], NaN giving lo. On x86 the minimum and maximum give their
+// second operand for NaN; elsewhere NaN needs the compares.
+template <class V>
+inline V ClampV(V v, V lo, V hi)
+{
+#if HWY_ARCH_X86
+    return hn::Min(hn::Max(v, lo), hi);
+#else
+    v = hn::IfThenElse(hn::Gt(v, lo), v, lo);
+    return hn::IfThenElse(hn::Lt(v, hi), v, hi);
+#endif
+}
+
+// Trunc: the integer part, kept within +-1e9 (NaN gives -1e9).
+template <class V>
+inline V TruncV(V v)
+{
+    const hn::DFromV<V> d;
+    return hn::Trunc(ClampV(v, hn::Set(d, -1.0e9f), hn::Set(d, 1.0e9f)));
 }
 
 }  // namespace

@@ -1,5 +1,10 @@
 // The single-frequency converter's kernel, compiled once per target (see
-// simd/targets.h): one branch-free loop per row that the compiler vectorises.
+// simd/targets.h) and written once over Highway vectors. Each row goes in blocks of
+// kBlock pixels through three loops: the samples, distance and table indices in
+// vectors; the table's two entries of each pixel read one by one (no gathers); and the
+// interpolation, corrections and depth in vectors again. Each step is the plain
+// kernel's; the arctangent is the polynomial one (kernel_math.h).
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -9,27 +14,107 @@
 namespace qvapi {
 namespace QV_KERNEL_NS {
 
+namespace {
+
+constexpr int kBlock = 64;
+
+}  // namespace
+
 void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int height,
                           const SingleFreqParams& p, const float* fppnOffset, const float* radialToZ,
                           float halfRangeMinusComp, float minEnergy)
 {
+    const hn::ScalableTag<float> d;
+    const hn::RebindToSigned<decltype(d)> di;
+    const hn::RebindToUnsigned<decltype(d)> du32;
+    const hn::Repartition<uint16_t, decltype(d)> du16;  // a sample pair per float lane
+    const hn::Rebind<uint16_t, decltype(d)> dOut;      // a depth per float lane
+    using V = hn::Vec<decltype(d)>;
+    const int N = static_cast<int>(hn::Lanes(d));
+
     const float range = static_cast<float>(p.rangeMm);
+    const V vRange = hn::Set(d, range), vScale = hn::Set(d, p.phaseToMm);
+    const V vOffset = hn::Set(d, p.depthOffset), vShift = hn::Set(d, halfRangeMinusComp);
+    const V vStep = hn::Set(d, p.tableStep), vEnergy = hn::Set(d, minEnergy);
+    const V zero = hn::Zero(d), one = hn::Set(d, 1.0f), xMax = hn::Set(d, 1.0e6f);
+    const V int32Low = hn::Set(d, -2147483648.0f), int32High = hn::Set(d, 2147483648.0f);
+    // The fold as Wiggling does it, with the count clamped (indices lie in [0, 1e6 + 1]).
+    const int32_t count = std::min(std::max(p.tableCount, -256), 1 << 24);
+    const auto vCount = hn::Set(di, count), vFold = hn::Set(di, count - 1);
+    const auto firstEntry = hn::Zero(di), lastEntry = hn::Set(di, 255), oneStep = hn::Set(di, 1);
+    const auto low16 = hn::Set(di, 0xFFFF);
+
+    HWY_ALIGN float dB[kBlock], fB[kBlock], loB[kBlock], hiB[kBlock], strongB[kBlock];
+    HWY_ALIGN int32_t k0B[kBlock], k1B[kBlock];
+    // The row's last, partial block goes through these, padded to whole vectors.
+    HWY_ALIGN uint16_t h0T[2 * kBlock], h1T[2 * kBlock], oT[kBlock];
+    HWY_ALIGN float fT[kBlock], rT[kBlock];
+
     for (int r = 0; r < height; ++r) {
-        const uint16_t* h0 = raw + 4 * static_cast<size_t>(width) * r;
-        const uint16_t* h1 = h0 + 2 * static_cast<size_t>(width);
+        const uint16_t* h0Row = raw + 4 * static_cast<size_t>(width) * r;
+        const uint16_t* h1Row = h0Row + 2 * static_cast<size_t>(width);
         const size_t rowBase = static_cast<size_t>(r) * width;
-        const float* fppn = fppnOffset + rowBase;
-        const float* ray = radialToZ + rowBase;
-        uint16_t* out = depth + rowBase;
-        for (int c = 0; c < width; ++c) {
-            const int32_t s0 = h0[2 * c], s1 = h0[2 * c + 1], s2 = h1[2 * c], s3 = h1[2 * c + 1];
-            const float I = static_cast<float>(s0 - s3), Q = static_cast<float>(s2 - s1);
-            const bool strong = I * I + Q * Q >= minEnergy;
-            float d = Atan2(Q, I) * p.phaseToMm + p.depthOffset;
-            d = Wrap(d + halfRangeMinusComp, range);
-            const float wig = Wiggling(p.table, p.tableStep, d, p.tableCount);
-            d = Wrap((d + fppn[c]) - Trunc(wig), range);
-            out[c] = static_cast<uint16_t>(strong * TruncLow16(d * ray[c]));
+        for (int c0 = 0; c0 < width; c0 += kBlock) {
+            const int n = std::min(kBlock, width - c0);
+            const int padded = (n + N - 1) / N * N;
+            const uint16_t *h0 = h0Row + 2 * c0, *h1 = h1Row + 2 * c0;
+            const float *fppn = fppnOffset + rowBase + c0, *ray = radialToZ + rowBase + c0;
+            uint16_t* out = depth + rowBase + c0;
+            if (padded != n) {
+                std::fill(std::copy(h0, h0 + 2 * n, h0T), h0T + 2 * padded, uint16_t{0});
+                std::fill(std::copy(h1, h1 + 2 * n, h1T), h1T + 2 * padded, uint16_t{0});
+                std::fill(std::copy(fppn, fppn + n, fT), fT + padded, 0.0f);
+                std::fill(std::copy(ray, ray + n, rT), rT + padded, 0.0f);
+                h0 = h0T;
+                h1 = h1T;
+                fppn = fT;
+                ray = rT;
+                out = oT;
+            }
+            for (int j = 0; j < padded; j += N) {
+                // Samples s0 s1 on the first half-row, s2 s3 on the second: a pixel's two
+                // words are one 32-bit lane.
+                const auto pair0 = hn::BitCast(di, hn::LoadU(du16, h0 + 2 * j));
+                const auto pair1 = hn::BitCast(di, hn::LoadU(du16, h1 + 2 * j));
+                const auto s0 = hn::And(pair0, low16), s1 = hn::BitCast(di, hn::ShiftRight<16>(hn::BitCast(du32, pair0)));
+                const auto s2 = hn::And(pair1, low16), s3 = hn::BitCast(di, hn::ShiftRight<16>(hn::BitCast(du32, pair1)));
+                const V I = hn::ConvertTo(d, hn::Sub(s0, s3)), Q = hn::ConvertTo(d, hn::Sub(s2, s1));
+                // Exact: both squares and their sum are integers below 2^24.
+                const auto strong = hn::Ge(hn::MulAdd(I, I, hn::Mul(Q, Q)), vEnergy);
+                hn::Store(hn::IfThenElseZero(strong, one), d, strongB + j);
+                V dist = hn::MulAdd(Atan2V(d, Q, I), vScale, vOffset);
+                dist = WrapV(hn::Add(dist, vShift), vRange);
+                // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0), folded
+                // beyond the table's count and kept inside its 256 entries.
+                const V x = ClampV(hn::Mul(vStep, dist), zero, xMax);
+                auto k0 = hn::ConvertTo(di, x);
+                const V f = hn::Sub(x, hn::ConvertTo(d, k0));
+                auto k1 = hn::IfThenElse(hn::RebindMask(di, hn::Gt(f, zero)), hn::Add(k0, oneStep), k0);
+                k0 = hn::IfThenElse(hn::Gt(k0, vCount), hn::Sub(k0, vFold), k0);
+                k1 = hn::IfThenElse(hn::Gt(k1, vCount), hn::Sub(k1, vFold), k1);
+                hn::Store(dist, d, dB + j);
+                hn::Store(f, d, fB + j);
+                hn::Store(hn::Min(hn::Max(k0, firstEntry), lastEntry), di, k0B + j);
+                hn::Store(hn::Min(hn::Max(k1, firstEntry), lastEntry), di, k1B + j);
+            }
+            for (int j = 0; j < padded; ++j) {
+                loB[j] = p.table[k0B[j]];
+                hiB[j] = p.table[k1B[j]];
+            }
+            for (int j = 0; j < padded; j += N) {
+                const V f = hn::Load(d, fB + j);
+                const V wig = hn::MulAdd(f, hn::Load(d, hiB + j), hn::Mul(hn::Sub(one, f), hn::Load(d, loB + j)));
+                const V dist = WrapV(hn::Sub(hn::Add(hn::Load(d, dB + j), hn::LoadU(d, fppn + j)), TruncV(wig)), vRange);
+                // The low 16 bits of the truncated depth; 0 for NaN and beyond the
+                // int32 range, and for weak pixels.
+                V z = hn::Mul(dist, hn::LoadU(d, ray + j));
+                z = hn::IfThenElseZero(hn::And(hn::Gt(z, int32Low), hn::Lt(z, int32High)), z);
+                z = hn::Mul(z, hn::Load(d, strongB + j));
+                const auto value = hn::And(hn::ConvertTo(di, z), low16);
+                hn::StoreU(hn::DemoteTo(dOut, value), dOut, out + j);
+            }
+            if (out == oT)
+                std::copy(oT, oT + n, depth + rowBase + c0);
         }
     }
 }
