@@ -1,9 +1,9 @@
 // The dual-frequency converter's kernel, compiled once per target (see simd/targets.h).
 //
-// Every loop here is branch-free (selects instead of jumps), calls no library
-// function and allocates nothing, so that the compiler turns it into vector code; the
-// distance row, whose table look-ups the compiler can only emulate, is written with
-// intrinsics for AVX2 and AVX-512. The arithmetic follows DualFreqDepth step by step;
+// Every step of a row is written once over Highway vectors (whole vectors, then the
+// row's last pixels by the scalar loops), branch-free, calling no library function and
+// allocating nothing; the distance row's table look-ups go through small blocks, read
+// one by one. The arithmetic follows DualFreqDepth step by step;
 // the differences are the polynomial arctangent, single precision where the plain
 // kernel rounds through double, fused multiply-adds, and the amplitude test done on
 // integer energies (exact).
@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+
+#include <hwy/cache_control.h>
 
 #include "depth/dual_freq.h"
 #include "depth/kernel_math.h"
@@ -71,10 +73,20 @@ void RowSamplesScalar(const uint16_t* __restrict q0, const uint16_t* __restrict 
     }
 }
 
-#if defined(__AVX2__)
-// With AVX2, eight pixels at a time: a pixel's two words of a sub-row are one 32-bit
-// lane. In every flip mode A and D share a sub-row, B and C the other, and A and B are
-// both the even or both the odd word.
+// A pixel's two words of a sub-row are one 32-bit lane; this is the even word or the odd.
+template <bool kOdd, class VU>
+inline hn::Vec<hn::RebindToSigned<hn::DFromV<VU>>> Word(VU pair)
+{
+    const hn::RebindToSigned<hn::DFromV<VU>> di;
+    if constexpr (kOdd)
+        return hn::BitCast(di, hn::ShiftRight<16>(pair));
+    else
+        return hn::BitCast(di, hn::And(pair, hn::Set(hn::DFromV<VU>(), 0xFFFFu)));
+}
+
+// The same over whole vectors, then the scalar loop for the row's last pixels. In every
+// flip mode A and D share a sub-row, B and C the other, and A and B are both the even
+// or both the odd word.
 template <int kA, int kB, int kC, int kD>
 void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
                 const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
@@ -84,58 +96,57 @@ void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
 {
     static_assert(kA / 2 == kD / 2 && kB / 2 == kC / 2 && kA % 2 == kB % 2, "sample roles");
     constexpr size_t kRowA = kA < 2 ? 0 : 1, kRowB = 1 - kRowA;
-    constexpr int kShiftA = kA % 2 ? 16 : 0, kShiftD = 16 - kShiftA;
-    const __m256i low = _mm256_set1_epi32(0xFFFF), full = _mm256_set1_epi16(1023);
+    constexpr bool kOddA = kA % 2 == 1, kOddD = !kOddA;
+    const hn::ScalableTag<float> d;
+    const hn::RebindToSigned<decltype(d)> di;
+    const hn::RebindToUnsigned<decltype(d)> du32;
+    const hn::Repartition<uint16_t, decltype(d)> du16;
+    const int N = static_cast<int>(hn::Lanes(d));
+    const auto full = hn::Set(di, 1023), one = hn::Set(di, 1), two = hn::Set(di, 2);
     int c = 0;
-    for (; c + 8 <= W; c += 8) {
+    for (; c + N <= W; c += N) {
         const size_t w = 2 * static_cast<size_t>(c);
-        const auto load = [&](const uint16_t* q, size_t row) {
-            return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q + row * half + w));
-        };
-        const auto word = [&](__m256i pair, int shift) {
-            return shift ? _mm256_srli_epi32(pair, 16) : _mm256_and_si256(pair, low);
-        };
         // The samples two rows on, a cache line per stream every 16 pixels: the eight
         // streams lie a plane apart and the hardware prefetchers lose them while the
         // distance loops run.
         if ((c & 15) == 0)
             for (const uint16_t* q : {q0, q1, q2, q3})
                 for (size_t row = 0; row < 2; ++row)
-                    _mm_prefetch(reinterpret_cast<const char*>(q + row * half + w + 4 * half), _MM_HINT_T0);
-        const __m256i ad0 = load(q0, kRowA), bc0 = load(q0, kRowB), ad1 = load(q1, kRowA), bc1 = load(q1, kRowB);
-        const __m256i ad2 = load(q2, kRowA), bc2 = load(q2, kRowB), ad3 = load(q3, kRowA), bc3 = load(q3, kRowB);
-        const __m256i A0 = word(ad0, kShiftA), D0 = word(ad0, kShiftD), B0 = word(bc0, kShiftA), C0 = word(bc0, kShiftD);
-        const __m256i A1 = word(ad1, kShiftA), D1 = word(ad1, kShiftD), B1 = word(bc1, kShiftA), C1 = word(bc1, kShiftD);
-        const __m256i A2 = word(ad2, kShiftA), D2 = word(ad2, kShiftD), B2 = word(bc2, kShiftA), C2 = word(bc2, kShiftD);
-        const __m256i A3 = word(ad3, kShiftA), D3 = word(ad3, kShiftD), B3 = word(bc3, kShiftA), C3 = word(bc3, kShiftD);
-        const auto diff = [](__m256i a, __m256i b, __m256i c, __m256i d) {
-            return _mm256_cvtepi32_ps(_mm256_sub_epi32(_mm256_sub_epi32(a, b), _mm256_sub_epi32(c, d)));
+                    hwy::Prefetch(q + row * half + w + 4 * half);
+        const auto load = [&](const uint16_t* q, size_t row) {
+            return hn::BitCast(du32, hn::LoadU(du16, q + row * half + w));
         };
-        _mm256_storeu_ps(i1 + c, diff(A2, A3, C2, C3));
-        _mm256_storeu_ps(qq1 + c, diff(B2, B3, D2, D3));
-        _mm256_storeu_ps(i2 + c, diff(A0, A1, C0, C1));
-        _mm256_storeu_ps(qq2 + c, diff(B0, B1, D0, D1));
-        const auto energy = [](__m256i a, __m256i b, __m256i c, __m256i d) {
-            const __m256 ex = _mm256_cvtepi32_ps(_mm256_sub_epi32(b, d)), ey = _mm256_cvtepi32_ps(_mm256_sub_epi32(a, c));
-            return _mm256_fmadd_ps(ex, ex, _mm256_mul_ps(ey, ey));
+        const auto ad0 = load(q0, kRowA), bc0 = load(q0, kRowB), ad1 = load(q1, kRowA), bc1 = load(q1, kRowB);
+        const auto ad2 = load(q2, kRowA), bc2 = load(q2, kRowB), ad3 = load(q3, kRowA), bc3 = load(q3, kRowB);
+        const auto A0 = Word<kOddA>(ad0), D0 = Word<kOddD>(ad0), B0 = Word<kOddA>(bc0), C0 = Word<kOddD>(bc0);
+        const auto A1 = Word<kOddA>(ad1), D1 = Word<kOddD>(ad1), B1 = Word<kOddA>(bc1), C1 = Word<kOddD>(bc1);
+        const auto A2 = Word<kOddA>(ad2), D2 = Word<kOddD>(ad2), B2 = Word<kOddA>(bc2), C2 = Word<kOddD>(bc2);
+        const auto A3 = Word<kOddA>(ad3), D3 = Word<kOddD>(ad3), B3 = Word<kOddA>(bc3), C3 = Word<kOddD>(bc3);
+        const auto diff = [&](auto a, auto b, auto cc, auto dd) {
+            return hn::ConvertTo(d, hn::Sub(hn::Sub(a, b), hn::Sub(cc, dd)));
         };
-        _mm256_storeu_ps(e1 + c, energy(A3, B3, C3, D3));
-        _mm256_storeu_ps(e2 + c, energy(A0, B0, C0, D0));
-        // Any of a frequency's four words at 1023: 1 for the first, 2 for the second.
-        const __m256i full2 = _mm256_or_si256(_mm256_cmpeq_epi16(ad2, full), _mm256_cmpeq_epi16(bc2, full));
-        const __m256i full0 = _mm256_or_si256(_mm256_cmpeq_epi16(ad0, full), _mm256_cmpeq_epi16(bc0, full));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(sat + c),
-                            _mm256_or_si256(_mm256_min_epu32(full2, _mm256_set1_epi32(1)),
-                                            _mm256_min_epu32(full0, _mm256_set1_epi32(2))));
+        hn::StoreU(diff(A2, A3, C2, C3), d, i1 + c);
+        hn::StoreU(diff(B2, B3, D2, D3), d, qq1 + c);
+        hn::StoreU(diff(A0, A1, C0, C1), d, i2 + c);
+        hn::StoreU(diff(B0, B1, D0, D1), d, qq2 + c);
+        // Energies in float are exact below 2^24, and on the right side of the
+        // threshold above it (the threshold's energy is below 2^24).
+        const auto energy = [&](auto a, auto b, auto cc, auto dd) {
+            const auto ex = hn::ConvertTo(d, hn::Sub(b, dd)), ey = hn::ConvertTo(d, hn::Sub(a, cc));
+            return hn::MulAdd(ex, ex, hn::Mul(ey, ey));
+        };
+        hn::StoreU(energy(A3, B3, C3, D3), d, e1 + c);
+        hn::StoreU(energy(A0, B0, C0, D0), d, e2 + c);
+        const auto saturated = [&](auto a, auto b, auto cc, auto dd) {
+            return hn::Or(hn::Or(hn::Eq(a, full), hn::Eq(b, full)), hn::Or(hn::Eq(cc, full), hn::Eq(dd, full)));
+        };
+        hn::StoreU(hn::Add(hn::IfThenElseZero(saturated(A2, B2, C2, D2), one),
+                           hn::IfThenElseZero(saturated(A0, B0, C0, D0), two)),
+                   di, sat + c);
     }
     RowSamplesScalar<kA, kB, kC, kD>(q0 + 2 * c, q1 + 2 * c, q2 + 2 * c, q3 + 2 * c, half, W - c, i1 + c,
                                      qq1 + c, e1 + c, i2 + c, qq2 + c, e2 + c, sat + c);
 }
-#else
-// Elsewhere the plain loop is the row (the compiler vectorises it).
-template <int kA, int kB, int kC, int kD>
-constexpr auto RowSamples = RowSamplesScalar<kA, kB, kC, kD>;
-#endif
 
 // 2. The row's calibration at the flipped, binned positions, made contiguous (only
 // needed when the positions run backwards or skip).
@@ -273,78 +284,61 @@ void RowUnwrapScalar(const UnwrapConstants k, const float* __restrict d1s,
     }
 }
 
-#if defined(__AVX2__) && defined(__FMA__) && !defined(__AVX512F__)
-// With AVX2, eight pixels at a time written with intrinsics: the clamps become
-// minimum and maximum, which the vectoriser makes into compares and blends.
-inline __m256 Select(__m256 mask, __m256 yes, __m256 no) { return _mm256_blendv_ps(no, yes, mask); }
-
-inline __m256 Wrap8(__m256 d, __m256 range)
-{
-    d = Select(_mm256_cmp_ps(d, _mm256_setzero_ps(), _CMP_LT_OQ), _mm256_add_ps(d, range), d);
-    return Select(_mm256_cmp_ps(d, range, _CMP_GT_OQ), _mm256_sub_ps(d, range), d);
-}
-
+// The same over whole vectors, then the scalar loop for the row's last pixels.
 void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float* __restrict d2s,
                const float* __restrict e1, const float* __restrict e2,
                const int32_t* __restrict sat, const float* __restrict rays, int W,
                uint16_t* __restrict out, int32_t* __restrict reachOut)
 {
-    const __m256 ratio1 = _mm256_set1_ps(k.ratio1), ratio2 = _mm256_set1_ps(k.ratio2);
-    const __m256 rangeC = _mm256_set1_ps(k.rangeC), invR1 = _mm256_set1_ps(k.invR1);
-    const __m256 invR2 = _mm256_set1_ps(k.invR2), half = _mm256_set1_ps(0.5f);
-    const __m256 lowest = _mm256_set1_ps(-1.0e6f), highest = _mm256_set1_ps(1.0e6f);
-    const __m256 minEnergy = _mm256_set1_ps(k.minEnergy), zero = _mm256_setzero_ps();
-    const __m256 noSign = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
-    const __m256 R1 = _mm256_set1_ps(static_cast<float>(k.R1)), R2 = _mm256_set1_ps(static_cast<float>(k.R2));
-    const __m256i one = _mm256_set1_epi32(1);
+    const hn::ScalableTag<float> d;
+    const hn::RebindToSigned<decltype(d)> di;
+    const hn::Rebind<uint16_t, decltype(d)> dOut;
+    using V = hn::Vec<decltype(d)>;
+    const int N = static_cast<int>(hn::Lanes(d));
+    const V ratio1 = hn::Set(d, k.ratio1), ratio2 = hn::Set(d, k.ratio2);
+    const V rangeC = hn::Set(d, k.rangeC), invR1 = hn::Set(d, k.invR1), invR2 = hn::Set(d, k.invR2);
+    const V half = hn::Set(d, 0.5f), lowest = hn::Set(d, -1.0e6f), highest = hn::Set(d, 1.0e6f);
+    const V minEnergy = hn::Set(d, k.minEnergy), zero = hn::Zero(d), limit = hn::Set(d, 200.0f);
+    const V int32Low = hn::Set(d, -2147483648.0f), int32High = hn::Set(d, 2147483648.0f);
+    const V R1 = hn::Set(d, static_cast<float>(k.R1)), R2 = hn::Set(d, static_cast<float>(k.R2));
+    const auto one = hn::Set(di, 1), two = hn::Set(di, 2), low16 = hn::Set(di, 0xFFFF);
     int c = 0;
-    for (; c + 8 <= W; c += 8) {
-        const __m256 d1 = _mm256_loadu_ps(d1s + c), d2 = _mm256_loadu_ps(d2s + c);
-        const __m256 e = Wrap8(_mm256_fmsub_ps(ratio1, d1, _mm256_mul_ps(ratio2, d2)), rangeC);
-        // (kf > -1e6 ? kf : -1e6) is the maximum with -1e6 second, NaN included.
-        // The index stays a float (truncated, at most 1e6): its product with the range
-        // (below 2^24) is the exact integer product rounded once, as in integers.
-        const auto index = [&](__m256 d, __m256 inv) {
-            const __m256 kf = _mm256_fmadd_ps(_mm256_sub_ps(e, d), inv, half);
-            return _mm256_round_ps(_mm256_min_ps(_mm256_max_ps(kf, lowest), highest),
-                                   _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+    for (; c + N <= W; c += N) {
+        const V d1 = hn::LoadU(d, d1s + c), d2 = hn::LoadU(d, d2s + c);
+        const V e = WrapV(hn::MulSub(ratio1, d1, hn::Mul(ratio2, d2)), rangeC);
+        // The index stays a float (truncated, within +-1e6, NaN at -1e6): its product
+        // with the range (below 2^24) is the exact integer product rounded once, as in
+        // integers.
+        const auto index = [&](V dist, V inv) {
+            return hn::Trunc(ClampV(hn::MulAdd(hn::Sub(e, dist), inv, half), lowest, highest));
         };
-        __m256 D1 = _mm256_add_ps(d1, _mm256_mul_ps(index(d1, invR1), R1));
-        const __m256 D2 = _mm256_add_ps(d2, _mm256_mul_ps(index(d2, invR2), R2));
-        const __m256 z = _mm256_mul_ps(_mm256_mul_ps(_mm256_loadu_ps(rays + c), half), _mm256_add_ps(D1, D2));
-        D1 = Select(_mm256_cmp_ps(z, zero, _CMP_LT_OQ), _mm256_add_ps(D1, rangeC), D1);
-        const __m256 disagreement = _mm256_sub_ps(
-            Select(_mm256_cmp_ps(z, rangeC, _CMP_GT_OQ), _mm256_sub_ps(D1, rangeC), D1), D2);
-        const __m256 keep = _mm256_and_ps(
-            _mm256_cmp_ps(_mm256_and_ps(disagreement, noSign), _mm256_set1_ps(200.0f), _CMP_LE_OQ),
-            _mm256_and_ps(_mm256_cmp_ps(d1, zero, _CMP_NEQ_UQ), _mm256_cmp_ps(d2, zero, _CMP_NEQ_UQ)));
+        V D1 = hn::MulAdd(index(d1, invR1), R1, d1);
+        const V D2 = hn::MulAdd(index(d2, invR2), R2, d2);
+        const V z = hn::Mul(hn::Mul(hn::LoadU(d, rays + c), half), hn::Add(D1, D2));
+        D1 = hn::IfThenElse(hn::Lt(z, zero), hn::Add(D1, rangeC), D1);
+        const V disagreement = hn::Sub(hn::IfThenElse(hn::Gt(z, rangeC), hn::Sub(D1, rangeC), D1), D2);
+        const auto keep = hn::And(hn::Le(hn::Abs(disagreement), limit),
+                                  hn::And(hn::Ne(d1, zero), hn::Ne(d2, zero)));
 
-        // Lanes as 0 / -1 masks: reach1 = not saturated at the first frequency and
-        // strong there; reach2 = reach1 and the same at the second; the mark 1 for
-        // saturation at the first frequency or, reached, at the second.
-        const __m256i s = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sat + c));
-        const __m256i sat1 = _mm256_cmpeq_epi32(_mm256_and_si256(s, one), one);
-        const __m256i sat2 = _mm256_cmpeq_epi32(_mm256_and_si256(s, _mm256_set1_epi32(2)), _mm256_set1_epi32(2));
-        const __m256i strong1 = _mm256_castps_si256(_mm256_cmp_ps(_mm256_loadu_ps(e1 + c), minEnergy, _CMP_GE_OQ));
-        const __m256i strong2 = _mm256_castps_si256(_mm256_cmp_ps(_mm256_loadu_ps(e2 + c), minEnergy, _CMP_GE_OQ));
-        const __m256i reach1 = _mm256_andnot_si256(sat1, strong1);
-        const __m256i reach2 = _mm256_and_si256(_mm256_andnot_si256(sat2, strong2), reach1);
-        const __m256i mark = _mm256_and_si256(_mm256_or_si256(sat1, _mm256_and_si256(reach1, sat2)), one);
-        // The low 16 bits of the truncated depth: NaN and values beyond the int32 range
-        // convert to 0x80000000, whose low 16 bits are 0.
-        const __m256i depth = _mm256_and_si256(_mm256_cvttps_epi32(_mm256_and_ps(z, keep)), _mm256_set1_epi32(0xFFFF));
-        const __m256i value = _mm256_add_epi32(mark, _mm256_and_si256(depth, reach2));
-        const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(value, value), 0x08);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + c), _mm256_castsi256_si128(packed));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(reachOut + c),
-                            _mm256_sub_epi32(_mm256_setzero_si256(), _mm256_add_epi32(reach1, reach2)));
+        // reach1 = not saturated at the first frequency and strong there; reach2 =
+        // reach1 and the same at the second; the mark 1 for saturation at the first
+        // frequency or, reached, at the second.
+        const auto s = hn::LoadU(di, sat + c);
+        const auto sat1 = hn::Eq(hn::And(s, one), one), sat2 = hn::Eq(hn::And(s, two), two);
+        const auto strong1 = hn::RebindMask(di, hn::Ge(hn::LoadU(d, e1 + c), minEnergy));
+        const auto strong2 = hn::RebindMask(di, hn::Ge(hn::LoadU(d, e2 + c), minEnergy));
+        const auto reach1 = hn::AndNot(sat1, strong1);
+        const auto reach2 = hn::And(hn::AndNot(sat2, strong2), reach1);
+        const auto mark = hn::Or(sat1, hn::And(reach1, sat2));
+        // The low 16 bits of the truncated depth; 0 for NaN and beyond the int32 range.
+        const auto inRange = hn::And(hn::Gt(z, int32Low), hn::Lt(z, int32High));
+        const auto depth = hn::And(hn::ConvertTo(di, hn::IfThenElseZero(hn::And(keep, inRange), z)), low16);
+        const auto value = hn::Add(hn::IfThenElseZero(mark, one), hn::IfThenElseZero(reach2, depth));
+        hn::StoreU(hn::DemoteTo(dOut, value), dOut, out + c);
+        hn::StoreU(hn::Add(hn::IfThenElseZero(reach1, one), hn::IfThenElseZero(reach2, one)), di, reachOut + c);
     }
     RowUnwrapScalar(k, d1s + c, d2s + c, e1 + c, e2 + c, sat + c, rays + c, W - c, out + c, reachOut + c);
 }
-#else
-// Elsewhere the plain loop is the row.
-constexpr auto RowUnwrap = RowUnwrapScalar;
-#endif
 
 constexpr int kRowPiece = 128;
 
