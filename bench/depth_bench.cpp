@@ -97,7 +97,7 @@ void DepthStream(benchmark::State& state)
     BENCHMARK(name##_##kind)->Name(#name "/" #kind)->Unit(benchmark::kMillisecond);
 
 QV_FILTER(EdgeFilter, fast, EdgeFilterFast(d, 640, 480))
-QV_FILTER(EdgeFilter, reference, qvapi::EdgeFilter(d, 640, 480))
+QV_FILTER(EdgeFilter, reference, EdgeFilterPlain(d, 640, 480))
 QV_FILTER(EdgeFilterMad, fast, qvapi::EdgeFilterMad(d, 640, 480, 15))
 QV_FILTER(OkadaFilter, fast, qvapi::OkadaFilter(d, 640, 480))
 QV_FILTER(SpeckleFilter, fast, qvapi::SpeckleFilter(d, 640, 480, 100, 30))

@@ -212,7 +212,7 @@ TEST(Parity, EdgeFilterIsExact)
                 for (size_t i = 0; i < img.size(); ++i)
                     img[i] = static_cast<uint16_t>((i / 7) % 3 == 0 ? u(rng) : std::min(top, 1000 + int(i % 50)));
                 std::vector<uint16_t> ref = img, fast = img;
-                EdgeFilter(ref.data(), w, h);
+                EdgeFilterPlain(ref.data(), w, h);
                 EdgeFilterFast(fast.data(), w, h);
                 ASSERT_EQ(ref, fast) << w << "x" << h << " top " << top;
             }
@@ -226,7 +226,7 @@ TEST(Parity, EdgeFilterIsExact)
             img[i] = static_cast<uint16_t>(
                 std::max(0, edge + near(rng) + (i % 3 == 0 ? spread(rng) : 0)));
         std::vector<uint16_t> ref = img, fast = img;
-        EdgeFilter(ref.data(), 640, 20);
+        EdgeFilterPlain(ref.data(), 640, 20);
         EdgeFilterFast(fast.data(), 640, 20);
         ASSERT_EQ(ref, fast) << "means near " << edge;
     }

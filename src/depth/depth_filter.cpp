@@ -18,7 +18,7 @@ void FilterDepthFrame(uint16_t* depth, int width, int height)
     cv::Mat median(height, width, CV_16UC1, cv::Scalar(0));
     cv::medianBlur(view, median, 3);
     median.copyTo(view);
-    EdgeFilter(depth, width, height);
+    EdgeFilterPlain(depth, width, height);
 }
 
 }  // namespace qvapi

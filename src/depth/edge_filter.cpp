@@ -12,7 +12,7 @@ namespace qvapi {
 QV_PER_TARGET(bool EdgeFilterRows(uint16_t* depth, int width, int height);
               void Median3x3InPlace(uint16_t* img, int width, int height, uint16_t* scratch);)
 
-void EdgeFilter(uint16_t* depth, int width, int height)
+void EdgeFilterPlain(uint16_t* depth, int width, int height)
 {
     if (depth == nullptr || width <= 0 || height <= 0)
         return;
@@ -43,10 +43,18 @@ void EdgeFilter(uint16_t* depth, int width, int height)
 void EdgeFilterFast(uint16_t* depth, int width, int height)
 {
     if (depth == nullptr || width <= 0 || height <= 2)
-        return EdgeFilter(depth, width, height);
+        return EdgeFilterPlain(depth, width, height);
     const bool done = QV_DISPATCH(EdgeFilterRows)(depth, width, height);
     if (!done)
-        EdgeFilter(depth, width, height);
+        EdgeFilterPlain(depth, width, height);
+}
+
+void EdgeFilter(uint16_t* depth, int width, int height)
+{
+    if (FastPathsEnabled())
+        EdgeFilterFast(depth, width, height);
+    else
+        EdgeFilterPlain(depth, width, height);
 }
 
 void MedianBlur3x3InPlace(uint16_t* img, int width, int height)

@@ -16,7 +16,10 @@ inline int EdgeThreshold(int mean)
     return 80;
 }
 
-// EdgeFilter with the vector kernel of the running processor (equal results).
+// The edge filter as a plain loop (the reference), and with the vector kernel of the
+// running processor (equal results). The exported EdgeFilter runs the second where
+// fast paths are enabled.
+void EdgeFilterPlain(uint16_t* depth, int width, int height);
 void EdgeFilterFast(uint16_t* depth, int width, int height);
 
 // The 3 x 3 median of a 16-bit image in place, equal to cv::medianBlur(img, img, 3)
