@@ -1,6 +1,9 @@
 #include "simd/targets.h"
 
 #include <atomic>
+#if defined(QV_HAVE_AVX2_KERNELS)
+#include <cpuid.h>
+#endif
 #include <cstdlib>
 #include <string>
 
@@ -16,6 +19,15 @@ std::atomic<bool> g_fastPaths{false};
 std::atomic<bool> g_fastPaths{true};
 #endif
 
+#if defined(QV_HAVE_AVX2_KERNELS)
+// CPUID leaf 1, ECX bit 29 (clang's __builtin_cpu_supports does not know "f16c").
+bool HasF16c()
+{
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    return __get_cpuid(1, &a, &b, &c, &d) != 0 && (c & bit_F16C) != 0;
+}
+#endif
+
 }  // namespace
 
 Target ChosenTarget()
@@ -25,8 +37,7 @@ Target ChosenTarget()
 #if defined(QV_HAVE_AVX2_KERNELS)
         __builtin_cpu_init();
         if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
-            __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2") &&
-            __builtin_cpu_supports("f16c"))
+            __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2") && HasF16c())
             best = Target::Avx2;
 #if defined(QV_HAVE_AVX512_KERNELS)
         if (best == Target::Avx2 && __builtin_cpu_supports("avx512f") &&
