@@ -8,7 +8,6 @@
 // kernel rounds through double, fused multiply-adds, and the amplitude test done on
 // integer energies (exact).
 #include <algorithm>
-#include <climits>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -163,8 +162,8 @@ void RowCalibration(const float* __restrict f1, const float* __restrict f2,
 }
 
 // 3. One frequency's corrected wrapped distance from its phase vector: both corrections
-// by their integer parts, the wiggling index not folded (the row's callers pass
-// INT32_MAX; Wiggling would keep every index below 2^24 unfolded).
+// by their integer parts, the wiggling index not folded (the dual-frequency tables are
+// read without folding).
 //
 // Written once over Highway vectors. The table look-ups are plain loads: the row goes
 // in blocks of kLookupBlock pixels, whose distances, fractions and indices are kept; a
@@ -176,8 +175,8 @@ constexpr int kLookupBlock = 64;
 
 void RowDistance(const float* __restrict iv, const float* __restrict qv,
                  const float* __restrict fppn, const float* __restrict table,
-                 float phaseToMm, float offset, float range, float step, int32_t /*foldCount*/,
-                 int W, float* __restrict dOut)
+                 float phaseToMm, float offset, float range, float step, int W,
+                 float* __restrict dOut)
 {
     const hn::ScalableTag<float> d;
     const hn::RebindToSigned<decltype(d)> di;
@@ -382,9 +381,9 @@ void DualRow(const DualRowArgs& a, int r, const DualRowScratch& s, uint16_t* out
             rays = s.rays;
         }
         RowDistance(s.i1, s.q1, fppn1, p.table1, p.phaseToMm1, a.off1, a.range1, p.tableStep2,
-                    INT32_MAX, n, d1s + c0);
+                    n, d1s + c0);
         RowDistance(s.i2, s.q2, fppn2, p.table2, p.phaseToMm2, a.off2, a.range2, p.tableStep2,
-                    INT32_MAX, n, d2s + c0);
+                    n, d2s + c0);
         RowUnwrap(k, d1s + c0, d2s + c0, s.e1, s.e2, s.saturated, rays, n, out + c0, reached + c0);
     }
 }
