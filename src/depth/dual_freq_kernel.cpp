@@ -72,17 +72,6 @@ void RowSamplesScalar(const uint16_t* __restrict q0, const uint16_t* __restrict 
     }
 }
 
-// A pixel's two words of a sub-row are one 32-bit lane; this is the even word or the odd.
-template <bool kOdd, class VU>
-inline hn::Vec<hn::RebindToSigned<hn::DFromV<VU>>> Word(VU pair)
-{
-    const hn::RebindToSigned<hn::DFromV<VU>> di;
-    if constexpr (kOdd)
-        return hn::BitCast(di, hn::ShiftRight<16>(pair));
-    else
-        return hn::BitCast(di, hn::And(pair, hn::Set(hn::DFromV<VU>(), 0xFFFFu)));
-}
-
 // The same over whole vectors, then the scalar loop for the row's last pixels. In every
 // flip mode A and D share a sub-row, B and C the other, and A and B are both the even
 // or both the odd word.
@@ -298,9 +287,8 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float
     const V rangeC = hn::Set(d, k.rangeC), invR1 = hn::Set(d, k.invR1), invR2 = hn::Set(d, k.invR2);
     const V half = hn::Set(d, 0.5f), lowest = hn::Set(d, -1.0e6f), highest = hn::Set(d, 1.0e6f);
     const V minEnergy = hn::Set(d, k.minEnergy), zero = hn::Zero(d), limit = hn::Set(d, 200.0f);
-    const V int32Low = hn::Set(d, -2147483648.0f), int32High = hn::Set(d, 2147483648.0f);
     const V R1 = hn::Set(d, static_cast<float>(k.R1)), R2 = hn::Set(d, static_cast<float>(k.R2));
-    const auto one = hn::Set(di, 1), two = hn::Set(di, 2), low16 = hn::Set(di, 0xFFFF);
+    const auto one = hn::Set(di, 1), two = hn::Set(di, 2);
     int c = 0;
     for (; c + N <= W; c += N) {
         const V d1 = hn::LoadU(d, d1s + c), d2 = hn::LoadU(d, d2s + c);
@@ -329,9 +317,7 @@ void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float
         const auto reach1 = hn::AndNot(sat1, strong1);
         const auto reach2 = hn::And(hn::AndNot(sat2, strong2), reach1);
         const auto mark = hn::Or(sat1, hn::And(reach1, sat2));
-        // The low 16 bits of the truncated depth; 0 for NaN and beyond the int32 range.
-        const auto inRange = hn::And(hn::Gt(z, int32Low), hn::Lt(z, int32High));
-        const auto depth = hn::And(hn::ConvertTo(di, hn::IfThenElseZero(hn::And(keep, inRange), z)), low16);
+        const auto depth = TruncLow16V(hn::IfThenElseZero(keep, z));
         const auto value = hn::Add(hn::IfThenElseZero(mark, one), hn::IfThenElseZero(reach2, depth));
         hn::StoreU(hn::DemoteTo(dOut, value), dOut, out + c);
         hn::StoreU(hn::Add(hn::IfThenElseZero(reach1, one), hn::IfThenElseZero(reach2, one)), di, reachOut + c);

@@ -1,12 +1,10 @@
 // Pieces of the depth converters' kernels, for the kernel files only (each is compiled
 // once per target, and these functions with it): the polynomial arctangent, the
-// one-shot wrap and the truncations, on Highway vectors; the wrap and the 16-bit
-// truncation also on single values, branch-free, for the loops the compiler vectorises.
+// one-shot wrap, the clamps and truncations and the sample words, on Highway vectors;
+// the wrap and the 16-bit truncation also on single values, for the scalar row ends.
 #ifndef QVRECONSTRUCTION_SRC_DEPTH_KERNEL_MATH_H
 #define QVRECONSTRUCTION_SRC_DEPTH_KERNEL_MATH_H
 
-#include <algorithm>
-#include <cmath>
 #include <cstdint>
 
 #include "simd/kernel.h"
@@ -97,6 +95,28 @@ inline V TruncV(V v)
 {
     const hn::DFromV<V> d;
     return hn::Trunc(ClampV(v, hn::Set(d, -1.0e9f), hn::Set(d, 1.0e9f)));
+}
+
+// The low 16 bits of the truncation toward zero, as TruncLow16 lane by lane: 0 for NaN
+// and beyond the int32 range.
+template <class V>
+inline hn::Vec<hn::RebindToSigned<hn::DFromV<V>>> TruncLow16V(V v)
+{
+    const hn::DFromV<V> d;
+    const hn::RebindToSigned<decltype(d)> di;
+    const auto inRange = hn::And(hn::Gt(v, hn::Set(d, -2147483648.0f)), hn::Lt(v, hn::Set(d, 2147483648.0f)));
+    return hn::And(hn::ConvertTo(di, hn::IfThenElseZero(inRange, v)), hn::Set(di, 0xFFFF));
+}
+
+// Sample words read two to a 32-bit lane: the even word of each pair, or the odd.
+template <bool kOdd, class VU>
+inline hn::Vec<hn::RebindToSigned<hn::DFromV<VU>>> Word(VU pair)
+{
+    const hn::RebindToSigned<hn::DFromV<VU>> di;
+    if constexpr (kOdd)
+        return hn::BitCast(di, hn::ShiftRight<16>(pair));
+    else
+        return hn::BitCast(di, hn::And(pair, hn::Set(hn::DFromV<VU>(), 0xFFFFu)));
 }
 
 }  // namespace

@@ -37,12 +37,13 @@ void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int h
     const V vOffset = hn::Set(d, p.depthOffset), vShift = hn::Set(d, halfRangeMinusComp);
     const V vStep = hn::Set(d, p.tableStep), vEnergy = hn::Set(d, minEnergy);
     const V zero = hn::Zero(d), one = hn::Set(d, 1.0f), xMax = hn::Set(d, 1.0e6f);
-    const V int32Low = hn::Set(d, -2147483648.0f), int32High = hn::Set(d, 2147483648.0f);
-    // The fold as Wiggling does it, with the count clamped (indices lie in [0, 1e6 + 1]).
+    // An index beyond the table's count folds back by count - 1. The indices lie in
+    // [0, 1e6 + 1]: every count below -256 folds them past the table's end and every
+    // count above 2^24 never folds them, so clamping the count changes nothing but keeps
+    // the fold from overflowing.
     const int32_t count = std::min(std::max(p.tableCount, -256), 1 << 24);
     const auto vCount = hn::Set(di, count), vFold = hn::Set(di, count - 1);
     const auto firstEntry = hn::Zero(di), lastEntry = hn::Set(di, 255), oneStep = hn::Set(di, 1);
-    const auto low16 = hn::Set(di, 0xFFFF);
 
     HWY_ALIGN float dB[kBlock], fB[kBlock], loB[kBlock], hiB[kBlock], strongB[kBlock];
     HWY_ALIGN int32_t k0B[kBlock], k1B[kBlock];
@@ -74,10 +75,10 @@ void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int h
             for (int j = 0; j < padded; j += N) {
                 // Samples s0 s1 on the first half-row, s2 s3 on the second: a pixel's two
                 // words are one 32-bit lane.
-                const auto pair0 = hn::BitCast(di, hn::LoadU(du16, h0 + 2 * j));
-                const auto pair1 = hn::BitCast(di, hn::LoadU(du16, h1 + 2 * j));
-                const auto s0 = hn::And(pair0, low16), s1 = hn::BitCast(di, hn::ShiftRight<16>(hn::BitCast(du32, pair0)));
-                const auto s2 = hn::And(pair1, low16), s3 = hn::BitCast(di, hn::ShiftRight<16>(hn::BitCast(du32, pair1)));
+                const auto pair0 = hn::BitCast(du32, hn::LoadU(du16, h0 + 2 * j));
+                const auto pair1 = hn::BitCast(du32, hn::LoadU(du16, h1 + 2 * j));
+                const auto s0 = Word<false>(pair0), s1 = Word<true>(pair0);
+                const auto s2 = Word<false>(pair1), s3 = Word<true>(pair1);
                 const V I = hn::ConvertTo(d, hn::Sub(s0, s3)), Q = hn::ConvertTo(d, hn::Sub(s2, s1));
                 // Exact: both squares and their sum are integers below 2^24.
                 const auto strong = hn::Ge(hn::MulAdd(I, I, hn::Mul(Q, Q)), vEnergy);
@@ -105,12 +106,9 @@ void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int h
                 const V f = hn::Load(d, fB + j);
                 const V wig = hn::MulAdd(f, hn::Load(d, hiB + j), hn::Mul(hn::Sub(one, f), hn::Load(d, loB + j)));
                 const V dist = WrapV(hn::Sub(hn::Add(hn::Load(d, dB + j), hn::LoadU(d, fppn + j)), TruncV(wig)), vRange);
-                // The low 16 bits of the truncated depth; 0 for NaN and beyond the
-                // int32 range, and for weak pixels.
-                V z = hn::Mul(dist, hn::LoadU(d, ray + j));
-                z = hn::IfThenElseZero(hn::And(hn::Gt(z, int32Low), hn::Lt(z, int32High)), z);
-                z = hn::Mul(z, hn::Load(d, strongB + j));
-                const auto value = hn::And(hn::ConvertTo(di, z), low16);
+                // Weak pixels give 0 (a NaN or infinite depth times 0 stays NaN, also 0).
+                const V z = hn::Mul(hn::Mul(dist, hn::LoadU(d, ray + j)), hn::Load(d, strongB + j));
+                const auto value = TruncLow16V(z);
                 hn::StoreU(hn::DemoteTo(dOut, value), dOut, out + j);
             }
             if (out == oT)
