@@ -303,6 +303,29 @@ TEST(Parity, ColouringPointsAndColourRemapAreExact)
 
 TEST(Parity, RegistrationKernels)
 {
+    // NV12 to BGR against OpenCV's conversion for every (Y, U, V): each 2 x 2 block has
+    // one chroma pair and four luma values, 64 blocks a pair; 1030 pixels a row, so the
+    // rows end off every vector width. Written into a larger buffer: nothing after it.
+    {
+        const int w = 1030, blocksPerRows = w / 2, blocks = 65536 * 64;
+        const int h = 2 * ((blocks + blocksPerRows - 1) / blocksPerRows);
+        cv::Mat yuv(h * 3 / 2, w, CV_8UC1, cv::Scalar(0)), ref;
+        for (int b = 0; b < blocksPerRows * h / 2; ++b) {
+            const int pair = b % 65536, luma = 4 * ((b / 65536) % 64);
+            const int row = 2 * (b / blocksPerRows), col = 2 * (b % blocksPerRows);
+            for (int k = 0; k < 4; ++k)
+                yuv.at<uint8_t>(row + k / 2, col + k % 2) = static_cast<uint8_t>(luma + k);
+            yuv.at<uint8_t>(h + row / 2, col) = static_cast<uint8_t>(pair & 0xFF);
+            yuv.at<uint8_t>(h + row / 2, col + 1) = static_cast<uint8_t>(pair >> 8);
+        }
+        cv::cvtColor(yuv, ref, cv::COLOR_YUV2BGR_NV12);
+        const size_t bytes = ref.total() * 3;
+        std::vector<uint8_t> got(bytes + 64, 7);
+        Nv12ToBgr(yuv.data, w, h, got.data());
+        EXPECT_EQ(std::memcmp(ref.data, got.data(), bytes), 0);
+        EXPECT_EQ(std::count(got.begin() + static_cast<ptrdiff_t>(bytes), got.end(), 7), 64);
+    }
+
     Instance in(DEVICE_GENERIC, STREAM_DUAL_FREQ);
     // Undistortion by copy runs: the same pixels as remap through the maps, for the
     // instance's map and for one that points anywhere, outside the image on every side

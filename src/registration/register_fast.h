@@ -1,6 +1,7 @@
 // Fast path of the depth-to-colour registration. Same results as the plain steps of
-// MapDepthToRGB (ProjectDepthToColour, cv::remap, cv::medianBlur over the whole colour
-// image), with less work: the colour is undistorted by copying runs of consecutive
+// MapDepthToRGB (cv::cvtColor, ProjectDepthToColour, cv::remap, cv::medianBlur over the
+// whole colour image), with less work: the NV12 frame is converted by the library's
+// own vector kernel (Nv12ToBgr), the colour is undistorted by copying runs of consecutive
 // source pixels, found once per Init, the projection is computed a row at a time in a loop the compiler
 // vectorises, and the median (the library's own, vectorised for each instruction set)
 // runs only over the part of the image that depth reached.

@@ -67,10 +67,8 @@ void Registration::RegisterFast(const cv::Mat& yuv, const uint16_t* depth, const
         bgr_.assign(3 * n + 64, 0);
     if (landed_.size() != n)
         landed_.assign(n, 0);
-    cv::Mat bgr(registered.size(), CV_8UC3, bgr_.data());
-    cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
-    CV_Assert(bgr.data == bgr_.data());
-    RemapByRuns(bgr.data, runs_.data(), runs_.size(), colourOut, n);
+    Nv12ToBgr(yuv.data, registered.cols, registered.rows, bgr_.data());
+    RemapByRuns(bgr_.data(), runs_.data(), runs_.size(), colourOut, n);
 
     cv::Mat landed(registered.size(), CV_16UC1, landed_.data());
     int32_t rows[2 * 640];

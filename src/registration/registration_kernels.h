@@ -22,6 +22,11 @@ void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY
 void MedianBlur5x5(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep, int width,
                    int height);
 
+// cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12) for an NV12 frame (a width x height
+// luma plane, then height / 2 rows of interleaved U, V pairs) into width x height BGR
+// pixels. Width and height must be even and positive; otherwise nothing is written.
+void Nv12ToBgr(const uint8_t* nv12, int width, int height, uint8_t* bgr);
+
 }  // namespace qvapi
 
 #endif
