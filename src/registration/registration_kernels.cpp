@@ -25,8 +25,9 @@ void MedianBlur5x5(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t ds
 {
     if (src == nullptr || dst == nullptr || width <= 0 || height <= 0)
         return;
-    // Five sorted rows of the window's columns, two replicated columns on each side.
-    std::vector<uint16_t> scratch(5 * (static_cast<size_t>(width) + 4));
+    // Five sorted rows of the window's columns, two replicated columns on the left and
+    // three on the right.
+    std::vector<uint16_t> scratch(5 * (static_cast<size_t>(width) + 5));
     QV_DISPATCH(Median5x5Rows)(src, srcStep, dst, dstStep, width, height, scratch.data());
 }
 
