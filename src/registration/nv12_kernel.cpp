@@ -9,8 +9,9 @@
 //
 // Each 32-bit lane holds four pixels of a luma row and, read from the chroma row, their
 // two U, V pairs; the pixels are taken apart with shifts and masks and put back with
-// shifts and ors, all lane by lane, so the bytes come out in pixel order on every
-// target without reordering across lanes. A chroma row serves two luma rows.
+// shifts, ors and odd/even lane selects within each 32-bit lane, so the bytes come out
+// in pixel order on every target without reordering across lanes. A chroma row serves
+// two luma rows.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -51,19 +52,25 @@ inline hn::Vec<hn::RebindToSigned<hn::DFromV<VU>>> Byte(VU v)
         return hn::BitCast(di, hn::And(hn::ShiftRight<8 * k>(v), hn::Set(du, 0xFFu)));
 }
 
-// A channel of four pixels a lane: sat((y_k + c_k) >> 20), byte k of the lane.
+// A channel of four pixels a lane, pixel k in byte k: sat((y_k + c_k) >> 20). The
+// sums' high halves (which fit 16 bits) are paired into 16-bit lanes, pixels 0 and 2
+// in one vector and 1 and 3 in another, so that the last shift by 4 and the clamp
+// take two values an operation: (s >> 16) >> 4 is s >> 20 for arithmetic shifts.
 template <class VI>
 inline hn::Vec<hn::RebindToUnsigned<hn::DFromV<VI>>> Channel(VI y0, VI y1, VI y2, VI y3, VI c01,
                                                              VI c23)
 {
     const hn::DFromV<VI> di;
     const hn::RebindToUnsigned<decltype(di)> du;
-    const VI lo = hn::Zero(di), hi = hn::Set(di, 255);
-    const auto at = [&](VI y, VI c) {
-        return hn::BitCast(du, hn::Min(hn::Max(hn::ShiftRight<20>(hn::Add(y, c)), lo), hi));
+    const hn::Repartition<int16_t, decltype(di)> d16;
+    const auto lo = hn::Zero(d16), hi = hn::Set(d16, 255);
+    const auto pairUp = [&](VI first, VI second) {
+        // The even 16-bit lane takes first's high half, the odd lane second's.
+        const auto both = hn::OddEven(hn::BitCast(d16, hn::Add(second, c23)),
+                                      hn::BitCast(d16, hn::ShiftRight<16>(hn::Add(first, c01))));
+        return hn::BitCast(du, hn::Min(hn::Max(hn::ShiftRight<4>(both), lo), hi));
     };
-    const auto b0 = at(y0, c01), b1 = at(y1, c01), b2 = at(y2, c23), b3 = at(y3, c23);
-    return hn::Or(hn::Or(b0, hn::ShiftLeft<8>(b1)), hn::Or(hn::ShiftLeft<16>(b2), hn::ShiftLeft<24>(b3)));
+    return hn::Or(pairUp(y0, y2), hn::ShiftLeft<8>(pairUp(y1, y3)));
 }
 
 }  // namespace
