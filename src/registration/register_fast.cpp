@@ -71,11 +71,10 @@ LandingBounds ProjectDepthToColourFast(const uint16_t* depth, const float* rayX,
     // Neighbours filled around a landing (their order does not matter: each one that
     // still holds 9 or less takes the same depth).
     const ptrdiff_t around[11] = {-1, -w, -w - 1, 1, w - 1, -w + 1, w, w + 1, -2 * w - 2, -2, -2 * w};
-    int32_t first = INT32_MAX, last = -1;
-    int left = INT_MAX, right = -1;
+    LandingExtent e{INT32_MAX, -1, INT32_MAX, -1};
     for (int r = 0; r < kDepthHeight; ++r) {
         const size_t i0 = static_cast<size_t>(r) * kDepthWidth;
-        ProjectDepthRow(depth + i0, rayX + i0, rayY + i0, p, width, height, target, column);
+        ProjectDepthRow(depth + i0, rayX + i0, rayY + i0, p, width, height, target, column, e);
         for (int c = 0; c < kDepthWidth; ++c) {
             const int32_t t = target[c];
             if (t < 0)
@@ -83,11 +82,6 @@ LandingBounds ProjectDepthToColourFast(const uint16_t* depth, const float* rayX,
             const uint16_t d = depth[i0 + c];
             uint16_t* q = registered + t;
             *q = d;
-            const int32_t u = column[c] < 0 ? ~column[c] : column[c];
-            first = std::min(first, t);
-            last = std::max(last, t);
-            left = std::min(left, u);
-            right = std::max(right, u);
             if (column[c] < 0)
                 continue;
             for (const ptrdiff_t a : around)
@@ -95,6 +89,7 @@ LandingBounds ProjectDepthToColourFast(const uint16_t* depth, const float* rayX,
                     q[a] = d;
         }
     }
+    const int32_t first = e.first, last = e.last, left = e.left, right = e.right;
     LandingBounds b;
     if (last < 0)
         return b;

@@ -10,14 +10,14 @@ QV_PER_TARGET(void Median5x5Rows(const uint16_t* src, size_t srcStep, uint16_t* 
                                  int width, int height, uint16_t* scratch);
               void ProjectRowKernel(const uint16_t* depth, const float* rayX, const float* rayY,
                                     const RegistrationParams& p, int width, int height, int32_t* target,
-                                    int32_t* column);
+                                    int32_t* column, LandingExtent& extent);
               void Nv12ToBgrRows(const uint8_t* nv12, int width, int height, uint8_t* bgr);)
 
 void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY,
                      const RegistrationParams& p, int width, int height, int32_t* target,
-                     int32_t* column)
+                     int32_t* column, LandingExtent& extent)
 {
-    QV_DISPATCH(ProjectRowKernel)(depth, rayX, rayY, p, width, height, target, column);
+    QV_DISPATCH(ProjectRowKernel)(depth, rayX, rayY, p, width, height, target, column, extent);
 }
 
 void MedianBlur5x5(const uint16_t* src, size_t srcStep, uint16_t* dst, size_t dstStep, int width,

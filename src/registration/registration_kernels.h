@@ -9,13 +9,20 @@
 
 namespace qvapi {
 
+// Where a frame's landings lie: the least and greatest colour pixel index and column
+// (last < 0 while nothing has landed).
+struct LandingExtent {
+    int32_t first, last, left, right;
+};
+
 // One 640-pixel depth row through the registration geometry, as ProjectDepthToColour
 // computes it: target[c] is the index of the colour pixel depth pixel c lands on (-1:
 // skipped); column[c] is that pixel's column when the landing fills its neighbours and
-// the column's complement (negative) when it lies too near the border to.
+// the column's complement (negative) when it lies too near the border to. `extent`
+// widens to the row's landings.
 void ProjectDepthRow(const uint16_t* depth, const float* rayX, const float* rayY,
                      const RegistrationParams& p, int width, int height, int32_t* target,
-                     int32_t* column);
+                     int32_t* column, LandingExtent& extent);
 
 // The 5 x 5 median of a 16-bit image with replicated border, equal to
 // cv::medianBlur(src, dst, 5); steps in elements; src and dst must not overlap.
