@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
-#include "calibration_file.h"
 
 namespace fs = std::filesystem;
 
@@ -96,51 +95,6 @@ TEST_F(Tool, SimulateThenDepthGivesTheSceneBack)
             }
         EXPECT_EQ(outside, 0) << stream << " of " << checked;
     }
-}
-
-TEST_F(Tool, CalibrationRoundTripAndTheShippedSample)
-{
-    qvrecon::ModuleCalibration cal = qvrecon::SampleModule();
-    cal.full.vectorCount = 4;
-    cal.full.vector[3] = 1234.5f;
-    cal.full.table3[200] = -7.25f;  // beyond its count: kept too
-    cal.binned.label = "edited";
-    for (const char* name : {"cal.yaml", "cal.json"}) {
-        qvrecon::WriteCalibration(P(name), cal);
-        const qvrecon::ModuleCalibration back = qvrecon::ReadCalibration(P(name));
-        for (auto pair : {std::make_pair(&cal.full, &back.full), std::make_pair(&cal.binned, &back.binned)}) {
-            const auto* a = reinterpret_cast<const unsigned char*>(pair.first);
-            const auto* b = reinterpret_cast<const unsigned char*>(pair.second);
-            const size_t after = offsetof(qvapi::CameraCalibrationParam, depthLens);
-            EXPECT_EQ(pair.first->label, pair.second->label);
-            EXPECT_EQ(0, std::memcmp(a + after, b + after, sizeof(qvapi::CameraCalibrationParam) - after)) << name;
-        }
-    }
-    const qvrecon::ModuleCalibration shipped = qvrecon::ReadCalibration(QVRECON_SAMPLE_CALIBRATION);
-    const qvrecon::ModuleCalibration sample = qvrecon::SampleModule();
-    EXPECT_EQ(0, std::memcmp(&shipped.full.depthLens, &sample.full.depthLens,
-                             sizeof(qvapi::CameraCalibrationParam) - offsetof(qvapi::CameraCalibrationParam, depthLens)));
-    EXPECT_EQ(shipped.full.label, sample.full.label);
-
-    // Regressions found by fuzzing: text on which OpenCV's parser threw a standard
-    // length error or never returned, and text after which yaml-cpp's LoadAll never
-    // returns (a comma after a document). All are unreadable calibrations, reported at once.
-    for (const char* name : {"calibration_parser_length_error.bin", "calibration_parser_hang.bin",
-                             "calibration_parser_hang_non_ascii.bin", "calibration_parser_hang_ascii.bin",
-                             "calibration_parser_comma_hang.bin"}) {
-        std::ifstream found(std::string(QVRECON_REGRESSIONS "/") + name, std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(found)), std::istreambuf_iterator<char>());
-        ASSERT_GT(bytes.size(), 1u) << name;
-        std::ofstream(P("found.yaml"), std::ios::binary) << bytes.substr(1);  // the harness's first byte picks .yaml
-        EXPECT_THROW(qvrecon::ReadCalibration(P("found.yaml")), qvrecon::CalibrationError) << name;
-    }
-
-    // Missing fields stay zero.
-    std::ofstream(P("partial.yaml")) << "%YAML:1.0\n---\nfull:\n   depthOffsetF2: 12.5\n";
-    const qvrecon::ModuleCalibration partial = qvrecon::ReadCalibration(P("partial.yaml"));
-    EXPECT_EQ(partial.full.depthOffsetF2, 12.5f);
-    EXPECT_EQ(partial.full.depthLens.fx, 0.0f);
-    EXPECT_EQ(partial.binned.tableCountF1, 0);
 }
 
 TEST_F(Tool, BadInputsGiveOneMessageAnExitCodeAndNoOutput)

@@ -128,7 +128,7 @@ int RunSimulate(const SimulateArgs& a)
     for (size_t i = 0; i < cap.truthZ.size(); ++i)
         truth.at<uint16_t>(static_cast<int>(i)) = static_cast<uint16_t>(std::lround(std::min(cap.truthZ[i], 65535.0f)));
     WritePng(In(a.common.out, "truth_depth.png"), truth);
-    WriteCalibration(In(a.common.out, "calibration.yaml"), cal);
+    SaveCalibration(In(a.common.out, "calibration.yaml"), cal);
     if (cal.full.rgbLens.fx != 0.0f) {
         const qvsim::ColourFrame colour = qvsim::RenderColour(cal.full, scene);
         WriteBytes(In(a.common.out, "colour.nv12"), colour.nv12.data(), colour.nv12.size());

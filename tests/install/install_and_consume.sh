@@ -11,10 +11,12 @@ trap 'rm -rf "$work"' EXIT
 "$cmake_bin" -S "$consumer_src" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" \
   -DCMAKE_BUILD_TYPE=Release > "$work/configure.log"
 "$cmake_bin" --build "$work/consumer" > "$work/build.log"
-"$work/consumer/consumer"
+sample=$(find "$work/prefix" -path '*/share/qvreconstruction/sample_calibration.yaml' | head -n1)
+[ -n "$sample" ] || { echo "the sample calibration is not installed" >&2; exit 1; }
+"$work/consumer/consumer" "$sample"
 
 pc_dir=$(dirname "$(find "$work/prefix" -name qvreconstruction.pc | head -n1)")
-flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs qvreconstruction)
+flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs qvreconstruction-calibration)
 libdir=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --variable=libdir qvreconstruction)
 c++ -std=c++17 "$consumer_src/main.cpp" $flags -o "$work/consumer_pc"
-LD_LIBRARY_PATH="$libdir" "$work/consumer_pc"
+LD_LIBRARY_PATH="$libdir" "$work/consumer_pc" "$sample"
