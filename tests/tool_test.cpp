@@ -5,12 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
@@ -95,6 +97,60 @@ TEST_F(Tool, SimulateThenDepthGivesTheSceneBack)
             }
         EXPECT_EQ(outside, 0) << stream << " of " << checked;
     }
+}
+
+// The vertices of a PLY file the tool wrote (x, y, z floats), binary or ASCII.
+std::vector<float> ReadPly(const std::string& path, std::string& format)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::string line;
+    size_t count = 0;
+    while (std::getline(in, line) && line != "end_header") {
+        if (line.rfind("format ", 0) == 0)
+            format = line.substr(7);
+        if (line.rfind("element vertex ", 0) == 0)
+            count = std::stoul(line.substr(15));
+    }
+    std::vector<float> v(3 * count);
+    if (format == "ascii 1.0") {
+        for (float& x : v) {
+            std::string word;
+            in >> word;
+            x = std::stof(word);  // "nan" included
+        }
+    } else {
+        in.read(reinterpret_cast<char*>(v.data()), static_cast<std::streamsize>(v.size() * sizeof(float)));
+    }
+    EXPECT_TRUE(in.good()) << path;
+    return v;
+}
+
+TEST_F(Tool, PointCloudsInBinaryOrAsciiPointsOrOrganisedMillimetresOrMetres)
+{
+    ASSERT_EQ(Qvrecon("simulate --scene boxes --stream dual --out " + P("cap")).code, 0);
+    const char* variants[] = {"", "--ply-format ascii", "--ply-layout organised --ply-units m"};
+    std::vector<float> clouds[3];
+    for (int k = 0; k < 3; ++k) {
+        const std::string out = P("ply" + std::to_string(k));
+        ASSERT_EQ(Qvrecon("depth " + P("cap/capture.raw") + " --outputs ply --out " + out + " " + variants[k]).code, 0);
+        std::string format;
+        clouds[k] = ReadPly(out + "/capture.ply", format);
+        EXPECT_EQ(format, k == 1 ? "ascii 1.0" : "binary_little_endian 1.0");
+    }
+    // The default: binary millimetres, only points with depth; ASCII gives the same to 0.05 mm.
+    ASSERT_GT(clouds[0].size(), 3u * 250000);
+    ASSERT_EQ(clouds[1].size(), clouds[0].size());
+    for (size_t i = 0; i < clouds[0].size(); ++i)
+        ASSERT_NEAR(clouds[0][i], clouds[1][i], 0.0501f) << i;
+    // Organised: every pixel, NaN without depth; the others are the same points in metres.
+    ASSERT_EQ(clouds[2].size(), 3u * 640 * 480);
+    std::vector<float> valid;
+    for (size_t i = 0; i < clouds[2].size(); i += 3)
+        if (!std::isnan(clouds[2][i + 2]))
+            valid.insert(valid.end(), {clouds[2][i], clouds[2][i + 1], clouds[2][i + 2]});
+    ASSERT_EQ(valid.size(), clouds[0].size());
+    for (size_t i = 0; i < valid.size(); ++i)
+        ASSERT_FLOAT_EQ(valid[i], clouds[0][i] * 0.001f) << i;
 }
 
 TEST_F(Tool, BadInputsGiveOneMessageAnExitCodeAndNoOutput)

@@ -174,7 +174,7 @@ int RunDemo(const DemoArgs& args)
     WritePng(out("dual_depth.png"), depth);
     WritePng(out("dual_colour.png"), painted);
     WritePng(out("dual_ir.png"), IrPicture(ir, 640, 480));
-    WritePointCloud(out("dual.ply"), cloud);
+    WritePointCloud(out("dual.ply"), cloud, 640, 480);
     WritePng(out("single_depth.png"), depth5);
     WritePng(out("single_colour.png"), FalseColourWithLegend(lib5, depth5, 1200, 2400));
     WritePng(out("colour_raw.png"), rawBgr);

@@ -1,6 +1,8 @@
 #include "pipeline.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <limits>
 #include <memory>
 
 #include <opencv2/imgproc.hpp>
@@ -121,21 +123,40 @@ cv::Mat IrPicture(const std::vector<uint16_t>& ir, int width, int height)
     return out;
 }
 
-void WritePointCloud(const std::string& path, const std::vector<float>& cloud)
+void WritePointCloud(const std::string& path, const std::vector<float>& cloud, int width, int height,
+                     const PlyOptions& options)
 {
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "PLY bodies are written in the host's byte order");
+    const size_t pixels = std::min(cloud.size() / 3, static_cast<size_t>(width) * static_cast<size_t>(height));
+    const float scale = options.metres ? 0.001f : 1.0f;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
     std::string body;
+    body.reserve(options.ascii ? 24 * pixels : 12 * pixels);
     size_t count = 0;
     char line[96];
-    for (size_t i = 0; i + 2 < cloud.size(); i += 3) {
-        if (cloud[i + 2] <= 0.0f)
+    for (size_t i = 0; i < pixels; ++i) {
+        const bool valid = cloud[3 * i + 2] > 0.0f;
+        if (!valid && !options.organised)
             continue;
-        const int n = std::snprintf(line, sizeof line, "%.1f %.1f %.1f\n", cloud[i], cloud[i + 1], cloud[i + 2]);
-        body.append(line, static_cast<size_t>(n));
+        float p[3];
+        for (int k = 0; k < 3; ++k)
+            p[k] = valid ? cloud[3 * i + k] * scale : nan;
+        if (options.ascii) {
+            const int n = options.metres ? std::snprintf(line, sizeof line, "%.4f %.4f %.4f\n", p[0], p[1], p[2])
+                                          : std::snprintf(line, sizeof line, "%.1f %.1f %.1f\n", p[0], p[1], p[2]);
+            body.append(line, static_cast<size_t>(n));
+        } else {
+            body.append(reinterpret_cast<const char*>(p), sizeof p);
+        }
         ++count;
     }
-    const std::string header = "ply\nformat ascii 1.0\ncomment qvrecon point cloud, millimetres\n"
-                               "element vertex " + std::to_string(count) +
-                               "\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
+    std::string header = std::string("ply\nformat ") + (options.ascii ? "ascii" : "binary_little_endian") +
+                         " 1.0\ncomment qvrecon point cloud, " + (options.metres ? "metres" : "millimetres") + "\n";
+    if (options.organised)
+        header += "comment organised " + std::to_string(width) + " x " + std::to_string(height) +
+                  ", row by row; pixels without depth are NaN\n";
+    header += "element vertex " + std::to_string(count) +
+              "\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
     const std::string all = header + body;
     WriteBytes(path, all.data(), all.size());
 }

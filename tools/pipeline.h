@@ -52,8 +52,19 @@ cv::Mat FalseColourWithLegend(qvapi::Reconstruction& lib, const cv::Mat& depth16
 // 8-bit picture of an IR image (values 0..255 in 16 bits).
 cv::Mat IrPicture(const std::vector<uint16_t>& ir, int width, int height);
 
-// Writes the points with a depth as an ASCII PLY file (millimetres, float coordinates).
-void WritePointCloud(const std::string& path, const std::vector<float>& cloud);
+// How a point cloud is written as PLY: binary little-endian or ASCII; every pixel in
+// row order (organised: pixels without depth as NaN points) or only the pixels with a
+// depth; millimetres or metres.
+struct PlyOptions {
+    bool ascii = false;
+    bool organised = false;
+    bool metres = false;
+};
+
+// Writes the cloud of a width x height depth image (x, y, z floats a pixel, z <= 0
+// where the pixel has no depth) as a PLY file.
+void WritePointCloud(const std::string& path, const std::vector<float>& cloud, int width, int height,
+                     const PlyOptions& options = {});
 
 // Registered depth in false colour laid over the colour image where there is depth.
 cv::Mat Overlay(qvapi::Reconstruction& lib, const cv::Mat& colourBgr, const cv::Mat& registered16,

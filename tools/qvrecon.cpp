@@ -147,6 +147,7 @@ struct DepthArgs {
     int flip = 0;
     std::vector<int> range = {300, 4500};
     std::vector<std::string> outputs = {"depth", "colour", "ir", "ply"};
+    std::string plyFormat = "binary", plyLayout = "points", plyUnits = "mm";
 };
 
 // Progress on a terminal as a bar, elsewhere as plain lines.
@@ -270,7 +271,11 @@ int RunDepth(const DepthArgs& a)
                                                   s.width, s.height);
             if (st != qvapi::STATUS_OK)
                 throw ToolError(a.captures[n] + ": " + StatusText(st));
-            WritePointCloud(stem + ".ply", cloud);
+            PlyOptions ply;
+            ply.ascii = a.plyFormat == "ascii";
+            ply.organised = a.plyLayout == "organised";
+            ply.metres = a.plyUnits == "m";
+            WritePointCloud(stem + ".ply", cloud, s.width, s.height, ply);
         }
         const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         progress.Step(n + 1, fs::path(a.captures[n]).filename().string(), (n + 1) / std::max(seconds, 1e-9));
@@ -400,6 +405,16 @@ int main(int argc, char** argv)
         ->default_str("300 4500")
         ->check(CLI::Range(0, 65535));
     depth->add_option("--outputs", dep.outputs, "Outputs to write: depth colour ir ply")->default_str("depth colour ir ply");
+    depth->add_option("--ply-format", dep.plyFormat, "Point clouds as binary (little-endian) or ascii PLY")
+        ->default_val("binary")
+        ->check(CLI::IsMember({"binary", "ascii"}));
+    depth->add_option("--ply-layout", dep.plyLayout,
+                      "points: only pixels with depth; organised: every pixel row by row, NaN without depth")
+        ->default_val("points")
+        ->check(CLI::IsMember({"points", "organised"}));
+    depth->add_option("--ply-units", dep.plyUnits, "Point coordinates in mm or m")
+        ->default_val("mm")
+        ->check(CLI::IsMember({"mm", "m"}));
 
     RegisterArgs reg;
     CLI::App* registerCmd = app.add_subcommand("register", "Register a depth image onto an NV12 colour frame");
