@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, only those missing.
 set -euo pipefail
-packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libyaml-cpp-dev libhwy-dev faketime)
+packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libyaml-cpp-dev libhwy-dev faketime
+  pybind11-dev python3-dev python3-numpy python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -20,3 +20,10 @@ flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs qvreconstruction-ca
 libdir=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --variable=libdir qvreconstruction)
 c++ -std=c++17 "$consumer_src/main.cpp" $flags -o "$work/consumer_pc"
 LD_LIBRARY_PATH="$libdir" "$work/consumer_pc" "$sample"
+
+# The Python package, where the build made it, imports from the installed prefix.
+python_dir=$(find "$work/prefix" -type d -path '*/python3/dist-packages' | head -n1)
+if [ -n "$python_dir" ] && [ -d "$python_dir/qvreconstruction" ]; then
+  PYTHONPATH="$python_dir" /usr/bin/python3 -c \
+    'import qvreconstruction as qv; b, f = qv.load_calibration("'"$sample"'"); print("python package reports", qv.Reconstruction().version)'
+fi

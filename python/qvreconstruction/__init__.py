@@ -1,0 +1,42 @@
+"""Time-of-flight depth reconstruction with numpy arrays.
+
+    import qvreconstruction as qv
+    binned, full = qv.sample_calibration()          # or qv.load_calibration("module.yaml")
+    raw, width, height, truth = qv.simulate_capture(full, scene="boxes")
+    r = qv.Reconstruction()                         # the one instance of this process
+    r.set_type(qv.DeviceType.GENERIC, qv.StreamType.DUAL_FREQ)
+    r.init(binned, full)
+    depth = r.calculate_depth(raw, width, height)   # uint16 (height, width), mm
+    points = r.get_cloud_point(depth)               # float32 (height, width, 3), mm
+
+Refused calls raise QvError, whose ``status`` is the library's status code.
+"""
+from ._errors import QvError
+from ._core import (
+    CalibrationRecord,
+    DeviceType,
+    FlipMode,
+    Intrinsics,
+    Reconstruction,
+    StreamType,
+    load_calibration,
+    render_colour,
+    sample_calibration,
+    save_calibration,
+    simulate_capture,
+)
+
+__all__ = [
+    "CalibrationRecord",
+    "DeviceType",
+    "FlipMode",
+    "Intrinsics",
+    "QvError",
+    "Reconstruction",
+    "StreamType",
+    "load_calibration",
+    "render_colour",
+    "sample_calibration",
+    "save_calibration",
+    "simulate_capture",
+]
