@@ -97,6 +97,26 @@ TEST_F(Tool, SimulateThenDepthGivesTheSceneBack)
             }
         EXPECT_EQ(outside, 0) << stream << " of " << checked;
     }
+
+    // Worker processes write the same files. One that cannot write stops the batch
+    // with one line and exit 1.
+    const Outcome parallel = Qvrecon("depth" + batch + " --jobs 2 --out " + P("out2"));
+    ASSERT_EQ(parallel.code, 0) << parallel.err;
+    for (const auto& f : fs::directory_iterator(out)) {
+        std::ifstream x(f.path(), std::ios::binary), y(P("out2") / f.path().filename(), std::ios::binary);
+        const std::string a((std::istreambuf_iterator<char>(x)), {}), b((std::istreambuf_iterator<char>(y)), {});
+        EXPECT_TRUE(!a.empty() && a == b) << f.path().filename();
+    }
+    fs::create_directories(P("out3") + "/capture-2_ir.png");
+    const Outcome failed = Qvrecon("depth" + batch + " --jobs 3 --out " + P("out3"));
+    EXPECT_EQ(failed.code, 1);
+    size_t messages = 0;
+    for (size_t at = failed.err.find("qvrecon: "); at != std::string::npos; at = failed.err.find("qvrecon: ", at + 1))
+        ++messages;
+    EXPECT_EQ(messages, 1u) << failed.err;
+    EXPECT_NE(failed.err.find("capture-2_ir.png"), std::string::npos) << failed.err;
+    for (const auto& f : fs::directory_iterator(P("out3")))
+        EXPECT_EQ(f.path().filename().string().find(".tmp-"), std::string::npos) << f.path();
 }
 
 // The vertices of a PLY file the tool wrote (x, y, z floats), binary or ASCII.

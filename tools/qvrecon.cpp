@@ -1,5 +1,8 @@
 // qvrecon: time-of-flight captures to depth, IR, point clouds and registered colour,
 // without writing code. Sub-commands: simulate, depth, register, info, demo.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,12 +11,14 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <set>
 
 #include <CLI/CLI.hpp>
+#include <opencv2/core/utility.hpp>
 #include <opencv2/imgcodecs.hpp>
 
 #include "calibration_file.h"
@@ -148,6 +153,7 @@ struct DepthArgs {
     std::vector<int> range = {300, 4500};
     std::vector<std::string> outputs = {"depth", "colour", "ir", "ply"};
     std::string plyFormat = "binary", plyLayout = "points", plyUnits = "mm";
+    int jobs = 1;
 };
 
 // Progress on a terminal as a bar, elsewhere as plain lines.
@@ -194,6 +200,94 @@ std::vector<std::string> OutputStems(const std::vector<std::string>& captures)
     return stems;
 }
 
+// What one capture gave: pixels with depth, and pixels.
+struct CaptureTally {
+    uint64_t valid = 0, pixels = 0;
+};
+
+// Converts captures 0 .. count - 1 in `jobs` worker processes (the library keeps one
+// instance per process), worker k taking captures k, k + jobs, ...: `convert(n)` runs
+// in a worker, `finished(n, tally)` in this process as each capture completes. A
+// worker that fails prints its one line and the others are stopped (their signal
+// handlers remove any file half written); the result is then false.
+bool RunInWorkers(size_t jobs, size_t count, const std::function<CaptureTally(size_t)>& convert,
+                  const std::function<void(size_t, const CaptureTally&)>& finished)
+{
+    struct Record {
+        uint64_t index;  // kFailed: the worker failed
+        CaptureTally tally;
+    };
+    constexpr uint64_t kFailed = ~uint64_t{0};
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0)
+        throw ToolError(std::string("cannot start workers (") + std::strerror(errno) + ")");
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::vector<pid_t> workers;
+    const auto stopAll = [&]() {
+        for (pid_t w : workers)
+            kill(w, SIGTERM);
+    };
+    for (size_t k = 0; k < jobs; ++k) {
+        const pid_t pid = fork();
+        if (pid < 0) {
+            const int error = errno;
+            stopAll();
+            close(fds[0]);
+            close(fds[1]);
+            for (pid_t w : workers)
+                waitpid(w, nullptr, 0);
+            throw ToolError(std::string("cannot start workers (") + std::strerror(error) + ")");
+        }
+        if (pid == 0) {
+            close(fds[0]);
+            cv::setNumThreads(1);  // the workers share the cores
+            int code = 0;
+            try {
+                for (size_t n = k; n < count; n += jobs) {
+                    const Record r{n, convert(n)};
+                    if (write(fds[1], &r, sizeof r) != static_cast<ssize_t>(sizeof r))
+                        throw ToolError("lost the connection to the tool");
+                }
+            } catch (const std::exception& e) {
+                std::fprintf(stderr, "qvrecon: %s\n", OneLine(e.what()).c_str());
+                const Record r{kFailed, {}};
+                (void)!write(fds[1], &r, sizeof r);
+                code = 1;
+            }
+            std::fflush(stdout);
+            std::fflush(stderr);
+            _exit(code);
+        }
+        workers.push_back(pid);
+    }
+    close(fds[1]);
+    bool failed = false;
+    Record r{};
+    for (;;) {
+        const ssize_t got = read(fds[0], &r, sizeof r);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got != static_cast<ssize_t>(sizeof r))
+            break;  // every worker has ended
+        if (r.index == kFailed) {
+            if (!failed)
+                stopAll();
+            failed = true;
+        } else if (!failed) {
+            finished(static_cast<size_t>(r.index), r.tally);
+        }
+    }
+    close(fds[0]);
+    for (pid_t w : workers) {
+        int status = 0;
+        while (waitpid(w, &status, 0) < 0 && errno == EINTR) {
+        }
+        failed = failed || !WIFEXITED(status) || WEXITSTATUS(status) != 0;
+    }
+    return !failed;
+}
+
 int RunDepth(const DepthArgs& a)
 {
     const ModuleCalibration cal = LoadCalibration(a.common);
@@ -227,17 +321,18 @@ int RunDepth(const DepthArgs& a)
     const std::vector<std::string> stems = OutputStems(a.captures);
     EnsureFolder(a.common.out);
 
-    Progress progress(a.captures.size());
-    const auto start = std::chrono::steady_clock::now();
-    std::optional<StreamKind> configured;
-    qvapi::Reconstruction* lib = nullptr;
-    size_t validPixels = 0, pixels = 0;
-    for (size_t n = 0; n < a.captures.size(); ++n) {
+    // One capture through the instance, set up for its stream when that changes.
+    struct Worker {
+        std::optional<StreamKind> configured;
+        qvapi::Reconstruction* lib = nullptr;
+    };
+    const auto convert = [&](size_t n, Worker& w) -> CaptureTally {
         const StreamInfo& s = Info(kinds[n]);
-        if (configured != kinds[n]) {
-            lib = &Configure(cal, static_cast<qvapi::DeviceType>(a.common.device), kinds[n]);
-            configured = kinds[n];
+        if (w.configured != kinds[n]) {
+            w.lib = &Configure(cal, static_cast<qvapi::DeviceType>(a.common.device), kinds[n]);
+            w.configured = kinds[n];
         }
+        qvapi::Reconstruction* lib = w.lib;
         lib->OpenFilter(filter);
         lib->SetFlipMode(static_cast<qvapi::FlipMode>(a.flip));
         const std::vector<uint8_t> bytes = ReadFile(a.captures[n], 2 * s.words);
@@ -252,8 +347,7 @@ int RunDepth(const DepthArgs& a)
             throw ToolError(a.captures[n] + ": " + StatusText(status));
         const cv::Mat depth = DepthMat(out, s.width, s.height);
         delete[] out;
-        validPixels += static_cast<size_t>(cv::countNonZero(depth > 1));
-        pixels += depth.total();
+        CaptureTally tally{static_cast<uint64_t>(cv::countNonZero(depth > 1)), depth.total()};
 
         const std::string stem = In(a.common.out, stems[n]);
         if (wants("depth"))
@@ -277,8 +371,27 @@ int RunDepth(const DepthArgs& a)
             ply.metres = a.plyUnits == "m";
             WritePointCloud(stem + ".ply", cloud, s.width, s.height, ply);
         }
+        return tally;
+    };
+
+    Progress progress(a.captures.size());
+    const auto start = std::chrono::steady_clock::now();
+    size_t validPixels = 0, pixels = 0, done = 0;
+    const auto finished = [&](size_t n, const CaptureTally& t) {
+        validPixels += t.valid;
+        pixels += t.pixels;
         const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        progress.Step(n + 1, fs::path(a.captures[n]).filename().string(), (n + 1) / std::max(seconds, 1e-9));
+        ++done;
+        progress.Step(done, fs::path(a.captures[n]).filename().string(), done / std::max(seconds, 1e-9));
+    };
+    const size_t jobs = std::min(static_cast<size_t>(a.jobs), a.captures.size());
+    if (jobs <= 1) {
+        Worker w;
+        for (size_t n = 0; n < a.captures.size(); ++n)
+            finished(n, convert(n, w));
+    } else if (Worker w; !RunInWorkers(jobs, a.captures.size(), [&](size_t n) { return convert(n, w); },
+                                       finished)) {
+        return 1;  // the worker that failed has said why
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("%zu capture%s in %.2f s (%.1f per second), %.1f%% of pixels with depth; outputs in %s\n",
@@ -405,6 +518,9 @@ int main(int argc, char** argv)
         ->default_str("300 4500")
         ->check(CLI::Range(0, 65535));
     depth->add_option("--outputs", dep.outputs, "Outputs to write: depth colour ir ply")->default_str("depth colour ir ply");
+    depth->add_option("--jobs", dep.jobs, "Worker processes converting captures side by side")
+        ->default_val(1)
+        ->check(CLI::Range(1, 256));
     depth->add_option("--ply-format", dep.plyFormat, "Point clouds as binary (little-endian) or ascii PLY")
         ->default_val("binary")
         ->check(CLI::IsMember({"binary", "ascii"}));
