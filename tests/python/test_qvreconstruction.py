@@ -1,5 +1,6 @@
 """The Python package against the C++ library: same results, errors as exceptions,
 arrays that own their memory, and nothing kept over many calls."""
+import ast
 import os
 import subprocess
 import sys
@@ -105,3 +106,16 @@ def test_calibration_round_trip(tmp_path):
     with pytest.raises(ValueError, match="unknown field"):
         (tmp_path / "bad.yaml").write_text("full:\n  depthOfset: 3\n")
         qv.load_calibration(str(tmp_path / "bad.yaml"))
+
+
+def test_type_hints_name_what_the_module_has():
+    stub = ast.parse(open(os.path.join(os.path.dirname(qv.__file__), "_core.pyi")).read())
+    top = {n.name for n in stub.body if isinstance(n, (ast.FunctionDef, ast.ClassDef))}
+    assert top == {n for n in dir(qv._core) if not n.startswith("_")}
+    for cls in (n for n in stub.body if isinstance(n, ast.ClassDef)):
+        hinted = {m.name for m in cls.body if isinstance(m, ast.FunctionDef) and not m.name.startswith("_")}
+        hinted |= {m.target.id for m in cls.body if isinstance(m, ast.AnnAssign)}
+        actual = {n for n in dir(getattr(qv._core, cls.name)) if not n.startswith("_")}
+        assert hinted <= actual, (cls.name, hinted - actual)
+        if cls.name in ("Reconstruction", "Intrinsics"):
+            assert hinted == actual, (cls.name, actual - hinted)
