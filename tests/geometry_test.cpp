@@ -9,6 +9,7 @@
 #include "calibration/lens_model.h"
 #include "calibration/rectify_map.h"
 #include "reconstruction_impl.h"
+#include "common/registration_pose.h"
 #include "registration/rgbd_geometry.h"
 #include "sample_calibration.h"
 
@@ -161,14 +162,16 @@ TEST(RgbdGeometry, IdentityGeometryAndTheRotationCorrection)
     cal.vector[0] = 0.0f;
     cal.vector[1] = 0.01f;
     cal.vector[2] = 0.0f;
-    const cv::Mat R = CorrectedRotation(cv::Mat::eye(3, 3, CV_32F), cal.vectorCount, cal.vector);
-    EXPECT_NEAR(R.at<float>(0, 2), std::sin(0.01), 1e-6);
-    EXPECT_NEAR(R.at<float>(0, 0), std::cos(0.01), 1e-6);
+    const float eye[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    cv::Matx33f R;
+    CorrectedRotation(eye, cal.vectorCount, cal.vector, R.val);
+    EXPECT_NEAR(R(0, 2), std::sin(0.01), 1e-6);
+    EXPECT_NEAR(R(0, 0), std::cos(0.01), 1e-6);
     g = ComputeRgbdGeometry(cal);
     // With Kc = Kd, H = K R' K^-1.
     const cv::Matx33f K(cal.depthLens.fx, 0, cal.depthLens.cx, 0, cal.depthLens.fy,
                         cal.depthLens.cy, 0, 0, 1);
-    const cv::Matx33f expected = K * cv::Matx33f(R) * K.inv();
+    const cv::Matx33f expected = K * R * K.inv();
     for (int row = 0; row < 3; ++row)
         for (int col = 0; col < 3; ++col)
             EXPECT_NEAR(g.depthToColor[4 * row + col], expected(row, col), 1e-4);

@@ -13,6 +13,8 @@
 // 32 bits, numbers that are not finite 32-bit floats, lists longer than the record
 // holds and text after the document are errors, and the message names the file and
 // the field ("module.yaml: full.depthLens.fx: expected a number, found 'abc'").
+//
+// DepthToColourGeometry tells where registration puts each depth pixel.
 #ifndef QVRECONSTRUCTION_CALIBRATION_FILE_H
 #define QVRECONSTRUCTION_CALIBRATION_FILE_H
 
@@ -57,6 +59,20 @@ QV_CALIBRATION_API std::string CalibrationText(const ModuleCalibration& calibrat
 // appears whole or not at all: the text goes to a new temporary file beside it, which
 // is renamed over `path` when complete and removed on failure.
 QV_CALIBRATION_API void WriteCalibration(const std::string& path, const ModuleCalibration& calibration);
+
+// The geometry MapDepthToRGB applies with a record (the full one, which Init makes the
+// working record of the 640 x 480 stream): a depth-camera point P (mm, as GetCloudPoint
+// gives it) moves into the colour camera as Pc = rotation * P + translation and lands
+// on the pixel (trunc(Xc / Zc * fx + cx), trunc(Yc / Zc * fy + cy)) of the undistorted
+// colour image the registration returns. The registered depth image holds the depth
+// camera's Z of the point that landed there, not Zc: a caller that needs the colour
+// camera's depth (Open3D's RGBD images, for one) converts it with this geometry.
+struct RegistrationGeometry {
+    float rotation[9];     // row-major
+    float translation[3];  // mm
+    float fx, fy, cx, cy;  // colour pinhole, pixels
+};
+QV_CALIBRATION_API RegistrationGeometry DepthToColourGeometry(const CameraCalibrationParam& record);
 
 }  // namespace qvapi
 

@@ -2,22 +2,11 @@
 
 #include <cstddef>
 
-#include <opencv2/core.hpp>
-
-#include "registration/rgbd_geometry.h"
-
 namespace qvapi {
 namespace {
 
 constexpr int kDepthWidth = 640;
 constexpr int kDepthHeight = 480;
-
-// Factory geometry of this operation, for records without a colour lens. It differs
-// from the factory set of the undistortion geometry, and is kept as it is.
-const float kFactoryRotation[9] = {0.997996628f,  -0.0166003797f, -0.0610508732f,
-                                   0.0150793055f, 0.999566376f,   -0.0252918005f,
-                                   0.0614442565f, 0.024320526f,   0.997814178f};
-const float kFactoryTranslation[3] = {-8.4647131f, 13.4888792f, 29.0027504f};
 
 // Neighbours filled around a landing, in order: the eight around it, then two pixels
 // to the left and upward only.
@@ -25,25 +14,6 @@ const int kFill[11][2] = {{0, -1}, {-1, 0}, {-1, -1}, {0, 1},  {1, -1}, {-1, 1},
                           {1, 0},  {1, 1},  {-2, -2}, {0, -2}, {-2, 0}};
 
 }  // namespace
-
-RegistrationParams MakeRegistrationParams(const CameraCalibrationParam& p)
-{
-    const bool factory = p.rgbLens.fx == 0.0f;
-    const float* rotation = factory ? kFactoryRotation : p.extrinsics;
-    const float* translation = factory ? kFactoryTranslation : p.extrinsics + 9;
-    const cv::Mat R = CorrectedRotation(cv::Mat(3, 3, CV_32F, const_cast<float*>(rotation)),
-                                        p.vectorCount, p.vector);
-    RegistrationParams out{};
-    for (int k = 0; k < 9; ++k)
-        out.R[k] = R.at<float>(k / 3, k % 3);
-    for (int k = 0; k < 3; ++k)
-        out.t[k] = translation[k];
-    out.fx = p.rgbLens.fx;
-    out.fy = p.rgbLens.fy;
-    out.cx = p.rgbLens.cx;
-    out.cy = p.rgbLens.cy;
-    return out;
-}
 
 void ProjectDepthToColour(const uint16_t* depth, const float* rayX, const float* rayY,
                           const RegistrationParams& p, uint16_t* registered, int width, int height)

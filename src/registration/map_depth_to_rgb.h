@@ -5,21 +5,9 @@
 
 #include <cstdint>
 
-#include "qvreconstruction/reconstruction.h"
+#include "common/registration_pose.h"
 
 namespace qvapi {
-
-struct RegistrationParams {
-    float R[9];              // depth to colour rotation, row-major
-    float t[3];              // translation, mm
-    float fx, fy, cx, cy;    // colour camera
-};
-
-// Rotation and translation used by the registration: the record's extrinsics, or the
-// module's factory values when the record has no colour lens (fx 0); the rotation
-// corrected by the record's rotation vector when vectorCount >= 3. Colour intrinsics
-// are the record's own.
-RegistrationParams MakeRegistrationParams(const CameraCalibrationParam& p);
 
 // Registers a 640 x 480 depth frame onto `registered` (width x height, zero on entry).
 // Depths of 9 or less are skipped; the last pixel to land on a colour pixel wins;

@@ -2,6 +2,8 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include "common/registration_pose.h"
+
 namespace qvapi {
 namespace {
 
@@ -26,20 +28,6 @@ cv::Mat Distortion(const Intrinsics& l)
 
 }  // namespace
 
-cv::Mat CorrectedRotation(const cv::Mat& R, int32_t vectorCount, const float* vector)
-{
-    cv::Mat r;
-    cv::Rodrigues(R, r);
-    if (vectorCount >= 3) {
-        r.at<float>(0) += vector[0];
-        r.at<float>(1) += vector[1];
-        r.at<float>(2) += vector[2];
-    }
-    cv::Mat corrected;
-    cv::Rodrigues(r, corrected);
-    return corrected;
-}
-
 RgbdGeometry ComputeRgbdGeometry(const CameraCalibrationParam& p)
 {
     Intrinsics colour = p.rgbLens;
@@ -62,9 +50,9 @@ RgbdGeometry ComputeRgbdGeometry(const CameraCalibrationParam& p)
 
     const float* rotation = p.extrinsics[0] == 0.0f ? kFactoryRotation : p.extrinsics;
     const float* translation = p.extrinsics[9] == 0.0f ? kFactoryTranslation : p.extrinsics + 9;
-    const cv::Mat R = cv::Mat(3, 3, CV_32F, const_cast<float*>(rotation)).clone();
     const cv::Mat t = cv::Mat(3, 1, CV_32F, const_cast<float*>(translation)).clone();
-    const cv::Mat Rc = CorrectedRotation(R, p.vectorCount, p.vector);
+    cv::Mat Rc(3, 3, CV_32F);
+    CorrectedRotation(rotation, p.vectorCount, p.vector, Rc.ptr<float>());
 
     const cv::Mat H = (Kc * Rc) * Kd.inv(cv::DECOMP_LU);
     const cv::Mat e = Kc * t;

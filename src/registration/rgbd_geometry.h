@@ -20,10 +20,6 @@ struct RgbdGeometry {
 // (extrinsics[9] 0). OpenCV's exceptions propagate.
 RgbdGeometry ComputeRgbdGeometry(const CameraCalibrationParam& p);
 
-// R's rotation vector plus the record's correction (vector[0..2] when vectorCount >= 3),
-// back to a matrix. The round trip is made even for a zero correction. R is 3 x 3 CV_32F.
-cv::Mat CorrectedRotation(const cv::Mat& R, int32_t vectorCount, const float* vector);
-
 }  // namespace qvapi
 
 #endif
