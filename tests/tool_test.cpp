@@ -216,6 +216,14 @@ TEST_F(Tool, BadInputsGiveOneMessageAnExitCodeAndNoOutput)
         {"register " + P("cap/capture.raw") + " " + P("cap/colour.nv12") + " --out " + P("o6"),
          "expected a 16-bit 640x480 depth PNG"},
         {"register " + P("nothing.png") + " " + P("cap/colour.nv12") + " --out " + P("o7"), "nothing.png: cannot open"},
+        {"depth " + P("cap/capture.raw") + " " + P("cap/capture.raw") + " --colour " + P("cap/colour.nv12") + " " +
+             P("cap/colour.nv12") + " " + P("cap/colour.nv12") + " --out " + P("o1"),
+         "one per capture (2), not 3"},
+        {"depth " + P("cap/capture.raw") + " --colour " + P("cap/capture.raw") + " --out " + P("o1"),
+         "capture.raw: 9830400 bytes, an NV12 1920x1080 frame has 3110400"},
+        {"depth " + P("cap/capture.raw") + " --colour " + P("cap/colour.nv12") + " --outputs depth --out " + P("o1"),
+         "ply must be among --outputs"},
+        {"info --format pcl", "--format: pcl not in {text,open3d,ros}", 2},
     };
     for (const Case& c : cases) {
         const Outcome run = Qvrecon(c.args);

@@ -1,6 +1,7 @@
 #include "pipeline.h"
 
 #include <algorithm>
+#include <cstring>
 #include <cstdio>
 #include <limits>
 #include <memory>
@@ -124,29 +125,37 @@ cv::Mat IrPicture(const std::vector<uint16_t>& ir, int width, int height)
 }
 
 void WritePointCloud(const std::string& path, const std::vector<float>& cloud, int width, int height,
-                     const PlyOptions& options)
+                     const PlyOptions& options, const std::vector<uint8_t>* colours)
 {
     static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "PLY bodies are written in the host's byte order");
-    const size_t pixels = std::min(cloud.size() / 3, static_cast<size_t>(width) * static_cast<size_t>(height));
+    size_t pixels = std::min(cloud.size() / 3, static_cast<size_t>(width) * static_cast<size_t>(height));
+    if (colours != nullptr)
+        pixels = std::min(pixels, colours->size() / 3);
     const float scale = options.metres ? 0.001f : 1.0f;
     const float nan = std::numeric_limits<float>::quiet_NaN();
     std::string body;
-    body.reserve(options.ascii ? 24 * pixels : 12 * pixels);
+    body.reserve(options.ascii ? 36 * pixels : 15 * pixels);
     size_t count = 0;
-    char line[96];
+    char line[128];
     for (size_t i = 0; i < pixels; ++i) {
-        const bool valid = cloud[3 * i + 2] > 0.0f;
+        const bool valid = cloud[3 * i + 2] > 1.0f;  // depths 0 and 1 mark pixels without one
         if (!valid && !options.organised)
             continue;
         float p[3];
         for (int k = 0; k < 3; ++k)
             p[k] = valid ? cloud[3 * i + k] * scale : nan;
+        const uint8_t* rgb = colours != nullptr ? colours->data() + 3 * i : nullptr;
         if (options.ascii) {
-            const int n = options.metres ? std::snprintf(line, sizeof line, "%.4f %.4f %.4f\n", p[0], p[1], p[2])
-                                          : std::snprintf(line, sizeof line, "%.1f %.1f %.1f\n", p[0], p[1], p[2]);
+            int n = options.metres ? std::snprintf(line, sizeof line, "%.4f %.4f %.4f", p[0], p[1], p[2])
+                                   : std::snprintf(line, sizeof line, "%.1f %.1f %.1f", p[0], p[1], p[2]);
+            if (rgb != nullptr)
+                n += std::snprintf(line + n, sizeof line - static_cast<size_t>(n), " %u %u %u", rgb[0], rgb[1], rgb[2]);
             body.append(line, static_cast<size_t>(n));
+            body += '\n';
         } else {
             body.append(reinterpret_cast<const char*>(p), sizeof p);
+            if (rgb != nullptr)
+                body.append(reinterpret_cast<const char*>(rgb), 3);
         }
         ++count;
     }
@@ -155,10 +164,60 @@ void WritePointCloud(const std::string& path, const std::vector<float>& cloud, i
     if (options.organised)
         header += "comment organised " + std::to_string(width) + " x " + std::to_string(height) +
                   ", row by row; pixels without depth are NaN\n";
-    header += "element vertex " + std::to_string(count) +
-              "\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
+    header += "element vertex " + std::to_string(count) + "\nproperty float x\nproperty float y\nproperty float z\n";
+    if (colours != nullptr)
+        header += "property uchar red\nproperty uchar green\nproperty uchar blue\n";
+    header += "end_header\n";
     const std::string all = header + body;
     WriteBytes(path, all.data(), all.size());
+}
+
+Registration Register(qvapi::Reconstruction& lib, const cv::Mat& depth16, std::vector<uint8_t>& nv12)
+{
+    if (depth16.type() != CV_16UC1 || depth16.cols != 640 || depth16.rows != 480 || !depth16.isContinuous() ||
+        nv12.size() != 1920u * 1080u * 3u / 2u)
+        throw ToolError("registration takes a 640x480 depth image and a 1920x1080 NV12 frame");
+    // The library replaces the depth buffer it is given and hands out new ones.
+    std::unique_ptr<uint16_t[]> depth(new uint16_t[640 * 480]);
+    std::memcpy(depth.get(), depth16.data, 640 * 480 * sizeof(uint16_t));
+    uint16_t* d = depth.release();
+    uint8_t* colour = nullptr;
+    int w = 0, h = 0;
+    const int32_t status = lib.MapDepthToRGB(&colour, &d, nv12.data(), 1920, 1080, w, h);
+    const std::unique_ptr<uint16_t[]> registered(d);
+    const std::unique_ptr<uint8_t[]> bgr(colour);
+    if (status != qvapi::STATUS_OK)
+        throw ToolError("registration failed: " + StatusText(status));
+    return {cv::Mat(h, w, CV_16UC1, registered.get()).clone(), cv::Mat(h, w, CV_8UC3, bgr.get()).clone()};
+}
+
+std::vector<uint8_t> PointColours(const std::vector<float>& cloud, const cv::Mat& colourBgr,
+                                  const qvapi::RegistrationGeometry& g)
+{
+    CV_Assert(colourBgr.type() == CV_8UC3);
+    const size_t points = cloud.size() / 3;
+    std::vector<uint8_t> rgb(3 * points, 0);
+    const float* R = g.rotation;
+    const float* t = g.translation;
+    for (size_t i = 0; i < points; ++i) {
+        const float X = cloud[3 * i], Y = cloud[3 * i + 1], Z = cloud[3 * i + 2];
+        if (!(Z > 9.0f))  // the registration moves depths of 10 mm and more
+            continue;
+        // The registration's own arithmetic, in its order.
+        const float xc = R[0] * X + R[1] * Y + R[2] * Z + t[0];
+        const float yc = R[3] * X + R[4] * Y + R[5] * Z + t[1];
+        const float zc = R[6] * X + R[7] * Y + R[8] * Z + t[2];
+        const float fu = (xc / zc) * g.fx + g.cx;
+        const float fv = (yc / zc) * g.fy + g.cy;
+        if (!(fu > -1.0f && fu < static_cast<float>(colourBgr.cols) && fv > -1.0f &&
+              fv < static_cast<float>(colourBgr.rows)))
+            continue;
+        const cv::Vec3b bgr = colourBgr.at<cv::Vec3b>(static_cast<int>(fv), static_cast<int>(fu));
+        rgb[3 * i] = bgr[2];
+        rgb[3 * i + 1] = bgr[1];
+        rgb[3 * i + 2] = bgr[0];
+    }
+    return rgb;
 }
 
 cv::Mat Overlay(qvapi::Reconstruction& lib, const cv::Mat& colourBgr, const cv::Mat& registered16,

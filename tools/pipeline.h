@@ -61,10 +61,24 @@ struct PlyOptions {
     bool metres = false;
 };
 
-// Writes the cloud of a width x height depth image (x, y, z floats a pixel, z <= 0
-// where the pixel has no depth) as a PLY file.
+// Writes the cloud of a width x height depth image (x, y, z floats a pixel; z 0, or
+// the mark 1, where the pixel has no depth) as a PLY file, with each point's colour
+// (red, green, blue bytes a pixel) when `colours` is given.
 void WritePointCloud(const std::string& path, const std::vector<float>& cloud, int width, int height,
-                     const PlyOptions& options = {});
+                     const PlyOptions& options = {}, const std::vector<uint8_t>* colours = nullptr);
+
+// A 640 x 480 depth image (CV_16UC1) registered onto a 1920 x 1080 NV12 frame through
+// the library: the registered depth (CV_16UC1) and the undistorted colour image (BGR).
+struct Registration {
+    cv::Mat depth, colourBgr;
+};
+Registration Register(qvapi::Reconstruction& lib, const cv::Mat& depth16, std::vector<uint8_t>& nv12);
+
+// The colour each point of a cloud sees in the undistorted colour image (BGR) that the
+// registration returned, found where the registration puts the point: red, green and
+// blue bytes a point, black for points without depth or landing outside the image.
+std::vector<uint8_t> PointColours(const std::vector<float>& cloud, const cv::Mat& colourBgr,
+                                  const qvapi::RegistrationGeometry& geometry);
 
 // Registered depth in false colour laid over the colour image where there is depth.
 cv::Mat Overlay(qvapi::Reconstruction& lib, const cv::Mat& colourBgr, const cv::Mat& registered16,

@@ -153,6 +153,7 @@ struct DepthArgs {
     std::vector<int> range = {300, 4500};
     std::vector<std::string> outputs = {"depth", "colour", "ir", "ply"};
     std::string plyFormat = "binary", plyLayout = "points", plyUnits = "mm";
+    std::vector<std::string> colourFrames;  // NV12: one for all captures, or one each
     int jobs = 1;
 };
 
@@ -318,6 +319,23 @@ int RunDepth(const DepthArgs& a)
             kinds.push_back(k);
         }
     }
+    constexpr uint64_t kNv12Bytes = 1920u * 1080u * 3u / 2u;
+    if (!a.colourFrames.empty()) {
+        if (a.colourFrames.size() != 1 && a.colourFrames.size() != a.captures.size())
+            throw ToolError("--colour takes one NV12 frame for all captures or one per capture (" +
+                            std::to_string(a.captures.size()) + "), not " + std::to_string(a.colourFrames.size()));
+        if (!wants("ply"))
+            throw ToolError("--colour colours the point clouds: ply must be among --outputs");
+        for (size_t n = 0; n < a.captures.size(); ++n)
+            if (Info(kinds[n]).width != 640 || Info(kinds[n]).height != 480)
+                throw ToolError(a.captures[n] + ": registration takes 640x480 depth; a " + Info(kinds[n]).name +
+                                " capture cannot be coloured");
+        for (const std::string& frame : a.colourFrames)
+            if (const uint64_t bytes = RegularFileSize(frame); bytes != kNv12Bytes)
+                throw ToolError(frame + ": " + std::to_string(bytes) + " bytes, an NV12 1920x1080 frame has " +
+                                std::to_string(kNv12Bytes));
+    }
+    const qvapi::RegistrationGeometry geometry = qvapi::DepthToColourGeometry(cal.full);
     const std::vector<std::string> stems = OutputStems(a.captures);
     EnsureFolder(a.common.out);
 
@@ -369,7 +387,15 @@ int RunDepth(const DepthArgs& a)
             ply.ascii = a.plyFormat == "ascii";
             ply.organised = a.plyLayout == "organised";
             ply.metres = a.plyUnits == "m";
-            WritePointCloud(stem + ".ply", cloud, s.width, s.height, ply);
+            std::vector<uint8_t> colours;
+            if (!a.colourFrames.empty()) {
+                const std::string& frame = a.colourFrames[a.colourFrames.size() == 1 ? 0 : n];
+                std::vector<uint8_t> nv12 = ReadFile(frame, kNv12Bytes);
+                if (nv12.size() != kNv12Bytes)
+                    throw ToolError(frame + ": changed size while reading");
+                colours = PointColours(cloud, Register(*lib, depth, nv12).colourBgr, geometry);
+            }
+            WritePointCloud(stem + ".ply", cloud, s.width, s.height, ply, colours.empty() ? nullptr : &colours);
         }
         return tally;
     };
@@ -426,24 +452,14 @@ int RunRegister(const RegisterArgs& a)
     EnsureFolder(a.common.out);
 
     qvapi::Reconstruction& lib = Configure(cal, static_cast<qvapi::DeviceType>(a.common.device), StreamKind::Dual);
-    uint16_t* d = new uint16_t[640 * 480];
-    std::memcpy(d, depth.data, 640 * 480 * 2);
-    uint8_t* colour = nullptr;
-    int w = 0, h = 0;
-    const int32_t status = lib.MapDepthToRGB(&colour, &d, nv12.data(), 1920, 1080, w, h);
-    if (status != qvapi::STATUS_OK) {
-        delete[] d;
-        throw ToolError("registration failed: " + StatusText(status));
-    }
-    const cv::Mat registered = DepthMat(d, w, h);
-    const cv::Mat bgr = cv::Mat(h, w, CV_8UC3, colour).clone();
-    delete[] d;
-    delete[] colour;
+    const Registration r = Register(lib, depth, nv12);
+    const cv::Mat& registered = r.depth;
+    const cv::Mat& bgr = r.colourBgr;
     WritePng(In(a.common.out, "registered_depth.png"), registered);
     WritePng(In(a.common.out, "colour.png"), bgr);
     WritePng(In(a.common.out, "overlay.png"), Overlay(lib, bgr, registered, a.range[0], a.range[1]));
     std::printf("registered %s onto %s: %d of %d colour pixels with depth; outputs in %s\n", a.depth.c_str(),
-                a.nv12.c_str(), cv::countNonZero(registered), w * h, a.common.out.c_str());
+                a.nv12.c_str(), cv::countNonZero(registered), registered.cols * registered.rows, a.common.out.c_str());
     return 0;
 }
 
@@ -455,9 +471,84 @@ void PrintLens(const char* name, const qvapi::Intrinsics& l)
                 name, l.width, l.height, l.fx, l.fy, l.cx, l.cy, l.k1, l.k2, l.p1, l.p2, l.k3);
 }
 
-int RunInfo(const Common& c)
+std::string Num(float v)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.9g", v);  // read back exactly
+    return text;
+}
+
+// Open3D's PinholeCameraIntrinsic file (o3d.io.read_pinhole_camera_intrinsic): the
+// camera matrix column by column.
+std::string Open3dIntrinsic(const qvapi::Intrinsics& l)
+{
+    return "{\n  \"width\": " + std::to_string(l.width) + ",\n  \"height\": " + std::to_string(l.height) +
+           ",\n  \"intrinsic_matrix\": [" + Num(l.fx) + ", 0, 0, 0, " + Num(l.fy) + ", 0, " + Num(l.cx) + ", " +
+           Num(l.cy) + ", 1]\n}\n";
+}
+
+// ROS's camera_info YAML (camera_calibration_parsers): the lens with its plumb-bob
+// distortion; the projection matrix is the camera matrix (no stereo rectification).
+std::string RosCameraInfo(const std::string& name, const qvapi::Intrinsics& l)
+{
+    const std::string K = Num(l.fx) + ", 0, " + Num(l.cx) + ", 0, " + Num(l.fy) + ", " + Num(l.cy) + ", 0, 0, 1";
+    const std::string P = Num(l.fx) + ", 0, " + Num(l.cx) + ", 0, 0, " + Num(l.fy) + ", " + Num(l.cy) + ", 0, 0, 0, 1, 0";
+    return "image_width: " + std::to_string(l.width) + "\nimage_height: " + std::to_string(l.height) +
+           "\ncamera_name: " + name + "\ncamera_matrix:\n  rows: 3\n  cols: 3\n  data: [" + K +
+           "]\ndistortion_model: plumb_bob\ndistortion_coefficients:\n  rows: 1\n  cols: 5\n  data: [" + Num(l.k1) +
+           ", " + Num(l.k2) + ", " + Num(l.p1) + ", " + Num(l.p2) + ", " + Num(l.k3) +
+           "]\nrectification_matrix:\n  rows: 3\n  cols: 3\n  data: [1, 0, 0, 0, 1, 0, 0, 0, 1]\n"
+           "projection_matrix:\n  rows: 3\n  cols: 4\n  data: [" + P + "]\n";
+}
+
+// The cameras' intrinsics as Open3D or ROS files, one per kind of image: depth.* (full
+// stream, 640 x 480), depth_binned.* (binned read-outs of the dual-frequency stream:
+// every other ray of the full grid), depth_single.* (single-frequency stream, from the
+// binned record) and colour.* (when the record has a colour lens). Open3D's colour
+// file describes the images registration returns: it writes a point at the pixel its
+// projection falls in, so the principal point moves half a pixel and Open3D's ray
+// through a pixel passes through its centre. ROS's files describe the cameras' raw
+// images.
+int WriteIntrinsics(const ModuleCalibration& cal, const Common& c, const std::string& format)
+{
+    const bool open3d = format == "open3d";
+    qvapi::Intrinsics binned = cal.full.depthLens;
+    binned.width /= 2;
+    binned.height /= 2;
+    binned.fx /= 2;
+    binned.fy /= 2;
+    binned.cx /= 2;
+    binned.cy /= 2;
+    std::vector<std::pair<std::string, qvapi::Intrinsics>> cameras = {
+        {"depth", cal.full.depthLens}, {"depth_binned", binned}, {"depth_single", cal.binned.depthLens}};
+    if (cal.full.rgbLens.fx != 0.0f) {
+        qvapi::Intrinsics colour = cal.full.rgbLens;
+        if (open3d) {
+            colour.cx -= 0.5f;
+            colour.cy -= 0.5f;
+        }
+        cameras.push_back({"colour", colour});
+    } else {
+        std::fprintf(stderr, "qvrecon: the calibration has no colour lens; no colour camera file\n");
+    }
+    EnsureFolder(c.out);
+    for (const auto& [name, lens] : cameras) {
+        if (lens.width <= 0 || lens.height <= 0 || !(lens.fx > 0.0f) || !(lens.fy > 0.0f))
+            throw ToolError("the " + name + " lens has no usable pinhole (" + std::to_string(lens.width) + "x" +
+                            std::to_string(lens.height) + ", fx " + Num(lens.fx) + ", fy " + Num(lens.fy) + ")");
+        const std::string text = open3d ? Open3dIntrinsic(lens) : RosCameraInfo(name, lens);
+        const std::string path = In(c.out, name + (open3d ? ".json" : ".yaml"));
+        WriteBytes(path, text.data(), text.size());
+        std::printf("%s\n", path.c_str());
+    }
+    return 0;
+}
+
+int RunInfo(const Common& c, const std::string& format)
 {
     const ModuleCalibration cal = LoadCalibration(c);
+    if (format != "text")
+        return WriteIntrinsics(cal, c, format);
     std::string version;
     qvapi::Reconstruction::CreateInstance()->GetAlgorithmVersion(version);
     std::printf("qvreconstruction %s\n", version.c_str());
@@ -531,6 +622,9 @@ int main(int argc, char** argv)
     depth->add_option("--ply-units", dep.plyUnits, "Point coordinates in mm or m")
         ->default_val("mm")
         ->check(CLI::IsMember({"mm", "m"}));
+    depth->add_option("--colour", dep.colourFrames,
+                      "NV12 1920x1080 colour frames (one for all captures, or one per capture in order): "
+                      "point clouds get each point's colour through registration");
 
     RegisterArgs reg;
     CLI::App* registerCmd = app.add_subcommand("register", "Register a depth image onto an NV12 colour frame");
@@ -543,8 +637,14 @@ int main(int argc, char** argv)
         ->check(CLI::Range(0, 65535));
 
     Common infoArgs;
+    std::string infoFormat = "text";
     CLI::App* info = app.add_subcommand("info", "Library version, calibration summary and derived constants");
-    AddCommon(info, infoArgs, "", false);
+    AddCommon(info, infoArgs, "intrinsics");
+    info->add_option("--format", infoFormat,
+                     "text: a summary on the terminal; open3d or ros: the cameras' intrinsics as files in --out "
+                     "(Open3D's PinholeCameraIntrinsic JSON, ROS camera_info YAML)")
+        ->default_val("text")
+        ->check(CLI::IsMember({"text", "open3d", "ros"}));
 
     DemoArgs demoArgs;
     CLI::App* demo = app.add_subcommand("demo", "Simulate a scene and run the whole pipeline on it");
@@ -573,7 +673,7 @@ int main(int argc, char** argv)
         if (*registerCmd)
             return RunRegister(reg);
         if (*info)
-            return RunInfo(infoArgs);
+            return RunInfo(infoArgs, infoFormat);
         if (*demo)
             return RunDemo(demoArgs);
     } catch (const std::exception& e) {
