@@ -163,6 +163,27 @@ PYBIND11_MODULE(_core, m)
         }
     }, py::arg("path"), py::arg("binned"), py::arg("full"),
           "Writes both records, JSON when the path ends in .json, else YAML");
+    py::class_<qvapi::RegistrationGeometry>(m, "RegistrationGeometry",
+                                             "Where map_depth_to_rgb puts a depth-camera point P (mm): "
+                                             "Pc = rotation @ P + translation lands on the colour pixel "
+                                             "(trunc(Xc / Zc * fx + cx), trunc(Yc / Zc * fy + cy))")
+        .def_property_readonly("rotation", [](const qvapi::RegistrationGeometry& g) {
+            py::array_t<float> r({3, 3});
+            std::memcpy(r.mutable_data(), g.rotation, sizeof g.rotation);
+            return r;
+        }, "Depth-to-colour rotation (3 x 3)")
+        .def_property_readonly("translation", [](const qvapi::RegistrationGeometry& g) {
+            py::array_t<float> t(3);
+            std::memcpy(t.mutable_data(), g.translation, sizeof g.translation);
+            return t;
+        }, "Depth-to-colour translation (mm)")
+        .def_readonly("fx", &qvapi::RegistrationGeometry::fx)
+        .def_readonly("fy", &qvapi::RegistrationGeometry::fy)
+        .def_readonly("cx", &qvapi::RegistrationGeometry::cx)
+        .def_readonly("cy", &qvapi::RegistrationGeometry::cy);
+    m.def("registration_geometry", &qvapi::DepthToColourGeometry, py::arg("record"),
+          "The geometry map_depth_to_rgb applies with this record (the full one)");
+
     m.def("sample_calibration", []() {
         return std::make_tuple(qvsim::SampleBinnedCalibration(), qvsim::SampleCalibration());
     }, "The sample module's records (binned, full), as shipped in sample_calibration.yaml");

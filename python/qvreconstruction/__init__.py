@@ -10,6 +10,8 @@
     points = r.get_cloud_point(depth)               # float32 (height, width, 3), mm
 
 Refused calls raise QvError, whose ``status`` is the library's status code.
+Submodules: ``open3d_tools`` (Open3D intrinsics, clouds and RGBD images) and ``batch``
+(many captures, here or over a Dask cluster).
 """
 from ._errors import QvError
 from ._core import (
@@ -18,8 +20,10 @@ from ._core import (
     FlipMode,
     Intrinsics,
     Reconstruction,
+    RegistrationGeometry,
     StreamType,
     load_calibration,
+    registration_geometry,
     render_colour,
     sample_calibration,
     save_calibration,
@@ -33,8 +37,10 @@ __all__ = [
     "Intrinsics",
     "QvError",
     "Reconstruction",
+    "RegistrationGeometry",
     "StreamType",
     "load_calibration",
+    "registration_geometry",
     "render_colour",
     "sample_calibration",
     "save_calibration",
