@@ -10,12 +10,25 @@ height x width) and `x.ply` (binary little-endian PLY of the points with depth, 
 Captures of the same name from different folders get `x-2`, `x-3`... in the order
 given. Each file appears whole or not at all. The stream of each capture follows from
 its size, as in `qvrecon depth`. Every Dask worker process keeps its own library
-instance; run workers with one thread each (`--nthreads 1`), since the library's
-instance is one per process. The outputs are the same whichever runs the work.
+instance, which its threads take in turn: run workers with one thread each
+(`--nthreads 1`) and as many workers as cores. The outputs are the same whichever runs the work.
+
+Dask's nanny starts workers with MALLOC_TRIM_THRESHOLD_=65536, so that they give memory
+back at once; glibc then maps and unmaps every frame's arrays (4 MB of points) afresh
+and the page faults make a capture several times slower. Start the workers with
+WORKER_MALLOC instead, which keeps some 20 MB per worker for reuse. Variables in the
+environment outrank Dask's setting, so before the first LocalCluster:
+
+    os.environ.update(batch.WORKER_MALLOC)
+    cluster = LocalCluster(n_workers=2, threads_per_worker=1)
+
+and for `dask worker` on other machines, set the two variables in its environment.
 """
+import io
 import os
 import sys
 import tempfile
+import threading
 
 import numpy as np
 
@@ -28,9 +41,15 @@ _STREAMS = {
     16 * 320 * 240: ("binned", 320, 240),
 }
 
-# This process's instance and what it was last set up for.
+# glibc's settings for worker processes: arrays below 16 MB come from the heap, and the
+# heap is given back only past 64 MB free (see the module's documentation).
+WORKER_MALLOC = {"MALLOC_TRIM_THRESHOLD_": str(64 << 20), "MALLOC_MMAP_THRESHOLD_": str(16 << 20)}
+
+# This process's instance, what it was last set up for, and the lock that keeps a
+# worker's threads (if it was given several) from setting it up under each other.
 _instance = None
 _configured = None
+_lock = threading.Lock()
 
 
 def _stream_of(path):
@@ -41,27 +60,35 @@ def _stream_of(path):
     return _STREAMS[words]
 
 
-def _write_whole(path, data):
-    """Writes bytes through a new temporary file beside `path`, renamed when complete."""
+def _write_whole(path, *parts):
+    """Writes the parts (bytes or contiguous arrays) through a new temporary file beside
+    `path`, renamed when complete."""
     folder = os.path.dirname(path) or "."
     fd, tmp = tempfile.mkstemp(prefix=".tmp-", dir=folder)
     try:
         with os.fdopen(fd, "wb") as f:
-            f.write(data)
+            for part in parts:
+                f.write(part)
         os.replace(tmp, path)
     except BaseException:
         os.unlink(tmp)
         raise
 
 
+def _ply_parts(points):
+    """The PLY's header and its vertices as a contiguous array, written one after the other."""
+    flat = np.asarray(points, dtype="<f4").reshape(-1, 3)
+    kept = np.ascontiguousarray(flat[flat[:, 2] > 1])
+    header = ("ply\nformat binary_little_endian 1.0\ncomment qvrecon point cloud, millimetres\n"
+              f"element vertex {len(kept)}\nproperty float x\nproperty float y\nproperty float z\nend_header\n")
+    return header.encode(), kept
+
+
 def ply_bytes(points):
     """Binary little-endian PLY (mm) of get_cloud_point's points with depth (z above the
     marks 0 and 1), the layout `qvrecon depth` writes by default."""
-    flat = np.asarray(points, dtype="<f4").reshape(-1, 3)
-    kept = flat[flat[:, 2] > 1]
-    header = ("ply\nformat binary_little_endian 1.0\ncomment qvrecon point cloud, millimetres\n"
-              f"element vertex {len(kept)}\nproperty float x\nproperty float y\nproperty float z\nend_header\n")
-    return header.encode() + np.ascontiguousarray(kept).tobytes()
+    header, kept = _ply_parts(points)
+    return header + kept.tobytes()
 
 
 def _setup(calibration, stream, filter_on):
@@ -85,24 +112,18 @@ def convert(path, stem, calibration=None, filter_on=True):
     """Converts one capture: writes `stem`_depth.npy and `stem`.ply; returns (pixels with
     depth, pixels). `stem` is the output path without suffix."""
     stream, width, height = _stream_of(path)
-    r = _setup(calibration, stream, filter_on)
     raw = np.fromfile(path, dtype="<u2")
     if raw.size != {"single": 4, "dual": 16, "binned": 16}[stream] * width * height:
         raise ValueError(f"{path}: changed size while reading")
-    depth = r.calculate_depth(raw, width, height)
-    points = r.get_cloud_point(depth)
-    npy = _npy_bytes(depth)
-    _write_whole(stem + "_depth.npy", npy)
-    _write_whole(stem + ".ply", ply_bytes(points))
+    with _lock:
+        r = _setup(calibration, stream, filter_on)
+        depth = r.calculate_depth(raw, width, height)
+        points = r.get_cloud_point(depth)
+    npy = io.BytesIO()
+    np.save(npy, depth, allow_pickle=False)
+    _write_whole(stem + "_depth.npy", npy.getvalue())
+    _write_whole(stem + ".ply", *_ply_parts(points))
     return int(np.count_nonzero(depth > 1)), int(depth.size)
-
-
-def _npy_bytes(array):
-    import io
-
-    buffer = io.BytesIO()
-    np.save(buffer, array, allow_pickle=False)
-    return buffer.getvalue()
 
 
 def output_stems(paths):
