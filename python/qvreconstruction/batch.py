@@ -53,11 +53,12 @@ _lock = threading.Lock()
 
 
 def _stream_of(path):
+    """The capture's (words, stream name, width, height), from its size."""
     words, odd = divmod(os.stat(path).st_size, 2)
     if odd or words not in _STREAMS:
         sizes = ", ".join(f"{name} {2 * w} bytes" for w, (name, _, _) in sorted(_STREAMS.items()))
         raise ValueError(f"{path}: {2 * words + odd} bytes fit no stream ({sizes})")
-    return _STREAMS[words]
+    return (words, *_STREAMS[words])
 
 
 def _write_whole(path, *parts):
@@ -111,9 +112,9 @@ def _setup(calibration, stream, filter_on):
 def convert(path, stem, calibration=None, filter_on=True):
     """Converts one capture: writes `stem`_depth.npy and `stem`.ply; returns (pixels with
     depth, pixels). `stem` is the output path without suffix."""
-    stream, width, height = _stream_of(path)
+    words, stream, width, height = _stream_of(path)
     raw = np.fromfile(path, dtype="<u2")
-    if raw.size != {"single": 4, "dual": 16, "binned": 16}[stream] * width * height:
+    if raw.size != words:
         raise ValueError(f"{path}: changed size while reading")
     with _lock:
         r = _setup(calibration, stream, filter_on)
