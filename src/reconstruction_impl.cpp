@@ -155,7 +155,7 @@ void ReconstructionImpl::ReleaseBuffers()
     m_freqParam[0] = FrequencyParam{};
     m_freqParam[1] = FrequencyParam{};
     for (int f = 0; f < 2; ++f)
-        PadWigglingTable(m_freqParam[f].table, m_paddedTable[f]);
+        m_slopes[f] = WigglingSlopes(m_freqParam[f].table, m_slopeTable[f]) ? m_slopeTable[f] : nullptr;
     m_initialized = false;
 }
 
@@ -222,7 +222,7 @@ void ReconstructionImpl::BuildTables(const CameraCalibrationParam& first,
     m_freqParam[1] = MakeFrequencyParam(
         f2, {p.depthOffsetF2, false, p.tableCountF2, p.tableF2, p.fppnF2, p.coefF2, &p.label});
     for (int f = 0; f < 2; ++f)
-        PadWigglingTable(m_freqParam[f].table, m_paddedTable[f]);
+        m_slopes[f] = WigglingSlopes(m_freqParam[f].table, m_slopeTable[f]) ? m_slopeTable[f] : nullptr;
 
     m_tableWidth = W;
     m_tableHeight = H;
@@ -437,7 +437,8 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
     const DualFreqParams params{a.frequency,      b.frequency,      a.rangeMm,
                                 b.rangeMm,        a.phaseToMm,      b.phaseToMm,
                                 a.depthOffset,    b.depthOffset,    b.tableStep,
-                                m_paddedTable[0], m_paddedTable[1], m_amplitudeThreshold,
+                                a.table,          b.table,          m_slopes[0],
+                                m_slopes[1],      m_amplitudeThreshold,
                                 m_deviceType != DEVICE_TYPE_4,      m_flipMode.load(),
                                 m_binning};
     DualFreqLast last{m_lastDistance1, m_lastDistance2};

@@ -106,9 +106,10 @@ public:
     CameraCalibrationParam m_secondParam{};
     CameraCalibrationParam m_workParam{};
     FrequencyParam m_freqParam[2]{};
-    // The two wiggling tables with their last entry repeated, as the dual-frequency
-    // kernels read them (PadWigglingTable).
-    float m_paddedTable[2][257]{};
+    // The two wiggling tables as the dual-frequency vector kernels interpolate them
+    // (WigglingSlopes), or null where they cannot.
+    float m_slopeTable[2][512]{};
+    const float* m_slopes[2]{};
     float m_rangeF1 = 0, m_rangeF2 = 0, m_ratioF1 = 0, m_ratioF2 = 0, m_invRangeF1 = 0,
           m_invRangeF2 = 0;
     int32_t m_maxRangeMm = 0;

@@ -109,7 +109,7 @@ uint16_t DualPixel(float d1, float d2, uint16_t saturateWord = 0)
         raw[saturateWord] = 1023;
     float table[256] = {}, fppn[3] = {}, ray[3] = {1, 1, 1};
     DualFreqParams p{80000000, 100000000, 1875, 1500, 298.4155f, 238.7324f, d1, d2, 0.02f,
-                     table,    table,     5,    false, 0,        1};
+                     table,    table,     nullptr, nullptr, 5,  false, 0,    1};
     std::vector<uint16_t> depth(3, 9);
     DualFreqLast last{};
     DualFreqDepth(raw.data(), depth.data(), W, H, p, fppn, fppn, ray, last);

@@ -68,7 +68,7 @@ struct Instance {
         const qvapi::FrequencyParam& a = r->m_freqParam[0];
         const qvapi::FrequencyParam& b = r->m_freqParam[1];
         return {a.frequency, b.frequency, a.rangeMm, b.rangeMm, a.phaseToMm, b.phaseToMm,
-                a.depthOffset, b.depthOffset, b.tableStep, r->m_paddedTable[0], r->m_paddedTable[1], threshold,
+                a.depthOffset, b.depthOffset, b.tableStep, a.table, b.table, r->m_slopes[0], r->m_slopes[1], threshold,
                 r->m_deviceType != qvapi::DEVICE_TYPE_4, flip, width == 320 ? 2 : 1};
     }
     qvapi::SingleFreqParams Single(int threshold) const

@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <vector>
-
 #include "common/numeric.h"
 #include "depth/amplitude.h"
 #include "depth/temperature.h"
@@ -18,7 +16,7 @@ namespace qvapi {
 QV_PER_TARGET(void DualFreqDepthRows(const uint16_t* raw, uint16_t* depth, int width, int height,
                                      const DualFreqParams& p, const float* fppn1, const float* fppn2,
                                      const float* radialToZ, float comp1, float comp2, float minEnergy,
-                                     float* scratch, DualFreqLast& last);)
+                                     DualFreqLast& last);)
 namespace {
 
 constexpr uint16_t kSaturated = 1023;
@@ -178,11 +176,23 @@ void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
     }
 }
 
+bool WigglingSlopes(const float table[256], float pairs[512])
+{
+    bool tame = true;
+    for (int k = 0; k < 256; ++k) {
+        const float next = table[k < 255 ? k + 1 : 255];
+        tame &= std::fabs(table[k]) <= kSlopeTableLimit;  // NaN too
+        pairs[2 * k] = table[k];
+        pairs[2 * k + 1] = next - table[k];
+    }
+    return tame;
+}
+
 bool FastDualFreqApplies(const DualFreqParams& p)
 {
     // Ranges below 2^24 are exact in float, as the vector unwrapping needs.
     constexpr int32_t kExactFloatRange = 1 << 24;
-    return p.frequency1 != p.frequency2 && p.flipMode >= 0 && p.flipMode <= 3 &&
+    return p.slopes1 && p.slopes2 && p.frequency1 != p.frequency2 && p.flipMode >= 0 && p.flipMode <= 3 &&
            (p.binning == 1 || p.binning == 2) && MinValidEnergy(p.amplitudeThreshold) <= kExactFloatEnergy &&
            p.range1 > -kExactFloatRange && p.range1 < kExactFloatRange && p.range2 > -kExactFloatRange &&
            p.range2 < kExactFloatRange;
@@ -196,10 +206,8 @@ void DualFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int heig
     if (!DualFreqPrepare(raw, depth, width, height, p, comp1, comp2))
         return;
     const float minEnergy = static_cast<float>(MinValidEnergy(p.amplitudeThreshold));
-    // Row scratch of the kernels: 13 rows of 32-bit values (two of them integers).
-    std::vector<float> scratch(13 * static_cast<size_t>(width));
     QV_DISPATCH(DualFreqDepthRows)(raw, depth, width, height, p, fppn1, fppn2, radialToZ, comp1, comp2,
-                                   minEnergy, scratch.data(), last);
+                                   minEnergy, last);
 }
 
 void ConvertDualFreq(const uint16_t* raw, uint16_t* depth, int width, int height,

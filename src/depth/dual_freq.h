@@ -1,7 +1,6 @@
 #ifndef QVRECONSTRUCTION_SRC_DEPTH_DUAL_FREQ_H
 #define QVRECONSTRUCTION_SRC_DEPTH_DUAL_FREQ_H
 
-#include <algorithm>
 #include <cstdint>
 
 namespace qvapi {
@@ -12,23 +11,26 @@ struct DualFreqParams {
     float phaseToMm1, phaseToMm2;
     float depthOffset1, depthOffset2;
     float tableStep2;                // the second frequency's step serves both tables
-    // 256 entries each, and a 257th equal to the 256th that only the fast kernels read
-    // (PadWigglingTable), so that every index has a next entry.
-    const float* table1;
+    const float* table1;             // 256 wiggling entries each
     const float* table2;
+    // The same tables as the vector kernels interpolate them (WigglingSlopes), or null
+    // where that would not be exact enough; the plain kernel runs then.
+    const float* slopes1;
+    const float* slopes2;
     int32_t amplitudeThreshold;
     bool temperatureCompensation;    // false for device type 4
     int32_t flipMode;
     int32_t binning;                 // 1, or 2 for 320-wide frames
 };
 
-// The wiggling table as the dual-frequency kernels take it: the 256 entries, then the
-// last one again.
-inline void PadWigglingTable(const float table[256], float padded[257])
-{
-    std::copy_n(table, 256, padded);
-    padded[256] = table[255];
-}
+// A wiggling table as the vector kernels interpolate it: entry k as the pair (t[k],
+// t[k + 1] - t[k]), and (t[255], 0) last, so that the correction at k + f is one
+// multiply-add, t[k] + f slope (the plain kernel's (1 - f) t[k] + f t[k + 1] rounds
+// differently). False where an entry is not finite or beyond +-kSlopeTableLimit mm: the
+// two roundings could then differ by more than the kernels' tolerance, and the plain
+// kernel should run.
+constexpr float kSlopeTableLimit = 4096.0f;
+bool WigglingSlopes(const float table[256], float pairs[512]);
 
 // Distances of the last pixel that reached each frequency's correction.
 struct DualFreqLast {

@@ -1,14 +1,18 @@
 // The dual-frequency converter's kernel, compiled once per target (see simd/targets.h).
 //
-// Every step of a row is written once over Highway vectors (whole vectors, then the
-// row's last pixels by the scalar loops), branch-free, calling no library function and
-// allocating nothing; the distance row's table look-ups go through small blocks, read
-// one by one. The arithmetic follows DualFreqDepth step by step;
-// the differences are the polynomial arctangent, single precision where the plain
-// kernel rounds through double, fused multiply-adds, and the amplitude test done on
-// integer energies (exact).
+// A row goes in pieces of kPiece pixels through four steps, written once over Highway
+// vectors, branch-free, calling no library function and allocating nothing:
+//  1. the samples of both frequencies to phase vectors and each pixel's status
+//     (saturated, weak, or reaching one or both distances);
+//  2. per frequency, the phase distances and where each falls in its wiggling table;
+//  3. each pixel's two neighbouring entries of each table, copied as one 64-bit word
+//     (no gathers: NEON has none, and x86's measured slower);
+//  4. the interpolation, both corrections, the unwrapping and the depth.
+// The piece's intermediate values stay in the first-level cache between the loops. The
+// arithmetic follows DualFreqDepth step by step; the differences are the polynomial
+// arctangent, single precision where the plain kernel rounds through double, fused
+// multiply-adds, and the amplitude test done on integer energies (exact).
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -22,314 +26,240 @@ namespace qvapi {
 namespace QV_KERNEL_NS {
 namespace {
 
+// A multiple of twice every target's vector length (the first loop reads 2N pixels at
+// a time), small enough for the piece to stay in the first-level cache.
+constexpr int kPiece = 160;
+
+struct FreqConstants {
+    float phaseToMm, offset, range, step;
+    const float* slopes;  // the wiggling table as WigglingSlopes lays it out
+};
+
 struct DualRowArgs {
     const uint16_t* raw;
     size_t plane;  // words per plane
     int width, height;
-    const DualFreqParams* p;
     const float *fppn1, *fppn2, *radialToZ;
-    float minEnergy;
-    float off1, off2, range1, range2, rangeC, ratio1, ratio2, invR1, invR2;
-    int32_t R1, R2;
+    FreqConstants f1, f2;
+    float minEnergy, rangeC, ratio1, ratio2, invR1, invR2, R1, R2;
 };
 
-// Scratch of one row: the samples' sums and differences, then the calibration values
-// of the row's pixels, each as a contiguous array the next loop streams through.
-struct DualRowScratch {
-    float *i1, *q1, *e1, *i2, *q2, *e2;  // phase vectors and amplitude energies
-    int32_t* saturated;                   // 1: first frequency, 2: second
-    float *fppn1, *fppn2, *rays;          // calibration at the flipped, binned position
+// Status codes of the first loop, chosen so that the depth is (z & code) | (code >> 16):
+// the depth's low 16 bits where both frequencies are strong and unsaturated, the mark 1
+// for saturation, 0 for a weak pixel.
+constexpr int32_t kKeepDepth = 0xFFFF, kMarkSaturated = 0x10000;
+
+// What one piece's loops hand each other.
+struct Piece {
+    HWY_ALIGN float i1[kPiece];  // phase vectors
+    HWY_ALIGN float q1[kPiece];
+    HWY_ALIGN float i2[kPiece];
+    HWY_ALIGN float q2[kPiece];
+    HWY_ALIGN float dist1[kPiece];  // phase distances, wrapped
+    HWY_ALIGN float dist2[kPiece];
+    HWY_ALIGN float frac1[kPiece];  // fractions of the wiggling positions
+    HWY_ALIGN float frac2[kPiece];
+    HWY_ALIGN int32_t index1[kPiece];  // table entries
+    HWY_ALIGN int32_t index2[kPiece];
+    HWY_ALIGN float d1[kPiece];  // corrected distances, for DualFreqLast
+    HWY_ALIGN float d2[kPiece];
+    HWY_ALIGN int32_t code[kPiece];     // kKeepDepth, kMarkSaturated or 0
+    // How far a pixel got, negated (the sum of two masks): -1 to the first frequency's
+    // distance, -2 to both.
+    HWY_ALIGN int32_t reached[kPiece];
+    HWY_ALIGN float pairs1[2 * kPiece];  // each pixel's wiggling entry and slope
+    HWY_ALIGN float pairs2[2 * kPiece];
+    // The row's last, partial piece goes through these, padded with zeros.
+    HWY_ALIGN uint16_t words[8][2 * kPiece];
+    HWY_ALIGN float fppn1[kPiece];
+    HWY_ALIGN float fppn2[kPiece];
+    HWY_ALIGN float rays[kPiece];
+    HWY_ALIGN uint16_t out[kPiece];
 };
 
-// 1. Samples to phase vectors, energies and saturation (1: first frequency, 2: second).
+// 1. Samples to phase vectors and status codes. subRows[2 p + r] is sub-row r of plane p;
+// n is a multiple of 2N. In every flip mode A and D share a sub-row, B and C the other,
+// and A and B are both the even or both the odd word.
 template <int kA, int kB, int kC, int kD>
-void RowSamplesScalar(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
-                      const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
-                      float* __restrict i1, float* __restrict qq1, float* __restrict e1,
-                      float* __restrict i2, float* __restrict qq2, float* __restrict e2,
-                      int32_t* __restrict sat)
+void PieceSamples(float minEnergyValue, const uint16_t* const rows[8], size_t prefetchAhead, int n,
+                  Piece& pc)
 {
-    for (int c = 0; c < W; ++c) {
-        const size_t w0 = 2 * static_cast<size_t>(c);
-        const size_t words[4] = {w0, w0 + 1, half + w0, half + w0 + 1};
-        const int32_t A2 = q2[words[kA]], B2 = q2[words[kB]], C2 = q2[words[kC]], D2 = q2[words[kD]];
-        const int32_t A3 = q3[words[kA]], B3 = q3[words[kB]], C3 = q3[words[kC]], D3 = q3[words[kD]];
-        const int32_t A0 = q0[words[kA]], B0 = q0[words[kB]], C0 = q0[words[kC]], D0 = q0[words[kD]];
-        const int32_t A1 = q1[words[kA]], B1 = q1[words[kB]], C1 = q1[words[kC]], D1 = q1[words[kD]];
-        const bool sat1 = (A2 == 1023) | (B2 == 1023) | (C2 == 1023) | (D2 == 1023);
-        const bool sat2 = (A0 == 1023) | (B0 == 1023) | (C0 == 1023) | (D0 == 1023);
-        // Energies in float are exact below 2^24, and on the right side of the
-        // threshold above it (the threshold's energy is below 2^24).
-        const float ex1 = static_cast<float>(B3 - D3), ey1 = static_cast<float>(A3 - C3);
-        const float ex2 = static_cast<float>(B0 - D0), ey2 = static_cast<float>(A0 - C0);
-        e1[c] = ex1 * ex1 + ey1 * ey1;
-        e2[c] = ex2 * ex2 + ey2 * ey2;
-        i1[c] = static_cast<float>((A2 - A3) - (C2 - C3));
-        qq1[c] = static_cast<float>((B2 - B3) - (D2 - D3));
-        i2[c] = static_cast<float>((A0 - A1) - (C0 - C1));
-        qq2[c] = static_cast<float>((B0 - B1) - (D0 - D1));
-        sat[c] = sat1 + 2 * sat2;
-    }
-}
-
-// The same over whole vectors, then the scalar loop for the row's last pixels. In every
-// flip mode A and D share a sub-row, B and C the other, and A and B are both the even
-// or both the odd word.
-template <int kA, int kB, int kC, int kD>
-void RowSamples(const uint16_t* __restrict q0, const uint16_t* __restrict q1,
-                const uint16_t* __restrict q2, const uint16_t* __restrict q3, size_t half, int W,
-                float* __restrict i1, float* __restrict qq1, float* __restrict e1,
-                float* __restrict i2, float* __restrict qq2, float* __restrict e2,
-                int32_t* __restrict sat)
-{
+    // Copied, so that the compiler keeps them in registers across the stores below, and
+    // advanced as the loop goes.
+    const uint16_t* subRows[8];
+    std::copy(rows, rows + 8, subRows);
+    const size_t step = 4 * hn::Lanes(hn::ScalableTag<float>());
     static_assert(kA / 2 == kD / 2 && kB / 2 == kC / 2 && kA % 2 == kB % 2, "sample roles");
-    constexpr size_t kRowA = kA < 2 ? 0 : 1, kRowB = 1 - kRowA;
-    constexpr bool kOddA = kA % 2 == 1, kOddD = !kOddA;
+    constexpr int kRowA = kA < 2 ? 0 : 1, kRowB = 1 - kRowA;
+    constexpr bool kOddA = kA % 2 == 1;
     const hn::ScalableTag<float> d;
     const hn::RebindToSigned<decltype(d)> di;
-    const hn::RebindToUnsigned<decltype(d)> du32;
-    const hn::Repartition<uint16_t, decltype(d)> du16;
+    using V = hn::Vec<decltype(d)>;
+    using W = SubRowWords<decltype(d)>;
     const int N = static_cast<int>(hn::Lanes(d));
-    const auto full = hn::Set(di, 1023), one = hn::Set(di, 1), two = hn::Set(di, 2);
-    int c = 0;
-    for (; c + N <= W; c += N) {
-        const size_t w = 2 * static_cast<size_t>(c);
-        // The samples two rows on, a cache line per stream every 16 pixels: the eight
-        // streams lie a plane apart and the hardware prefetchers lose them while the
-        // distance loops run.
-        if ((c & 15) == 0)
-            for (const uint16_t* q : {q0, q1, q2, q3})
-                for (size_t row = 0; row < 2; ++row)
-                    hwy::Prefetch(q + row * half + w + 4 * half);
-        const auto load = [&](const uint16_t* q, size_t row) {
-            return hn::BitCast(du32, hn::LoadU(du16, q + row * half + w));
-        };
-        const auto ad0 = load(q0, kRowA), bc0 = load(q0, kRowB), ad1 = load(q1, kRowA), bc1 = load(q1, kRowB);
-        const auto ad2 = load(q2, kRowA), bc2 = load(q2, kRowB), ad3 = load(q3, kRowA), bc3 = load(q3, kRowB);
-        const auto A0 = Word<kOddA>(ad0), D0 = Word<kOddD>(ad0), B0 = Word<kOddA>(bc0), C0 = Word<kOddD>(bc0);
-        const auto A1 = Word<kOddA>(ad1), D1 = Word<kOddD>(ad1), B1 = Word<kOddA>(bc1), C1 = Word<kOddD>(bc1);
-        const auto A2 = Word<kOddA>(ad2), D2 = Word<kOddD>(ad2), B2 = Word<kOddA>(bc2), C2 = Word<kOddD>(bc2);
-        const auto A3 = Word<kOddA>(ad3), D3 = Word<kOddD>(ad3), B3 = Word<kOddA>(bc3), C3 = Word<kOddD>(bc3);
-        const auto diff = [&](auto a, auto b, auto cc, auto dd) {
-            return hn::ConvertTo(d, hn::Sub(hn::Sub(a, b), hn::Sub(cc, dd)));
-        };
-        hn::StoreU(diff(A2, A3, C2, C3), d, i1 + c);
-        hn::StoreU(diff(B2, B3, D2, D3), d, qq1 + c);
-        hn::StoreU(diff(A0, A1, C0, C1), d, i2 + c);
-        hn::StoreU(diff(B0, B1, D0, D1), d, qq2 + c);
-        // Energies in float are exact below 2^24, and on the right side of the
-        // threshold above it (the threshold's energy is below 2^24).
-        const auto energy = [&](auto a, auto b, auto cc, auto dd) {
-            const auto ex = hn::ConvertTo(d, hn::Sub(b, dd)), ey = hn::ConvertTo(d, hn::Sub(a, cc));
-            return hn::MulAdd(ex, ex, hn::Mul(ey, ey));
-        };
-        hn::StoreU(energy(A3, B3, C3, D3), d, e1 + c);
-        hn::StoreU(energy(A0, B0, C0, D0), d, e2 + c);
-        const auto saturated = [&](auto a, auto b, auto cc, auto dd) {
-            return hn::Or(hn::Or(hn::Eq(a, full), hn::Eq(b, full)), hn::Or(hn::Eq(cc, full), hn::Eq(dd, full)));
-        };
-        hn::StoreU(hn::Add(hn::IfThenElseZero(saturated(A2, B2, C2, D2), one),
-                           hn::IfThenElseZero(saturated(A0, B0, C0, D0), two)),
-                   di, sat + c);
-    }
-    RowSamplesScalar<kA, kB, kC, kD>(q0 + 2 * c, q1 + 2 * c, q2 + 2 * c, q3 + 2 * c, half, W - c, i1 + c,
-                                     qq1 + c, e1 + c, i2 + c, qq2 + c, e2 + c, sat + c);
-}
+    const V minEnergy = hn::Set(d, minEnergyValue);
+    const auto keepDepth = hn::Set(di, kKeepDepth), markSaturated = hn::Set(di, kMarkSaturated);
 
-// 2. The row's calibration at the flipped, binned positions, made contiguous (only
-// needed when the positions run backwards or skip).
-template <int Step>
-void RowCalibration(const float* __restrict f1, const float* __restrict f2,
-                    const float* __restrict rz, int W, float* __restrict o1,
-                    float* __restrict o2, float* __restrict orz)
-{
-    for (int c = 0; c < W; ++c) {
-        o1[c] = f1[Step * c];
-        o2[c] = f2[Step * c];
-        orz[c] = rz[Step * c];
+    for (int j = 0; j < n; j += 2 * N) {
+        // The samples two rows on, a cache line a stream every 16 pixels: the eight
+        // streams lie a plane apart and the hardware prefetchers lose them.
+        if ((j & 15) == 0)
+            for (int s = 0; s < 8; ++s)
+                hwy::Prefetch(subRows[s] + prefetchAhead);
+        const W a0(subRows[kRowA]), b0(subRows[kRowB]);
+        const W a1(subRows[2 + kRowA]), b1(subRows[2 + kRowB]);
+        const W a2(subRows[4 + kRowA]), b2(subRows[4 + kRowB]);
+        const W a3(subRows[6 + kRowA]), b3(subRows[6 + kRowB]);
+        for (int s = 0; s < 8; ++s)
+            subRows[s] += step;
+        hn::Mask<decltype(di)> saturatedAt1[2], saturatedAt2[2];
+        WordHits(a2, b2, 1023, saturatedAt1);
+        WordHits(a0, b0, 1023, saturatedAt2);
+        for (int h = 0; h < 2; ++h) {
+            // A and D from the A sub-row (x), B and C from the other (y): y.B - x.D and
+            // x.A - y.C, each one widening subtraction on NEON.
+            const auto bd = [h](const W& x, const W& y) {
+                return hn::Sub(y.template Word<kOddA>(h), x.template Word<!kOddA>(h));
+            };
+            const auto ac = [h](const W& x, const W& y) {
+                return hn::Sub(x.template Word<kOddA>(h), y.template Word<!kOddA>(h));
+            };
+            const int at = j + h * N;
+            // First frequency: planes 2 and 3, amplitude from plane 3;
+            // (A2 - A3) - (C2 - C3) = (A2 - C2) - (A3 - C3).
+            const auto ey1 = ac(a3, b3), ex1 = bd(a3, b3);
+            hn::Store(hn::ConvertTo(d, hn::Sub(ac(a2, b2), ey1)), d, pc.i1 + at);
+            hn::Store(hn::ConvertTo(d, hn::Sub(bd(a2, b2), ex1)), d, pc.q1 + at);
+            // Second frequency: planes 0 and 1, amplitude from plane 0.
+            const auto ey2 = ac(a0, b0), ex2 = bd(a0, b0);
+            hn::Store(hn::ConvertTo(d, hn::Sub(ey2, ac(a1, b1))), d, pc.i2 + at);
+            hn::Store(hn::ConvertTo(d, hn::Sub(ex2, bd(a1, b1))), d, pc.q2 + at);
+            // Energies in float are exact below 2^24, and on the right side of the
+            // threshold above it (the threshold's energy is below 2^24).
+            const auto strong = [&](auto ex, auto ey) {
+                const V fx = hn::ConvertTo(d, ex), fy = hn::ConvertTo(d, ey);
+                return hn::RebindMask(di, hn::Ge(hn::MulAdd(fx, fx, hn::Mul(fy, fy)), minEnergy));
+            };
+            // Reaching the first distance: unsaturated and strong at the first
+            // frequency; both: and at the second. The mark 1: saturated at the first
+            // frequency or, reached, at the second.
+            const auto saturated1 = saturatedAt1[h], saturated2 = saturatedAt2[h];
+            const auto reach1 = hn::AndNot(saturated1, strong(ex1, ey1));
+            const auto reach2 = hn::And(hn::AndNot(saturated2, strong(ex2, ey2)), reach1);
+            const auto mark = hn::Or(saturated1, hn::And(reach1, saturated2));
+            hn::Store(hn::IfThenElse(reach2, keepDepth, hn::IfThenElseZero(mark, markSaturated)), di,
+                      pc.code + at);
+            hn::Store(hn::Add(hn::VecFromMask(di, reach1), hn::VecFromMask(di, reach2)), di, pc.reached + at);
+        }
     }
 }
 
-// 3. One frequency's corrected wrapped distance from its phase vector: both corrections
-// by their integer parts, the wiggling index not folded (the dual-frequency tables are
-// read without folding).
-//
-// Written once over Highway vectors. The table look-ups are plain loads: the row goes
-// in blocks of kLookupBlock pixels, whose distances, fractions and indices are kept; a
-// scalar loop copies each pixel's two neighbouring entries as one 64-bit word, and the
-// interpolation finishes in vectors, the pairs split by an interleaved load. The
-// table's 257th entry repeats the 256th, so index 255 reads its own entry twice.
-// (Hardware gathers, and gathers emulated an entry at a time, cost several times more.)
-constexpr int kLookupBlock = 64;
-
-void RowDistance(const float* __restrict iv, const float* __restrict qv,
-                 const float* __restrict fppn, const float* __restrict table,
-                 float phaseToMm, float offset, float range, float step, int W,
-                 float* __restrict dOut)
+// 2. Both frequencies' wrapped phase distances, and where step * distance falls in each
+// table, kept within [0, 255] (NaN gives 0): beyond the last entry its slope is 0, so
+// every position past 255 gives that entry, as in the plain kernel.
+void PieceDistances(const FreqConstants& f1, const FreqConstants& f2, int n, Piece& pc)
 {
     const hn::ScalableTag<float> d;
     const hn::RebindToSigned<decltype(d)> di;
     using V = hn::Vec<decltype(d)>;
     const int N = static_cast<int>(hn::Lanes(d));
-    const V vRange = hn::Set(d, range), vStep = hn::Set(d, step);
-    const V vScale = hn::Set(d, phaseToMm), vOffset = hn::Set(d, offset);
-    const V one = hn::Set(d, 1.0f), zero = hn::Zero(d), xMax = hn::Set(d, 1.0e6f);
-    const auto last = hn::Set(di, 255);
-    HWY_ALIGN float dB[kLookupBlock], fB[kLookupBlock], pairB[2 * kLookupBlock];
-    HWY_ALIGN int32_t kB[kLookupBlock];
-    // The row's last, partial block goes through these, padded to whole vectors.
-    HWY_ALIGN float iT[kLookupBlock], qT[kLookupBlock], pT[kLookupBlock], oT[kLookupBlock];
-    for (int c0 = 0; c0 < W; c0 += kLookupBlock) {
-        const int n = std::min(kLookupBlock, W - c0);
-        const int padded = (n + N - 1) / N * N;
-        const float *i0 = iv + c0, *q0 = qv + c0, *p0 = fppn + c0;
-        float* o0 = dOut + c0;
-        if (padded != n) {
-            std::fill(iT + n, iT + padded, 0.0f);
-            std::fill(qT + n, qT + padded, 0.0f);
-            std::fill(pT + n, pT + padded, 0.0f);
-            std::copy(i0, i0 + n, iT);
-            std::copy(q0, q0 + n, qT);
-            std::copy(p0, p0 + n, pT);
-            i0 = iT;
-            q0 = qT;
-            p0 = pT;
-            o0 = oT;
-        }
-        for (int j = 0; j < padded; j += N) {
-            const V dist = WrapV(hn::MulAdd(Atan2V(d, hn::LoadU(d, q0 + j), hn::LoadU(d, i0 + j)), vScale, vOffset),
-                                 vRange);
-            // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0); the index
-            // within the table.
-            const V x = ClampV(hn::Mul(vStep, dist), zero, xMax);
-            const auto k = hn::ConvertTo(di, x);
-            hn::Store(dist, d, dB + j);
-            hn::Store(hn::Sub(x, hn::ConvertTo(d, k)), d, fB + j);
-            hn::Store(hn::Min(k, last), di, kB + j);
-        }
-        // Entries k and k + 1 (k + 1 = 256 is entry 255 again).
-        for (int j = 0; j < padded; ++j)
-            std::memcpy(pairB + 2 * j, table + kB[j], 2 * sizeof(float));
-        for (int j = 0; j < padded; j += N) {
-            V lo, hi;
-            hn::LoadInterleaved2(d, pairB + 2 * j, lo, hi);
-            // Entry k, and entry k + 1 where the fraction is above 0 (k itself
-            // otherwise, as if k + 1 were not read).
-            const V f = hn::Load(d, fB + j);
-            const V w1 = hn::IfThenElse(hn::Gt(f, zero), hi, lo);
-            const V wig = hn::MulAdd(f, w1, hn::Mul(hn::Sub(one, f), lo));
-            const V corrected = hn::Sub(hn::Add(hn::Load(d, dB + j), TruncV(hn::LoadU(d, p0 + j))), TruncV(wig));
-            hn::StoreU(WrapV(corrected, vRange), d, o0 + j);
-        }
-        if (o0 == oT)
-            std::copy(oT, oT + n, dOut + c0);
+    const V scale1 = hn::Set(d, f1.phaseToMm), shift1 = hn::Set(d, f1.offset), range1 = hn::Set(d, f1.range);
+    const V scale2 = hn::Set(d, f2.phaseToMm), shift2 = hn::Set(d, f2.offset), range2 = hn::Set(d, f2.range);
+    const V step = hn::Set(d, f1.step), zero = hn::Zero(d), xMax = hn::Set(d, 255.0f);
+    const auto one = [&](V i, V q, V scale, V shift, V range, float* dist, float* frac, int32_t* index) {
+        const V dd = WrapV(hn::MulAdd(Atan2V(d, q, i), scale, shift), range);
+        const V x = ClampV(hn::Mul(step, dd), zero, xMax);
+        const auto k = hn::ConvertTo(di, x);
+        hn::Store(dd, d, dist);
+        hn::Store(hn::Sub(x, hn::ConvertTo(d, k)), d, frac);
+        hn::Store(k, di, index);
+    };
+    for (int j = 0; j < n; j += N) {
+        one(hn::Load(d, pc.i1 + j), hn::Load(d, pc.q1 + j), scale1, shift1, range1, pc.dist1 + j, pc.frac1 + j,
+            pc.index1 + j);
+        one(hn::Load(d, pc.i2 + j), hn::Load(d, pc.q2 + j), scale2, shift2, range2, pc.dist2 + j, pc.frac2 + j,
+            pc.index2 + j);
     }
 }
 
-struct UnwrapConstants {
-    float minEnergy, rangeC, ratio1, ratio2, invR1, invR2;
-    int32_t R1, R2;
-};
-
-// 4. Unwrapping into the combined range, the consistency of the two distances, the
-// depth or its marks, and how far each pixel got (1: the first frequency's distance,
-// 2: both) for the last-distance members.
-void RowUnwrapScalar(const UnwrapConstants k, const float* __restrict d1s,
-                     const float* __restrict d2s, const float* __restrict e1,
-                     const float* __restrict e2, const int32_t* __restrict sat,
-                     const float* __restrict rays, int W, uint16_t* __restrict out,
-                     int32_t* __restrict reachOut)
+// 3. Each pixel's wiggling entry and slope. n is a multiple of 4.
+QV_SCALAR_LOOKUPS void PieceLookups(const float* __restrict slopes, const int32_t* __restrict index, int n,
+                  float* __restrict pairs)
 {
-    for (int c = 0; c < W; ++c) {
-        const float d1 = d1s[c], d2 = d2s[c];
-        const float e = Wrap(k.ratio1 * d1 - k.ratio2 * d2, k.rangeC);
-        float kf2 = (e - d2) * k.invR2 + 0.5f;
-        float kf1 = (e - d1) * k.invR1 + 0.5f;
-        kf2 = kf2 > -1.0e6f ? kf2 : -1.0e6f;  // NaN too
-        kf2 = kf2 < 1.0e6f ? kf2 : 1.0e6f;
-        kf1 = kf1 > -1.0e6f ? kf1 : -1.0e6f;
-        kf1 = kf1 < 1.0e6f ? kf1 : 1.0e6f;
-        const int32_t k2 = static_cast<int32_t>(kf2), k1 = static_cast<int32_t>(kf1);
-        float D1 = d1 + static_cast<float>(k1 * k.R1);
-        const float D2 = d2 + static_cast<float>(k2 * k.R2);
-        const float z = rays[c] * 0.5f * (D1 + D2);
-        D1 = z < 0.0f ? D1 + k.rangeC : D1;
-        const float disagreement = z > k.rangeC ? D1 - k.rangeC - D2 : D1 - D2;
-        const bool keep = (std::fabs(disagreement) <= 200.0f) & (d1 != 0.0f) & (d2 != 0.0f);
-
-        // 1 for saturation (the first frequency tested first), the depth for a pixel
-        // strong and consistent at both frequencies, 0 otherwise: the two cases exclude
-        // each other, so the sum selects.
-        // Integers rather than bools throughout: the vectoriser handles no 1-bit lanes.
-        const int32_t sat1 = sat[c] & 1, sat2 = (sat[c] >> 1) & 1;
-        const int32_t strong1 = e1[c] >= k.minEnergy ? 1 : 0;
-        const int32_t strong2 = e2[c] >= k.minEnergy ? 1 : 0;
-        const int32_t reach1 = (1 - sat1) & strong1;
-        const int32_t reach2 = reach1 & (1 - sat2) & strong2;
-        const int32_t mark = sat1 | (reach1 & sat2);
-        out[c] = static_cast<uint16_t>(mark + (reach2 & (keep ? 1 : 0)) * TruncLow16(z));
-        reachOut[c] = reach1 + reach2;
+    for (int j = 0; j < n; j += 4) {
+        for (int u = 0; u < 4; ++u) {
+            uint64_t pair;
+            // Entries 0..255: unsigned, so that the address needs no sign extension.
+            const size_t k = static_cast<uint32_t>(index[j + u]);
+            std::memcpy(&pair, slopes + 2 * k, sizeof pair);
+            std::memcpy(pairs + 2 * (j + u), &pair, sizeof pair);
+        }
     }
 }
 
-// The same over whole vectors, then the scalar loop for the row's last pixels.
-void RowUnwrap(const UnwrapConstants k, const float* __restrict d1s, const float* __restrict d2s,
-               const float* __restrict e1, const float* __restrict e2,
-               const int32_t* __restrict sat, const float* __restrict rays, int W,
-               uint16_t* __restrict out, int32_t* __restrict reachOut)
+// The wrapped distances of pixels [j, j + N) corrected by both tables' integer parts.
+// The wiggling correction lies within +-2 kSlopeTableLimit: its truncation needs no
+// clamp.
+template <class D, class V = hn::Vec<D>>
+V CorrectedDistances(D d, const float* pairs, const float* frac, const float* dist, const float* fppn, V range,
+                     int j)
+{
+    V entry, slope;
+    hn::LoadInterleaved2(d, pairs + 2 * j, entry, slope);
+    const V wig = hn::MulAdd(hn::Load(d, frac + j), slope, entry);
+    return WrapV(hn::Sub(hn::Add(hn::Load(d, dist + j), hn::Trunc(hn::LoadU(d, fppn + j))), hn::Trunc(wig)), range);
+}
+
+// 4. Corrected distances, unwrapping into the combined range, the consistency of the
+// two distances, and the depth or its marks.
+void PieceDepth(const DualRowArgs& a, const float* __restrict fppn1, const float* __restrict fppn2,
+                const float* __restrict rays, int n, Piece& pc, uint16_t* __restrict out)
 {
     const hn::ScalableTag<float> d;
     const hn::RebindToSigned<decltype(d)> di;
     const hn::Rebind<uint16_t, decltype(d)> dOut;
     using V = hn::Vec<decltype(d)>;
     const int N = static_cast<int>(hn::Lanes(d));
-    const V ratio1 = hn::Set(d, k.ratio1), ratio2 = hn::Set(d, k.ratio2);
-    const V rangeC = hn::Set(d, k.rangeC), invR1 = hn::Set(d, k.invR1), invR2 = hn::Set(d, k.invR2);
-    const V half = hn::Set(d, 0.5f), lowest = hn::Set(d, -1.0e6f), highest = hn::Set(d, 1.0e6f);
-    const V minEnergy = hn::Set(d, k.minEnergy), zero = hn::Zero(d), limit = hn::Set(d, 200.0f);
-    const V R1 = hn::Set(d, static_cast<float>(k.R1)), R2 = hn::Set(d, static_cast<float>(k.R2));
-    const auto one = hn::Set(di, 1), two = hn::Set(di, 2);
-    int c = 0;
-    for (; c + N <= W; c += N) {
-        const V d1 = hn::LoadU(d, d1s + c), d2 = hn::LoadU(d, d2s + c);
-        const V e = WrapV(hn::MulSub(ratio1, d1, hn::Mul(ratio2, d2)), rangeC);
-        // The index stays a float (truncated, within +-1e6, NaN at -1e6): its product
-        // with the range (below 2^24) is the exact integer product rounded once, as in
-        // integers.
-        const auto index = [&](V dist, V inv) {
-            return hn::Trunc(ClampV(hn::MulAdd(hn::Sub(e, dist), inv, half), lowest, highest));
-        };
+    const V range1 = hn::Set(d, a.f1.range), range2 = hn::Set(d, a.f2.range);
+    const V ratio1 = hn::Set(d, a.ratio1), ratio2 = hn::Set(d, a.ratio2);
+    const V rangeC = hn::Set(d, a.rangeC), invR1 = hn::Set(d, a.invR1), invR2 = hn::Set(d, a.invR2);
+    const V half = hn::Set(d, 0.5f);
+    const V zero = hn::Zero(d), limit = hn::Set(d, 200.0f);
+    const V R1 = hn::Set(d, a.R1), R2 = hn::Set(d, a.R2);
+    const auto intMax = hn::Set(di, INT32_MAX);
+
+    for (int j = 0; j < n; j += N) {
+        const V d1 = CorrectedDistances(d, pc.pairs1, pc.frac1, pc.dist1, fppn1, range1, j);
+        const V d2 = CorrectedDistances(d, pc.pairs2, pc.frac2, pc.dist2, fppn2, range2, j);
+        hn::Store(d1, d, pc.d1 + j);
+        hn::Store(d2, d, pc.d2 + j);
+        // ratio1 d1 - ratio2 d2 is the distance modulo the combined range. The index
+        // stays a float (truncated): its product with the range is the integer product
+        // rounded once. (Only where a distance is NaN or beyond any range does it differ
+        // from the plain kernel's integer index, and the depth is dropped there either
+        // way: a NaN or infinite depth gives 0.)
+        const V e = WrapV(hn::NegMulAdd(ratio2, d2, hn::Mul(ratio1, d1)), rangeC);
+        const auto index = [&](V dist, V inv) { return hn::Trunc(hn::MulAdd(hn::Sub(e, dist), inv, half)); };
         V D1 = hn::MulAdd(index(d1, invR1), R1, d1);
         const V D2 = hn::MulAdd(index(d2, invR2), R2, d2);
-        const V z = hn::Mul(hn::Mul(hn::LoadU(d, rays + c), half), hn::Add(D1, D2));
+        const V z = hn::Mul(hn::Mul(hn::LoadU(d, rays + j), half), hn::Add(D1, D2));
         D1 = hn::IfThenElse(hn::Lt(z, zero), hn::Add(D1, rangeC), D1);
         const V disagreement = hn::Sub(hn::IfThenElse(hn::Gt(z, rangeC), hn::Sub(D1, rangeC), D1), D2);
-        const auto keep = hn::And(hn::Le(hn::Abs(disagreement), limit),
-                                  hn::And(hn::Ne(d1, zero), hn::Ne(d2, zero)));
-
-        // reach1 = not saturated at the first frequency and strong there; reach2 =
-        // reach1 and the same at the second; the mark 1 for saturation at the first
-        // frequency or, reached, at the second.
-        const auto s = hn::LoadU(di, sat + c);
-        const auto sat1 = hn::Eq(hn::And(s, one), one), sat2 = hn::Eq(hn::And(s, two), two);
-        const auto strong1 = hn::RebindMask(di, hn::Ge(hn::LoadU(d, e1 + c), minEnergy));
-        const auto strong2 = hn::RebindMask(di, hn::Ge(hn::LoadU(d, e2 + c), minEnergy));
-        const auto reach1 = hn::AndNot(sat1, strong1);
-        const auto reach2 = hn::And(hn::AndNot(sat2, strong2), reach1);
-        const auto mark = hn::Or(sat1, hn::And(reach1, sat2));
-        const auto depth = TruncLow16V(hn::IfThenElseZero(keep, z));
-        const auto value = hn::Add(hn::IfThenElseZero(mark, one), hn::IfThenElseZero(reach2, depth));
-        hn::StoreU(hn::DemoteTo(dOut, value), dOut, out + c);
-        hn::StoreU(hn::Add(hn::IfThenElseZero(reach1, one), hn::IfThenElseZero(reach2, one)), di, reachOut + c);
+        // The depth's low 16 bits unless the distances disagree by more than 200 mm,
+        // either is exactly 0, or z lies beyond the int32 range (the conversion gives
+        // INT32_MAX, or INT32_MIN whose low bits are 0, or 0 for NaN).
+        const auto depth = hn::ConvertTo(di, z);
+        const auto drop = hn::Or(hn::RebindMask(di, hn::Or(hn::Gt(hn::Abs(disagreement), limit),
+                                                           hn::Or(hn::Eq(d1, zero), hn::Eq(d2, zero)))),
+                                 hn::Eq(depth, intMax));
+        const auto code = hn::Load(di, pc.code + j);
+        const auto value = hn::Or(hn::IfThenZeroElse(drop, hn::And(depth, code)), hn::ShiftRight<16>(code));
+        hn::StoreU(hn::DemoteTo(dOut, value), dOut, out + j);
     }
-    RowUnwrapScalar(k, d1s + c, d2s + c, e1 + c, e2 + c, sat + c, rays + c, W - c, out + c, reachOut + c);
 }
 
-constexpr int kRowPiece = 128;
-
 template <int Flip, int Binning>
-void DualRow(const DualRowArgs& a, int r, const DualRowScratch& s, uint16_t* out, float* d1s,
-             float* d2s, int32_t* reached)
+void DualRow(const DualRowArgs& a, int r, Piece& pc, uint16_t* out, DualFreqLast& last)
 {
     // Sample roles A, B, C, D as word indices S0..S3 of the flip mode.
     constexpr int kA = Flip == 0 ? 0 : Flip == 1 ? 2 : Flip == 2 ? 1 : 3;
@@ -338,44 +268,72 @@ void DualRow(const DualRowArgs& a, int r, const DualRowScratch& s, uint16_t* out
     constexpr int kD = Flip == 0 ? 1 : Flip == 1 ? 3 : Flip == 2 ? 0 : 2;
     constexpr bool kMirrorRows = Flip == 1 || Flip == 3;
     constexpr bool kMirrorCols = Flip == 2 || Flip == 3;
-    const int W = a.width;
-    const DualFreqParams& p = *a.p;
-
-    const uint16_t* q0 = a.raw + 4 * static_cast<size_t>(W) * r;
-    const size_t calRow = static_cast<size_t>(kMirrorRows ? a.height - 1 - r : r);
-    const size_t first = calRow * W * Binning * Binning +
-                         (kMirrorCols ? static_cast<size_t>(W - 1) * Binning : 0);
     constexpr int kStep = kMirrorCols ? -Binning : Binning;
-    const UnwrapConstants k{a.minEnergy, a.rangeC, a.ratio1, a.ratio2, a.invR1, a.invR2, a.R1, a.R2};
+    const int W = a.width;
+    const size_t subRow = 2 * static_cast<size_t>(W);
+    const int vectorPixels = 2 * static_cast<int>(hn::Lanes(hn::ScalableTag<float>()));
 
-    // The row in pieces of kRowPiece pixels, so that the intermediate rows stay in the
-    // first-level cache between the steps.
-    for (int c0 = 0; c0 < W; c0 += kRowPiece) {
-        const int n = std::min(kRowPiece, W - c0);
-        const uint16_t* q = q0 + 2 * static_cast<size_t>(c0);
-        RowSamples<kA, kB, kC, kD>(q, q + a.plane, q + 2 * a.plane, q + 3 * a.plane,
-                                   2 * static_cast<size_t>(W), n, s.i1, s.q1, s.e1, s.i2, s.q2, s.e2,
-                                   s.saturated);
-        const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(first) + std::ptrdiff_t{kStep} * c0;
+    const uint16_t* rowWords = a.raw + 4 * static_cast<size_t>(W) * r;
+    const size_t calRow = static_cast<size_t>(kMirrorRows ? a.height - 1 - r : r);
+    const std::ptrdiff_t first = static_cast<std::ptrdiff_t>(calRow * W * Binning * Binning +
+                                                             (kMirrorCols ? static_cast<size_t>(W - 1) * Binning : 0));
+
+    for (int c0 = 0; c0 < W; c0 += kPiece) {
+        const int n = std::min(kPiece, W - c0);
+        const int padded = (n + vectorPixels - 1) / vectorPixels * vectorPixels;
+        const uint16_t* subRows[8];
+        for (int s = 0; s < 8; ++s)
+            subRows[s] = rowWords + (s / 2) * a.plane + (s % 2) * subRow + 2 * static_cast<size_t>(c0);
+        // The calibration at the flipped, binned positions: read in place where they
+        // run forwards one by one, else gathered into the piece.
+        const std::ptrdiff_t at = first + std::ptrdiff_t{kStep} * c0;
         const float* fppn1 = a.fppn1 + at;
         const float* fppn2 = a.fppn2 + at;
         const float* rays = a.radialToZ + at;
-        if (kStep != 1) {
-            RowCalibration<kStep>(fppn1, fppn2, rays, n, s.fppn1, s.fppn2, s.rays);
-            fppn1 = s.fppn1;
-            fppn2 = s.fppn2;
-            rays = s.rays;
+        if (kStep != 1 || padded != n) {
+            for (int c = 0; c < n; ++c) {
+                pc.fppn1[c] = fppn1[kStep * c];
+                pc.fppn2[c] = fppn2[kStep * c];
+                pc.rays[c] = rays[kStep * c];
+            }
+            fppn1 = pc.fppn1;
+            fppn2 = pc.fppn2;
+            rays = pc.rays;
         }
-        RowDistance(s.i1, s.q1, fppn1, p.table1, p.phaseToMm1, a.off1, a.range1, p.tableStep2,
-                    n, d1s + c0);
-        RowDistance(s.i2, s.q2, fppn2, p.table2, p.phaseToMm2, a.off2, a.range2, p.tableStep2,
-                    n, d2s + c0);
-        RowUnwrap(k, d1s + c0, d2s + c0, s.e1, s.e2, s.saturated, rays, n, out + c0, reached + c0);
+        uint16_t* to = out + c0;
+        if (padded != n) {
+            for (int s = 0; s < 8; ++s) {
+                std::fill(std::copy(subRows[s], subRows[s] + 2 * n, pc.words[s]), pc.words[s] + 2 * padded,
+                          uint16_t{0});
+                subRows[s] = pc.words[s];
+            }
+            std::fill(pc.fppn1 + n, pc.fppn1 + padded, 0.0f);
+            std::fill(pc.fppn2 + n, pc.fppn2 + padded, 0.0f);
+            std::fill(pc.rays + n, pc.rays + padded, 0.0f);
+            to = pc.out;
+        }
+        PieceSamples<kA, kB, kC, kD>(a.minEnergy, subRows, padded == n ? 4 * subRow : 0, padded, pc);
+        PieceDistances(a.f1, a.f2, padded, pc);
+        PieceLookups(a.f1.slopes, pc.index1, padded, pc.pairs1);
+        PieceLookups(a.f2.slopes, pc.index2, padded, pc.pairs2);
+        PieceDepth(a, fppn1, fppn2, rays, padded, pc, to);
+        if (to == pc.out)
+            std::copy(pc.out, pc.out + n, out + c0);
+
+        // The last pixel so far that reached each frequency's distance.
+        int c = n - 1;
+        while (c >= 0 && pc.reached[c] == 0)
+            --c;
+        if (c >= 0)
+            last.distance1 = pc.d1[c];
+        while (c >= 0 && pc.reached[c] > -2)
+            --c;
+        if (c >= 0)
+            last.distance2 = pc.d2[c];
     }
 }
 
-using DualRowFn = void (*)(const DualRowArgs&, int, const DualRowScratch&, uint16_t*, float*, float*,
-                           int32_t*);
+using DualRowFn = void (*)(const DualRowArgs&, int, Piece&, uint16_t*, DualFreqLast&);
 
 template <int Binning>
 DualRowFn DualRowFor(int flip)
@@ -393,55 +351,32 @@ DualRowFn DualRowFor(int flip)
 void DualFreqDepthRows(const uint16_t* raw, uint16_t* depth, int width, int height,
                        const DualFreqParams& p, const float* fppn1, const float* fppn2,
                        const float* radialToZ, float comp1, float comp2, float minEnergy,
-                       float* scratch, DualFreqLast& last)
+                       DualFreqLast& last)
 {
-    // Scratch: 13 rows of the frame's width, two of them 32-bit integers (saturation and
-    // reach). The first ten hold one piece of a row at a time; the distances and reach
-    // cover the whole row for the last-distance search below.
-    const size_t W = static_cast<size_t>(width);
-    DualRowScratch rowScratch{scratch,         scratch + W,     scratch + 2 * W,
-                              scratch + 3 * W, scratch + 4 * W, scratch + 5 * W,
-                              reinterpret_cast<int32_t*>(scratch + 6 * W),
-                              scratch + 7 * W, scratch + 8 * W, scratch + 9 * W};
-    float* d1s = scratch + 10 * W;
-    float* d2s = scratch + 11 * W;
-    int32_t* reached = reinterpret_cast<int32_t*>(scratch + 12 * W);
     const int32_t f1 = p.frequency1, f2 = p.frequency2;
     DualRowArgs a{};
     a.raw = raw;
     a.plane = 4 * static_cast<size_t>(width) * height;
     a.width = width;
     a.height = height;
-    a.p = &p;
     a.fppn1 = fppn1;
     a.fppn2 = fppn2;
     a.radialToZ = radialToZ;
+    // The second frequency's table step serves both tables.
+    a.f1 = {p.phaseToMm1, p.depthOffset1 - comp1, static_cast<float>(p.range1), p.tableStep2, p.slopes1};
+    a.f2 = {p.phaseToMm2, p.depthOffset2 - comp2, static_cast<float>(p.range2), p.tableStep2, p.slopes2};
     a.minEnergy = minEnergy;
-    a.off1 = p.depthOffset1 - comp1;
-    a.off2 = p.depthOffset2 - comp2;
-    a.R1 = p.range1;
-    a.R2 = p.range2;
-    a.range1 = static_cast<float>(p.range1);
-    a.range2 = static_cast<float>(p.range2);
+    a.R1 = static_cast<float>(p.range1);
+    a.R2 = static_cast<float>(p.range2);
     a.ratio1 = static_cast<float>(f1 / (f1 - f2));
     a.ratio2 = static_cast<float>(f2 / (f1 - f2));
     a.rangeC = static_cast<float>((f1 / (f1 > f2 ? f1 - f2 : f2 - f1)) * p.range1);
     a.invR1 = static_cast<float>(1.0 / p.range1);
     a.invR2 = static_cast<float>(1.0 / p.range2);
     const DualRowFn row = p.binning == 2 ? DualRowFor<2>(p.flipMode) : DualRowFor<1>(p.flipMode);
-    for (int r = 2; r < height; ++r) {
-        row(a, r, rowScratch, depth + static_cast<size_t>(r) * width, d1s, d2s, reached);
-        // The last pixel of the frame that reached each frequency's distance.
-        int c = width - 1;
-        while (c >= 0 && reached[c] == 0)
-            --c;
-        if (c >= 0)
-            last.distance1 = d1s[c];
-        while (c >= 0 && reached[c] < 2)
-            --c;
-        if (c >= 0)
-            last.distance2 = d2s[c];
-    }
+    Piece piece;
+    for (int r = 2; r < height; ++r)
+        row(a, r, piece, depth + static_cast<size_t>(r) * width, last);
 }
 
 }  // namespace QV_KERNEL_NS

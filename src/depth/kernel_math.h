@@ -18,10 +18,10 @@ constexpr float kHalfPi = 1.57079632679490f;
 constexpr float kQuarterPi = 0.78539816339745f;
 
 // atan(u) = u + u s P(s), s = u^2, on |u| <= tan(pi/8): P fitted by weighted least
-// squares on Chebyshev nodes; 1.7e-10 rad in exact arithmetic, 1.9e-8 in float (the
-// rounding of the result itself).
-constexpr float kAtanCoef[5] = {-3.3333301544e-01f, 1.9997815788e-01f, -1.4233340323e-01f,
-                                1.0528951138e-01f, -5.9327166528e-02f};
+// squares on Chebyshev nodes, as close to minimax as float needs; 4.9e-9 rad in exact
+// arithmetic, below the rounding of the result itself (1.9e-8 in float).
+constexpr float kAtanCoef[4] = {-3.3332756669e-01f, 1.9971879303e-01f, -1.3824453730e-01f,
+                                7.9025981016e-02f};
 
 inline float Wrap(float d, float range)
 {
@@ -40,7 +40,7 @@ inline int32_t TruncLow16(float v)
 // atan2 lane by lane within 3e-7 rad (float's own spacing near pi is 2.4e-7), for
 // inputs that are not NaN: atan on [0, 1], reduced to |u| <= tan(pi/8) by
 // atan(t) = pi/4 + atan((t - 1) / (t + 1)) above tan(pi/8) (formed from lo and hi
-// directly, so one division serves both cases), where the degree-11 odd polynomial
+// directly, so one division serves both cases), where the degree-9 odd polynomial
 // above is below float resolution; then folded into the four quadrants by the signs of
 // x and y, as std::atan2 does (signed zeros included). Exact for the common exact
 // cases: atan2(0, 0) = 0, atan2(0, x < 0) = pi, and |y| = |x| (pi/4 multiples).
@@ -55,8 +55,7 @@ inline V Atan2V(D d, V y, V x)
     const V den = hn::IfThenElse(reduce, hn::Add(lo, hi), hn::Max(hi, hn::Set(d, 1.0e-30f)));
     const V u = hn::Div(num, den);
     const V s = hn::Mul(u, u);
-    V p = hn::Set(d, kAtanCoef[4]);
-    p = hn::MulAdd(p, s, hn::Set(d, kAtanCoef[3]));
+    V p = hn::Set(d, kAtanCoef[3]);
     p = hn::MulAdd(p, s, hn::Set(d, kAtanCoef[2]));
     p = hn::MulAdd(p, s, hn::Set(d, kAtanCoef[1]));
     p = hn::MulAdd(p, s, hn::Set(d, kAtanCoef[0]));
@@ -77,24 +76,17 @@ inline V WrapV(V d, V range)
 }
 
 // v kept within [lo, hi], NaN giving lo. On x86 the minimum and maximum give their
-// second operand for NaN; elsewhere NaN needs the compares.
+// second operand for NaN, on ARM64 the number (maxNum); elsewhere NaN needs the
+// compares.
 template <class V>
 inline V ClampV(V v, V lo, V hi)
 {
-#if HWY_ARCH_X86
+#if HWY_ARCH_X86 || (HWY_ARCH_ARM_A64 && HWY_TARGET == HWY_NEON)
     return hn::Min(hn::Max(v, lo), hi);
 #else
     v = hn::IfThenElse(hn::Gt(v, lo), v, lo);
     return hn::IfThenElse(hn::Lt(v, hi), v, hi);
 #endif
-}
-
-// Trunc: the integer part, kept within +-1e9 (NaN gives -1e9).
-template <class V>
-inline V TruncV(V v)
-{
-    const hn::DFromV<V> d;
-    return hn::Trunc(ClampV(v, hn::Set(d, -1.0e9f), hn::Set(d, 1.0e9f)));
 }
 
 // The low 16 bits of the truncation toward zero, as TruncLow16 lane by lane: 0 for NaN
@@ -108,15 +100,77 @@ inline hn::Vec<hn::RebindToSigned<hn::DFromV<V>>> TruncLow16V(V v)
     return hn::And(hn::ConvertTo(di, hn::IfThenElseZero(inRange, v)), hn::Set(di, 0xFFFF));
 }
 
-// Sample words read two to a 32-bit lane: the even word of each pair, or the odd.
-template <bool kOdd, class VU>
-inline hn::Vec<hn::RebindToSigned<hn::DFromV<VU>>> Word(VU pair)
+// The sample words of 2N pixels (N: the lanes of D) of one sub-row, where each pixel's
+// two words lie side by side: its even and its odd word as 32-bit integers, for pixels
+// [0, N) (half 0) and [N, 2N) (half 1). NEON deinterleaves on loading and widens each
+// half with one instruction (a widening subtraction where two words are subtracted);
+// x86 has no such loads, so there each 32-bit lane holds a pixel's pair and the words
+// are taken apart by a mask and a shift.
+template <class D>
+struct SubRowWords {
+    using DI = hn::RebindToSigned<D>;
+    using DU = hn::RebindToUnsigned<D>;
+    using D16 = hn::Repartition<uint16_t, D>;  // 2N lanes
+    using V16 = hn::Vec<D16>;
+#if HWY_TARGET == HWY_NEON
+    static constexpr bool kDeinterleaved = true;
+#else
+    static constexpr bool kDeinterleaved = false;
+#endif
+    // Deinterleaved: the even words, the odd words; else the pairs of each half.
+    V16 raw[2];
+
+    explicit SubRowWords(const uint16_t* p)
+    {
+        const D16 d16;
+        if constexpr (kDeinterleaved)
+            hn::LoadInterleaved2(d16, p, raw[0], raw[1]);
+        else
+            raw[0] = hn::LoadU(d16, p), raw[1] = hn::LoadU(d16, p + hn::Lanes(d16));
+    }
+    template <bool kOdd>
+    hn::Vec<DI> Word(int half) const
+    {
+        const DU du;
+        if constexpr (kDeinterleaved) {
+            const hn::Half<D16> dh;
+            const V16 v = raw[kOdd ? 1 : 0];
+            return hn::BitCast(DI(), half == 0 ? hn::PromoteTo(du, hn::LowerHalf(dh, v))
+                                               : hn::PromoteTo(du, hn::UpperHalf(dh, v)));
+        } else {
+            const auto pairs = hn::BitCast(du, raw[half]);
+            if constexpr (kOdd)
+                return hn::BitCast(DI(), hn::ShiftRight<16>(pairs));
+            else
+                return hn::BitCast(DI(), hn::And(pairs, hn::Set(du, 0xFFFFu)));
+        }
+    }
+};
+
+// The pixels (per half, as above) with a word equal to `value` in either of two
+// sub-rows: compared in 16-bit lanes, then widened to one mask lane a pixel.
+template <class D>
+inline void WordHits(const SubRowWords<D>& a, const SubRowWords<D>& b, uint16_t value,
+                     hn::Mask<hn::RebindToSigned<D>> hits[2])
 {
-    const hn::RebindToSigned<hn::DFromV<VU>> di;
-    if constexpr (kOdd)
-        return hn::BitCast(di, hn::ShiftRight<16>(pair));
-    else
-        return hn::BitCast(di, hn::And(pair, hn::Set(hn::DFromV<VU>(), 0xFFFFu)));
+    using W = SubRowWords<D>;
+    const typename W::D16 d16;
+    const typename W::DI di;
+    const auto v = hn::Set(d16, value);
+    if constexpr (W::kDeinterleaved) {
+        const auto any = hn::Or(hn::Or(hn::Eq(a.raw[0], v), hn::Eq(a.raw[1], v)),
+                                hn::Or(hn::Eq(b.raw[0], v), hn::Eq(b.raw[1], v)));
+        const hn::Repartition<int16_t, D> di16;
+        const hn::Half<decltype(di16)> dh;
+        const auto lanes = hn::BitCast(di16, hn::VecFromMask(d16, any));
+        hits[0] = hn::MaskFromVec(hn::PromoteTo(di, hn::LowerHalf(dh, lanes)));
+        hits[1] = hn::MaskFromVec(hn::PromoteTo(di, hn::UpperHalf(dh, lanes)));
+    } else {
+        for (int h = 0; h < 2; ++h) {
+            const auto any = hn::Or(hn::Eq(a.raw[h], v), hn::Eq(b.raw[h], v));
+            hits[h] = hn::Ne(hn::BitCast(di, hn::VecFromMask(d16, any)), hn::Zero(di));
+        }
+    }
 }
 
 }  // namespace

@@ -18,6 +18,20 @@ namespace {
 
 constexpr int kBlock = 64;
 
+// Entries k0 and k1 of each pixel, four at a time (n is a multiple of 8). The indices
+// lie in [0, 255]: read unsigned, so that addresses need no sign extension.
+QV_SCALAR_LOOKUPS void LookUpPairs(const float* __restrict table, const int32_t* __restrict k0,
+                                   const int32_t* __restrict k1, int n, float* __restrict lo,
+                                   float* __restrict hi)
+{
+    for (int j = 0; j < n; j += 4) {
+        for (int u = 0; u < 4; ++u) {
+            lo[j + u] = table[static_cast<uint32_t>(k0[j + u])];
+            hi[j + u] = table[static_cast<uint32_t>(k1[j + u])];
+        }
+    }
+}
+
 }  // namespace
 
 void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int height,
@@ -26,13 +40,12 @@ void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int h
 {
     const hn::ScalableTag<float> d;
     const hn::RebindToSigned<decltype(d)> di;
-    const hn::RebindToUnsigned<decltype(d)> du32;
-    const hn::Repartition<uint16_t, decltype(d)> du16;  // a sample pair per float lane
     const hn::Rebind<uint16_t, decltype(d)> dOut;      // a depth per float lane
     using V = hn::Vec<decltype(d)>;
     const int N = static_cast<int>(hn::Lanes(d));
 
     const float range = static_cast<float>(p.rangeMm);
+    const float* const table = p.table;
     const V vRange = hn::Set(d, range), vScale = hn::Set(d, p.phaseToMm);
     const V vOffset = hn::Set(d, p.depthOffset), vShift = hn::Set(d, halfRangeMinusComp);
     const V vStep = hn::Set(d, p.tableStep), vEnergy = hn::Set(d, minEnergy);
@@ -57,7 +70,7 @@ void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int h
         const size_t rowBase = static_cast<size_t>(r) * width;
         for (int c0 = 0; c0 < width; c0 += kBlock) {
             const int n = std::min(kBlock, width - c0);
-            const int padded = (n + N - 1) / N * N;
+            const int padded = (n + 2 * N - 1) / (2 * N) * (2 * N);
             const uint16_t *h0 = h0Row + 2 * c0, *h1 = h1Row + 2 * c0;
             const float *fppn = fppnOffset + rowBase + c0, *ray = radialToZ + rowBase + c0;
             uint16_t* out = depth + rowBase + c0;
@@ -72,40 +85,38 @@ void SingleFreqDepthFrame(const uint16_t* raw, uint16_t* depth, int width, int h
                 ray = rT;
                 out = oT;
             }
-            for (int j = 0; j < padded; j += N) {
-                // Samples s0 s1 on the first half-row, s2 s3 on the second: a pixel's two
-                // words are one 32-bit lane.
-                const auto pair0 = hn::BitCast(du32, hn::LoadU(du16, h0 + 2 * j));
-                const auto pair1 = hn::BitCast(du32, hn::LoadU(du16, h1 + 2 * j));
-                const auto s0 = Word<false>(pair0), s1 = Word<true>(pair0);
-                const auto s2 = Word<false>(pair1), s3 = Word<true>(pair1);
-                const V I = hn::ConvertTo(d, hn::Sub(s0, s3)), Q = hn::ConvertTo(d, hn::Sub(s2, s1));
-                // Exact: both squares and their sum are integers below 2^24.
-                const auto strong = hn::Ge(hn::MulAdd(I, I, hn::Mul(Q, Q)), vEnergy);
-                hn::Store(hn::IfThenElseZero(strong, one), d, strongB + j);
-                V dist = hn::MulAdd(Atan2V(d, Q, I), vScale, vOffset);
-                dist = WrapV(hn::Add(dist, vShift), vRange);
-                // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0), folded
-                // beyond the table's count and kept inside its 256 entries.
-                const V x = ClampV(hn::Mul(vStep, dist), zero, xMax);
-                auto k0 = hn::ConvertTo(di, x);
-                const V f = hn::Sub(x, hn::ConvertTo(d, k0));
-                auto k1 = hn::IfThenElse(hn::RebindMask(di, hn::Gt(f, zero)), hn::Add(k0, oneStep), k0);
-                k0 = hn::IfThenElse(hn::Gt(k0, vCount), hn::Sub(k0, vFold), k0);
-                k1 = hn::IfThenElse(hn::Gt(k1, vCount), hn::Sub(k1, vFold), k1);
-                hn::Store(dist, d, dB + j);
-                hn::Store(f, d, fB + j);
-                hn::Store(hn::Min(hn::Max(k0, firstEntry), lastEntry), di, k0B + j);
-                hn::Store(hn::Min(hn::Max(k1, firstEntry), lastEntry), di, k1B + j);
+            for (int j0 = 0; j0 < padded; j0 += 2 * N) {
+                // Samples s0 s1 on the first half-row, s2 s3 on the second: I = s0 - s3,
+                // Q = s2 - s1.
+                const SubRowWords<decltype(d)> w0(h0 + 2 * j0), w1(h1 + 2 * j0);
+                for (int half = 0; half < 2; ++half) {
+                    const int j = j0 + half * N;
+                    const V I = hn::ConvertTo(d, hn::Sub(w0.Word<false>(half), w1.Word<true>(half)));
+                    const V Q = hn::ConvertTo(d, hn::Sub(w1.Word<false>(half), w0.Word<true>(half)));
+                    // Exact: both squares and their sum are integers below 2^24.
+                    const auto strong = hn::Ge(hn::MulAdd(I, I, hn::Mul(Q, Q)), vEnergy);
+                    hn::Store(hn::IfThenElseZero(strong, one), d, strongB + j);
+                    V dist = hn::MulAdd(Atan2V(d, Q, I), vScale, vOffset);
+                    dist = WrapV(hn::Add(dist, vShift), vRange);
+                    // Wiggling at step * d, kept within [0, 1e6] (NaN gives 0), folded
+                    // beyond the table's count and kept inside its 256 entries.
+                    const V x = ClampV(hn::Mul(vStep, dist), zero, xMax);
+                    auto k0 = hn::ConvertTo(di, x);
+                    const V f = hn::Sub(x, hn::ConvertTo(d, k0));
+                    auto k1 = hn::IfThenElse(hn::RebindMask(di, hn::Gt(f, zero)), hn::Add(k0, oneStep), k0);
+                    k0 = hn::IfThenElse(hn::Gt(k0, vCount), hn::Sub(k0, vFold), k0);
+                    k1 = hn::IfThenElse(hn::Gt(k1, vCount), hn::Sub(k1, vFold), k1);
+                    hn::Store(dist, d, dB + j);
+                    hn::Store(f, d, fB + j);
+                    hn::Store(hn::Min(hn::Max(k0, firstEntry), lastEntry), di, k0B + j);
+                    hn::Store(hn::Min(hn::Max(k1, firstEntry), lastEntry), di, k1B + j);
+                }
             }
-            for (int j = 0; j < padded; ++j) {
-                loB[j] = p.table[k0B[j]];
-                hiB[j] = p.table[k1B[j]];
-            }
+            LookUpPairs(table, k0B, k1B, padded, loB, hiB);
             for (int j = 0; j < padded; j += N) {
                 const V f = hn::Load(d, fB + j);
                 const V wig = hn::MulAdd(f, hn::Load(d, hiB + j), hn::Mul(hn::Sub(one, f), hn::Load(d, loB + j)));
-                const V dist = WrapV(hn::Sub(hn::Add(hn::Load(d, dB + j), hn::LoadU(d, fppn + j)), TruncV(wig)), vRange);
+                const V dist = WrapV(hn::Sub(hn::Add(hn::Load(d, dB + j), hn::LoadU(d, fppn + j)), hn::Trunc(wig)), vRange);
                 // Weak pixels give 0 (a NaN or infinite depth times 0 stays NaN, also 0).
                 const V z = hn::Mul(hn::Mul(dist, hn::LoadU(d, ray + j)), hn::Load(d, strongB + j));
                 const auto value = TruncLow16V(z);

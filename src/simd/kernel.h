@@ -29,4 +29,13 @@ namespace hn = hwy::HWY_NAMESPACE;
 }  // namespace QV_KERNEL_NS
 }  // namespace qvapi
 
+// For a function whose loops are table look-ups one entry at a time: GCC would
+// vectorise them into lane extracts and inserts (or hardware gathers), which cost several
+// times the plain loads.
+#if defined(__GNUC__) && !defined(__clang__)
+#define QV_SCALAR_LOOKUPS __attribute__((optimize("no-tree-vectorize")))
+#else
+#define QV_SCALAR_LOOKUPS
+#endif
+
 #endif

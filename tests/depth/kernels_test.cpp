@@ -29,13 +29,16 @@ using namespace qvapi;
 using namespace qvtest;
 
 void CompareDual(const Instance& in, const uint16_t* raw, int w, int h, int flip, int threshold,
-                 Differences& diff, float tableStep = 0.0f, const float* table = nullptr)
+                 Differences& diff, float tableStep = 0.0f, const float* table = nullptr,
+                 const float* slopes = nullptr)
 {
     DualFreqParams p = in.Dual(w, flip, threshold);
     if (tableStep > 0.0f)
         p.tableStep2 = tableStep;
-    if (table)
+    if (table) {
         p.table1 = p.table2 = table;
+        p.slopes1 = p.slopes2 = slopes;
+    }
     std::vector<uint16_t> ref(static_cast<size_t>(w) * h), fast(ref.size());
     DualFreqLast lastRef{-1, -1}, lastFast{-1, -1};
     DualFreqDepth(raw, ref.data(), w, h, p, in.r->m_fppnOffset.get(), in.r->m_fppnOffset2.get(),
@@ -71,14 +74,16 @@ TEST(DepthKernels, DualFrequencyScenesAndRandomFrames)
         diff.Check(device == DEVICE_TYPE_4 ? "dual, device 4, scenes" : "dual, scenes");
     }
 
-    // Random frames of odd widths (each plane holds 4 * w * h words).
+    // Random frames of odd widths (each plane holds 4 * w * h words), with words of 10
+    // bits and of the whole 16.
     Instance in(DEVICE_GENERIC, STREAM_DUAL_FREQ);
     std::mt19937 rng(42);
     Differences diff;
     for (int w : {1, 7, 17, 33, 320, 639}) {
         const int h = std::min(480, 307200 / std::max(w, 1) / 4 + 3);
         for (int flip = 0; flip < 4; ++flip) {
-            const std::vector<uint16_t> raw = RandomFrame(16 * static_cast<size_t>(w) * h, rng, 1023);
+            const int top = flip % 2 ? 1023 : 65535;
+            const std::vector<uint16_t> raw = RandomFrame(16 * static_cast<size_t>(w) * h, rng, top);
             CompareDual(in, raw.data(), w, std::min(h, w == 320 ? 240 : h), flip, 5, diff);
         }
     }
@@ -91,14 +96,14 @@ TEST(DepthKernels, DualFrequencyScenesAndRandomFrames)
     // Coarser table steps reach every wiggling entry up to the last (255), in the
     // calibration's table and in one whose neighbouring entries all differ by whole
     // millimetres.
-    std::vector<float> entries(256), table(257);
-    for (float& t : entries)
+    std::vector<float> table(256), slopes(512);
+    for (float& t : table)
         t = static_cast<float>(std::uniform_int_distribution<int>(-40, 40)(rng)) + 0.5f;
-    PadWigglingTable(entries.data(), table.data());
+    ASSERT_TRUE(WigglingSlopes(table.data(), slopes.data()));
     for (float step : {0.05f, 0.2f}) {
         const std::vector<uint16_t> raw = RandomFrame(16 * 640 * 40, rng, 1023);
         CompareDual(in, raw.data(), 640, 40, 0, 5, diff, step);
-        CompareDual(in, raw.data(), 640, 40, 0, 5, diff, step, table.data());
+        CompareDual(in, raw.data(), 640, 40, 0, 5, diff, step, table.data(), slopes.data());
     }
     diff.Check("dual, random frames");
 }
