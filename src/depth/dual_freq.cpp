@@ -202,6 +202,8 @@ void DualFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int heig
                        const DualFreqParams& p, const float* fppn1, const float* fppn2,
                        const float* radialToZ, DualFreqLast& last)
 {
+    if (!FastDualFreqApplies(p))
+        return DualFreqDepth(raw, depth, width, height, p, fppn1, fppn2, radialToZ, last);
     float comp1, comp2;
     if (!DualFreqPrepare(raw, depth, width, height, p, comp1, comp2))
         return;
@@ -214,7 +216,7 @@ void ConvertDualFreq(const uint16_t* raw, uint16_t* depth, int width, int height
                      const DualFreqParams& p, const float* fppn1, const float* fppn2,
                      const float* radialToZ, DualFreqLast& last)
 {
-    if (FastPathsEnabled() && FastDualFreqApplies(p))
+    if (FastPathsEnabled())
         DualFreqDepthFast(raw, depth, width, height, p, fppn1, fppn2, radialToZ, last);
     else
         DualFreqDepth(raw, depth, width, height, p, fppn1, fppn2, radialToZ, last);

@@ -52,10 +52,10 @@ void DualFreqDepth(const uint16_t* raw, uint16_t* depth, int width, int height,
                    const DualFreqParams& p, const float* fppn1, const float* fppn2,
                    const float* radialToZ, DualFreqLast& last);
 
-// The same with the vector kernels of the running processor, for parameters
-// FastDualFreqApplies accepts. Depth may differ by 1 mm where a value lies within
-// about 1e-4 mm of an integer (the arctangent is a polynomial); 0 and 1 marks never
-// differ.
+// The same with the vector kernels of the running processor where FastDualFreqApplies
+// accepts the parameters (the plain kernel otherwise). Depth may differ by 1 mm where a
+// value lies within about 1e-4 mm of an integer (the arctangent is a polynomial); 0
+// and 1 marks never differ.
 bool FastDualFreqApplies(const DualFreqParams& p);
 void DualFreqDepthFast(const uint16_t* raw, uint16_t* depth, int width, int height,
                        const DualFreqParams& p, const float* fppn1, const float* fppn2,

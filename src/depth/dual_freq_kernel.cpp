@@ -4,8 +4,8 @@
 // vectors, branch-free, calling no library function and allocating nothing:
 //  1. the samples of both frequencies to phase vectors and each pixel's status
 //     (saturated, weak, or reaching one or both distances);
-//  2. per frequency, the phase distances and where each falls in its wiggling table;
-//  3. each pixel's two neighbouring entries of each table, copied as one 64-bit word
+//  2. both frequencies' phase distances and where each falls in its wiggling table;
+//  3. each pixel's wiggling entry and slope in each table, copied as one 64-bit word
 //     (no gathers: NEON has none, and x86's measured slower);
 //  4. the interpolation, both corrections, the unwrapping and the depth.
 // The piece's intermediate values stay in the first-level cache between the loops. The
@@ -27,7 +27,7 @@ namespace QV_KERNEL_NS {
 namespace {
 
 // A multiple of twice every target's vector length (the first loop reads 2N pixels at
-// a time), small enough for the piece to stay in the first-level cache.
+// a time), small enough for the piece (19 KB) to stay in the first-level cache.
 constexpr int kPiece = 160;
 
 struct FreqConstants {
@@ -77,6 +77,19 @@ struct Piece {
     HWY_ALIGN uint16_t out[kPiece];
 };
 
+// Hides where a pointer came from, so that the compiler advances each of several
+// streams' pointers by itself (on ARM64 within the load instruction) rather than
+// adding a shared index to each stream's base before every load.
+template <class T>
+inline void OpaquePointer(T*& p)
+{
+#if defined(__GNUC__)
+    asm("" : "+r"(p));
+#else
+    (void)p;
+#endif
+}
+
 // 1. Samples to phase vectors and status codes. subRows[2 p + r] is sub-row r of plane p;
 // n is a multiple of 2N. In every flip mode A and D share a sub-row, B and C the other,
 // and A and B are both the even or both the odd word.
@@ -88,7 +101,7 @@ void PieceSamples(float minEnergyValue, const uint16_t* const rows[8], size_t pr
     // advanced as the loop goes.
     const uint16_t* subRows[8];
     std::copy(rows, rows + 8, subRows);
-    const size_t step = 4 * hn::Lanes(hn::ScalableTag<float>());
+    const size_t wordsPerStep = 4 * hn::Lanes(hn::ScalableTag<float>());  // 2N pixels
     static_assert(kA / 2 == kD / 2 && kB / 2 == kC / 2 && kA % 2 == kB % 2, "sample roles");
     constexpr int kRowA = kA < 2 ? 0 : 1, kRowB = 1 - kRowA;
     constexpr bool kOddA = kA % 2 == 1;
@@ -110,8 +123,10 @@ void PieceSamples(float minEnergyValue, const uint16_t* const rows[8], size_t pr
         const W a1(subRows[2 + kRowA]), b1(subRows[2 + kRowB]);
         const W a2(subRows[4 + kRowA]), b2(subRows[4 + kRowB]);
         const W a3(subRows[6 + kRowA]), b3(subRows[6 + kRowB]);
-        for (int s = 0; s < 8; ++s)
-            subRows[s] += step;
+        for (int s = 0; s < 8; ++s) {
+            subRows[s] += wordsPerStep;
+            OpaquePointer(subRows[s]);
+        }
         hn::Mask<decltype(di)> saturatedAt1[2], saturatedAt2[2];
         WordHits(a2, b2, 1023, saturatedAt1);
         WordHits(a0, b0, 1023, saturatedAt2);

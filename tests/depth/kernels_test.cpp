@@ -106,6 +106,15 @@ TEST(DepthKernels, DualFrequencyScenesAndRandomFrames)
         CompareDual(in, raw.data(), 640, 40, 0, 5, diff, step, table.data(), slopes.data());
     }
     diff.Check("dual, random frames");
+
+    // A table the vector interpolation cannot serve (an entry beyond +-4096 mm): no
+    // slopes, and the plain kernel's depth exactly.
+    table[77] = 5000.0f;
+    EXPECT_FALSE(WigglingSlopes(table.data(), slopes.data()));
+    Differences wild;
+    const std::vector<uint16_t> raw = RandomFrame(16 * 640 * 40, rng, 1023);
+    CompareDual(in, raw.data(), 640, 40, 0, 5, wild, 0.05f, table.data(), nullptr);
+    EXPECT_EQ(wild.off, 0u);
 }
 
 TEST(DepthKernels, SingleFrequencyScenesAndRandomFrames)
