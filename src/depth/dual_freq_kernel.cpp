@@ -41,7 +41,7 @@ struct DualRowArgs {
     int width, height;
     const float *fppn1, *fppn2, *radialToZ;
     FreqConstants f1, f2;
-    float minEnergy, rangeC, ratio1, ratio2, invR1, invR2, R1, R2;
+    float minEnergy, rangeC, ratio1, ratio2, invR1, invR2;
 };
 
 // Status codes of the first loop, chosen so that the depth is (z & code) | (code >> 16):
@@ -199,7 +199,7 @@ void PieceDistances(const FreqConstants& f1, const FreqConstants& f2, int n, Pie
 
 // 3. Each pixel's wiggling entry and slope. n is a multiple of 4.
 QV_SCALAR_LOOKUPS void PieceLookups(const float* __restrict slopes, const int32_t* __restrict index, int n,
-                  float* __restrict pairs)
+                                    float* __restrict pairs)
 {
     for (int j = 0; j < n; j += 4) {
         for (int u = 0; u < 4; ++u) {
@@ -240,7 +240,6 @@ void PieceDepth(const DualRowArgs& a, const float* __restrict fppn1, const float
     const V rangeC = hn::Set(d, a.rangeC), invR1 = hn::Set(d, a.invR1), invR2 = hn::Set(d, a.invR2);
     const V half = hn::Set(d, 0.5f);
     const V zero = hn::Zero(d), limit = hn::Set(d, 200.0f);
-    const V R1 = hn::Set(d, a.R1), R2 = hn::Set(d, a.R2);
     const auto intMax = hn::Set(di, INT32_MAX);
 
     for (int j = 0; j < n; j += N) {
@@ -255,8 +254,8 @@ void PieceDepth(const DualRowArgs& a, const float* __restrict fppn1, const float
         // way: a NaN or infinite depth gives 0.)
         const V e = WrapV(hn::NegMulAdd(ratio2, d2, hn::Mul(ratio1, d1)), rangeC);
         const auto index = [&](V dist, V inv) { return hn::Trunc(hn::MulAdd(hn::Sub(e, dist), inv, half)); };
-        V D1 = hn::MulAdd(index(d1, invR1), R1, d1);
-        const V D2 = hn::MulAdd(index(d2, invR2), R2, d2);
+        V D1 = hn::MulAdd(index(d1, invR1), range1, d1);
+        const V D2 = hn::MulAdd(index(d2, invR2), range2, d2);
         const V z = hn::Mul(hn::Mul(hn::LoadU(d, rays + j), half), hn::Add(D1, D2));
         D1 = hn::IfThenElse(hn::Lt(z, zero), hn::Add(D1, rangeC), D1);
         const V disagreement = hn::Sub(hn::IfThenElse(hn::Gt(z, rangeC), hn::Sub(D1, rangeC), D1), D2);
@@ -381,8 +380,6 @@ void DualFreqDepthRows(const uint16_t* raw, uint16_t* depth, int width, int heig
     a.f1 = {p.phaseToMm1, p.depthOffset1 - comp1, static_cast<float>(p.range1), p.tableStep2, p.slopes1};
     a.f2 = {p.phaseToMm2, p.depthOffset2 - comp2, static_cast<float>(p.range2), p.tableStep2, p.slopes2};
     a.minEnergy = minEnergy;
-    a.R1 = static_cast<float>(p.range1);
-    a.R2 = static_cast<float>(p.range2);
     a.ratio1 = static_cast<float>(f1 / (f1 - f2));
     a.ratio2 = static_cast<float>(f2 / (f1 - f2));
     a.rangeC = static_cast<float>((f1 / (f1 > f2 ? f1 - f2 : f2 - f1)) * p.range1);

@@ -1,7 +1,6 @@
 // Pieces of the depth converters' kernels, for the kernel files only (each is compiled
 // once per target, and these functions with it): the polynomial arctangent, the
-// one-shot wrap, the clamps and truncations and the sample words, on Highway vectors;
-// the wrap and the 16-bit truncation also on single values, for the scalar row ends.
+// one-shot wrap, the clamps and truncations and the sample words, on Highway vectors.
 #ifndef QVRECONSTRUCTION_SRC_DEPTH_KERNEL_MATH_H
 #define QVRECONSTRUCTION_SRC_DEPTH_KERNEL_MATH_H
 
@@ -22,20 +21,6 @@ constexpr float kQuarterPi = 0.78539816339745f;
 // arithmetic, below the rounding of the result itself (1.9e-8 in float).
 constexpr float kAtanCoef[4] = {-3.3332756669e-01f, 1.9971879303e-01f, -1.3824453730e-01f,
                                 7.9025981016e-02f};
-
-inline float Wrap(float d, float range)
-{
-    d = d < 0.0f ? d + range : d;
-    return d > range ? d - range : d;
-}
-
-// Low 16 bits of the truncation toward zero; 0 for NaN and beyond the int32 range
-// (-2^31 included, as in the plain kernels).
-inline int32_t TruncLow16(float v)
-{
-    const bool inRange = (v > -2147483648.0f) & (v < 2147483648.0f);
-    return static_cast<int32_t>(inRange ? v : 0.0f) & 0xFFFF;
-}
 
 // atan2 lane by lane within 3e-7 rad (float's own spacing near pi is 2.4e-7), for
 // inputs that are not NaN: atan on [0, 1], reduced to |u| <= tan(pi/8) by
