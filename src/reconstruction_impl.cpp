@@ -35,6 +35,34 @@ std::mutex& ParamMutex()
     return mutex;
 }
 
+namespace {
+
+// The size of the last depth image the calling thread made, and the initialisation it
+// was made under. DoubleFreqDepth reads its frame at this size: the caller sized that
+// frame for its own image, whatever another thread converted since.
+struct ThreadDepthImage {
+    uint64_t generation = 0;
+    int32_t width = 0, height = 0;
+};
+thread_local ThreadDepthImage t_lastImage;
+
+// Initialisations are numbered across the process, so that an image made under one
+// instance's tables never counts for another's.
+uint64_t NextGeneration()
+{
+    static std::atomic<uint64_t> counter{0};
+    return ++counter;
+}
+
+}  // namespace
+
+void ReconstructionImpl::NoteDepthImage(int32_t width, int32_t height)
+{
+    m_width = width;
+    m_height = height;
+    t_lastImage = {m_generation, width, height};
+}
+
 Reconstruction* Reconstruction::CreateInstance()
 {
     // One object per process. The static's initialisation is thread-safe, so two
@@ -44,7 +72,7 @@ Reconstruction* Reconstruction::CreateInstance()
     return instance;
 }
 
-ReconstructionImpl::ReconstructionImpl() = default;
+ReconstructionImpl::ReconstructionImpl() : m_generation(NextGeneration()) {}
 
 // ---------------------------------------------------------------- version
 
@@ -126,6 +154,7 @@ int32_t ReconstructionImpl::Release()
         m_height = 0;
         ReleaseBuffers();
     }
+    m_generation = NextGeneration();
     return STATUS_OK;
 }
 
@@ -169,6 +198,11 @@ int32_t ReconstructionImpl::Init(CameraCalibrationParam first, CameraCalibration
         m_height = 0;
         ReleaseBuffers();
     }
+    // Depth images made before this point no longer size DoubleFreqDepth's frame, and
+    // the amplitude threshold, halved by every binned frame, starts afresh: the same
+    // calibration converts the same frames the same way after every Init.
+    m_generation = NextGeneration();
+    m_amplitudeThreshold = kDefaultAmplitudeThreshold;
     std::string version;
     GetAlgorithmVersion(version);
     try {
@@ -367,8 +401,7 @@ int32_t ReconstructionImpl::CalculateDepth(const uint16_t* raw, uint16_t** depth
         if (m_streamType == STREAM_SINGLE_FREQ) {
             if (const int32_t status = CheckSingleFreqFrame(width, height))
                 return status;
-            m_width = width;
-            m_height = height;
+            NoteDepthImage(width, height);
             *depth = new uint16_t[static_cast<size_t>(width) * height];
             GetDepthSingleFreq(raw, *depth, width, height);
         } else if (const int32_t status = GetDepthFromDualFreqTagMode(raw, depth, width, height)) {
@@ -384,18 +417,23 @@ int32_t ReconstructionImpl::CalculateDepth(const uint16_t* raw, uint16_t** depth
 int32_t ReconstructionImpl::DoubleFreqDepth(const uint16_t* frame1, const uint16_t* /*frame2*/,
                                             uint16_t** depth, int& width, int& height)
 {
-    // Single-frequency depth of the first frame at the size of the last depth image
-    // (the size Pb2Structrue reports); the second frame is accepted and not read.
+    // Single-frequency depth of the first frame at the size of the last depth image this
+    // thread made since Init (for a single-threaded caller, the size Pb2Structrue
+    // reports); the second frame is accepted and not read. A thread that made none
+    // since Init is refused: no size it could have sized its frame for is known.
     std::lock_guard<std::mutex> lock(ParamMutex());
     if (const int32_t status = TablesStatus())
         return status;
     if (frame1 == nullptr || depth == nullptr)
         return STATUS_INVALID_ARGUMENT;
-    const int w = m_width, h = m_height;
+    if (t_lastImage.generation != m_generation)
+        return STATUS_INVALID_ARGUMENT;
+    const int w = t_lastImage.width, h = t_lastImage.height;
     if (const int32_t status = CheckSingleFreqFrame(w, h))
         return status;
     width = w;
     height = h;
+    NoteDepthImage(w, h);
     m_binning = w == 320 ? 2 : 1;
     *depth = new uint16_t[static_cast<size_t>(w) * h];
     return GetDepthSingleFreq(frame1, *depth, w, h);
@@ -408,7 +446,7 @@ int ReconstructionImpl::GetDepthSingleFreq(const uint16_t* raw, uint16_t* depth,
     const SingleFreqParams params{f.phaseToMm,  f.depthOffset, f.rangeMm,
                                   f.tableStep,  f.tableCount,  f.table,
                                   m_amplitudeThreshold, m_deviceType != DEVICE_TYPE_4};
-    ConvertSingleFreq(raw, depth, width, height, m_width, params, m_fppnOffset.get(), m_radialToZ.get());
+    ConvertSingleFreq(raw, depth, width, height, width, params, m_fppnOffset.get(), m_radialToZ.get());
     return 0;
 }
 
@@ -419,8 +457,7 @@ int ReconstructionImpl::GetDepthFromDualFreqTagMode(const uint16_t* raw, uint16_
         return STATUS_NOT_INITIALIZED;
     if (const int32_t status = CheckDualFreqFrame(width, height))
         return status;
-    m_width = width;
-    m_height = height;
+    NoteDepthImage(width, height);
     if (width != 320) {
         m_workParam = m_secondParam;
         m_binning = 1;
@@ -531,8 +568,7 @@ int32_t ReconstructionImpl::MapDepthToRGB(uint8_t** image, uint16_t** depth, uin
     if ((m_width != 0 || m_height != 0) && (m_width != 640 || m_height != 480))
         return STATUS_INVALID_ARGUMENT;
 
-    m_width = 640;
-    m_height = 480;
+    NoteDepthImage(640, 480);
     // Reference depth at the frame's centre; a fallback of 0 is not stored.
     const bool fallbackFromRecord = m_workParam.vectorCount >= 6;
     const int32_t reference = CentreReferenceDepth(

@@ -117,7 +117,9 @@ public:
     DeviceType m_deviceType = DEVICE_GENERIC;
     StreamType m_streamType = STREAM_DUAL_FREQ;
 
-    int32_t m_amplitudeThreshold = 5;
+    // A fresh instance's amplitude threshold; every Init starts from it again.
+    static constexpr int32_t kDefaultAmplitudeThreshold = 5;
+    int32_t m_amplitudeThreshold = kDefaultAmplitudeThreshold;
     int32_t m_madThreshold = 15;
     // Kept from the original configuration; no operation reads it.
     int32_t m_reservedThreshold = 200;
@@ -168,6 +170,12 @@ public:
 
 private:
     std::mutex m_rangeMutex;
+    // Numbers each Init and Release (process-wide), so that a thread's last depth image is known to
+    // belong to the current tables (DoubleFreqDepth). Lock held.
+    uint64_t m_generation;
+    // Records a depth image of this size made by the calling thread: the size later
+    // operations read (m_width, m_height) and this thread's own. Lock held.
+    void NoteDepthImage(int32_t width, int32_t height);
     // Frees every table and resets the frequency sets; the caller holds the lock.
     void ReleaseBuffers();
     // Init's work once the lock is held and the previous tables are gone.

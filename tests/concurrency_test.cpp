@@ -113,34 +113,47 @@ TEST(Concurrency, MixedFramesBesideInitReleaseAndSetters)
     std::vector<uint8_t> nv12 = qvsim::RenderColour(fullCal, scene).nv12;
     const std::pair<int, int> ranges[2] = {{500, 4000}, {800, 2500}};
 
-    // Binned frames halve the amplitude threshold until it is 0; from then on every
-    // frame's result is fixed, and the expected results are taken alone.
-    for (int k = 0; k < 4; ++k)
-        RunAll(r, binned, nullptr);
+    // Every Init restores the amplitude threshold and every binned frame halves it, so a
+    // frame may meet any of the thresholds 5, 2, 1 and 0: the expected results are taken
+    // alone under each. DoubleFreqDepth reads a frame of the size of the calling
+    // thread's own last image, whatever the other thread converted since: each thread
+    // hands it a frame of exactly that size (4 words a pixel).
+    const int kThresholds[] = {5, 2, 1, 0};
     struct Expected {
-        Results frame;
-        std::vector<uint16_t> single;  // DoubleFreqDepth at this size
-        std::vector<uint8_t> rgb[2];   // colouring under each range
+        std::vector<Results> frame;
+        std::vector<std::vector<uint16_t>> single;  // DoubleFreqDepth at this thread's size
+        std::vector<std::vector<uint8_t>> rgb[2];  // colouring of each depth under each range
     } expect[2];
+    std::vector<uint16_t> ownSize[2];
     for (int k = 0; k < 2; ++k) {
         const qvsim::Capture& cap = k == 0 ? binned : full;
-        expect[k].frame = RunAll(r, cap, k == 0 ? nullptr : &nv12);
-        uint16_t* d = nullptr;
-        ASSERT_EQ(r.CalculateDepth(cap.raw.data(), &d, cap.width, cap.height), STATUS_OK);
-        uint16_t* single = nullptr;
-        int w = 0, h = 0;
-        ASSERT_EQ(r.DoubleFreqDepth(full.raw.data(), nullptr, &single, w, h), STATUS_OK);
-        expect[k].single.assign(single, single + w * h);
-        for (int q = 0; q < 2; ++q) {
-            r.SetCustomDistanceRange(ranges[q].first, ranges[q].second);
-            uint8_t* rgb = nullptr;
-            r.Convert2RGB(&rgb, d, cap.width, cap.height);
-            expect[k].rgb[q].assign(rgb, rgb + 3 * w * h);
-            delete[] rgb;
+        ownSize[k].assign(full.raw.begin(), full.raw.begin() + 4 * cap.width * cap.height);
+        for (int t : kThresholds) {
+            r.m_amplitudeThreshold = t;
+            expect[k].frame.push_back(RunAll(r, cap, k == 0 ? nullptr : &nv12));
+            uint16_t* d = nullptr;
+            ASSERT_EQ(r.CalculateDepth(cap.raw.data(), &d, cap.width, cap.height), STATUS_OK);
+            delete[] d;
+            r.m_amplitudeThreshold = t;
+            uint16_t* single = nullptr;
+            int w = 0, h = 0;
+            ASSERT_EQ(r.DoubleFreqDepth(ownSize[k].data(), nullptr, &single, w, h), STATUS_OK);
+            ASSERT_EQ(w, cap.width);
+            expect[k].single.emplace_back(single, single + w * h);
+            delete[] single;
+            for (int q = 0; q < 2; ++q) {
+                r.SetCustomDistanceRange(ranges[q].first, ranges[q].second);
+                uint8_t* rgb = nullptr;
+                std::vector<uint16_t> depth = expect[k].frame.back().depth;
+                r.Convert2RGB(&rgb, depth.data(), cap.width, cap.height);
+                expect[k].rgb[q].emplace_back(rgb, rgb + 3 * depth.size());
+                delete[] rgb;
+            }
         }
-        delete[] d;
-        delete[] single;
     }
+    const auto any = [](const auto& options, const auto& test) {
+        return std::any_of(options.begin(), options.end(), test);
+    };
 
     std::atomic<int> wrong{0}, done{0};
     const auto frames = [&](int k) {
@@ -153,24 +166,31 @@ TEST(Concurrency, MixedFramesBesideInitReleaseAndSetters)
                 wrong += st != STATUS_NOT_INITIALIZED || d != nullptr;
                 continue;
             }
-            wrong += !std::equal(d, d + n, expect[k].frame.depth.begin());
+            // The results that go with the depth this frame got.
+            const auto it = std::find_if(expect[k].frame.begin(), expect[k].frame.end(),
+                                         [&](const Results& e) { return std::equal(d, d + n, e.depth.begin()); });
+            if (it == expect[k].frame.end()) {
+                ++wrong;
+                delete[] d;
+                continue;
+            }
             std::vector<float> cloud(3 * n, -1.0f);
             const int32_t cs = r.GetCloudPoint(d, cloud.data(), cap.width, cap.height);
-            wrong += cs == STATUS_OK ? cloud != expect[k].frame.cloud
-                                     : cs != STATUS_NOT_INITIALIZED || cloud[0] != -1.0f;
+            wrong += cs == STATUS_OK ? cloud != it->cloud : cs != STATUS_NOT_INITIALIZED || cloud[0] != -1.0f;
+            const size_t t = it - expect[k].frame.begin();
             uint8_t* rgb = nullptr;
             r.Convert2RGB(&rgb, d, cap.width, cap.height);
-            wrong += !std::equal(rgb, rgb + 3 * n, expect[k].rgb[0].begin()) &&
-                     !std::equal(rgb, rgb + 3 * n, expect[k].rgb[1].begin());
+            wrong += !std::equal(rgb, rgb + 3 * n, expect[k].rgb[0][t].begin()) &&
+                     !std::equal(rgb, rgb + 3 * n, expect[k].rgb[1][t].begin());
             delete[] rgb;
-            // The last depth image's size decides DoubleFreqDepth's; registration is
-            // refused while that image is a binned one.
             uint16_t* single = nullptr;
             int w = -1, h = -1;
-            const int32_t ss = r.DoubleFreqDepth(full.raw.data(), nullptr, &single, w, h);
+            const int32_t ss = r.DoubleFreqDepth(ownSize[k].data(), nullptr, &single, w, h);
             if (ss == STATUS_OK)
-                wrong += !(w == 320 ? std::equal(single, single + w * h, expect[0].single.begin())
-                                    : w == 640 && std::equal(single, single + w * h, expect[1].single.begin()));
+                wrong += w != cap.width || h != cap.height ||
+                         !any(expect[k].single, [&](const std::vector<uint16_t>& e) {
+                             return std::equal(single, single + n, e.begin());
+                         });
             else
                 wrong += single != nullptr || w != -1;
             delete[] single;
@@ -179,7 +199,7 @@ TEST(Concurrency, MixedFramesBesideInitReleaseAndSetters)
                 uint8_t* colour = nullptr;
                 int cw = 0, ch = 0;
                 const int32_t ms = r.MapDepthToRGB(&colour, &d, frame.data(), 1920, 1080, cw, ch);
-                wrong += ms == STATUS_OK ? !std::equal(d, d + cw * ch, expect[1].frame.registered.begin())
+                wrong += ms == STATUS_OK ? !std::equal(d, d + cw * ch, it->registered.begin())
                                          : colour != nullptr;
                 delete[] colour;
             }

@@ -242,6 +242,36 @@ TEST_F(Pipeline, BinnedFramesHalveTheThresholdOnEveryFrame)
     EXPECT_EQ(r->m_workParam.depthLens.width, 320);  // the binned record is in force
 }
 
+TEST_F(Pipeline, InitGivesBackTheThresholdBinnedFramesHalved)
+{
+    // Three binned frames bring the threshold to 0; a new Init converts the next full
+    // frame exactly as a fresh instance does.
+    Start(STREAM_DUAL_FREQ);
+    qvsim::CaptureSpec noisy;
+    noisy.noiseSigma = 3.0;
+    qvsim::SceneSpec scene;  // the dark patch has pixels between thresholds 0 and 5
+    scene.kind = qvsim::SceneKind::Boxes;
+    scene.darkPatch = true;
+    const qvsim::Capture full = qvsim::SimulateCapture(r->m_secondParam, scene, noisy);
+    const qvsim::Capture binned = Simulate(STREAM_DUAL_FREQ, true);
+    r->OpenFilter(false);
+    const auto depthOf = [&](const qvsim::Capture& cap) {
+        uint16_t* d = nullptr;
+        EXPECT_EQ(r->CalculateDepth(cap.raw.data(), &d, cap.width, cap.height), 0);
+        std::vector<uint16_t> out(d, d + cap.width * cap.height);
+        delete[] d;
+        return out;
+    };
+    const std::vector<uint16_t> fresh = depthOf(full);
+    for (int k = 0; k < 3; ++k)
+        depthOf(binned);
+    ASSERT_EQ(r->m_amplitudeThreshold, 0);
+    EXPECT_NE(depthOf(full), fresh);
+    ASSERT_EQ(r->Init(qvsim::SampleBinnedCalibration(), qvsim::SampleCalibration()), 0);
+    EXPECT_EQ(r->m_amplitudeThreshold, 5);
+    EXPECT_EQ(depthOf(full), fresh);
+}
+
 TEST_F(Pipeline, SingleFrequencyReleasesItsLockAndDoubleFreqDepthUsesTheLastSize)
 {
     Start(STREAM_SINGLE_FREQ);
