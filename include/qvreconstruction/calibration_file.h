@@ -52,11 +52,12 @@ QV_CALIBRATION_API ModuleCalibration ParseCalibrationText(const std::string& tex
                                                           const std::string& where);
 
 // The text of a calibration file, YAML or JSON (RFC 8259 JSON, which is also YAML).
-// Every float is written as the shortest decimal that reads back as the same bits
-// (-0.0 as -0); tables are written up to their count and any entry after it that is
-// not +0.0, so that a round trip keeps every value bit for bit. Labels are written in
-// double quotes with JSON's escapes. Non-finite numbers and labels that are not UTF-8
-// cannot be written (CalibrationError naming the field).
+// Every float is written as the shortest decimal that reads back as the same bits,
+// -0.0 as "-0.0" (other readers take "-0" for the integer 0); tables are written up
+// to their count and any entry after it that is not +0.0, so that a round trip keeps
+// every value bit for bit. Labels are written in double quotes with JSON's escapes.
+// Non-finite numbers and labels that are not UTF-8 cannot be written (CalibrationError
+// naming the field).
 QV_CALIBRATION_API std::string CalibrationText(const ModuleCalibration& calibration, bool json);
 
 // Writes CalibrationText to `path`, JSON when it ends in ".json", else YAML. The file

@@ -232,6 +232,10 @@ struct Writer {
         if (!std::isfinite(v))
             throw CalibrationError(where + "." + field + ": " + NumberText(v) +
                                    " cannot be written (not a finite number)");
+        // "-0" is the integer 0 to many JSON and YAML readers (Python's among them):
+        // with a point it stays a negative zero.
+        if (v == 0.0f && std::signbit(v))
+            return "-0.0";
         return NumberText(v);
     }
     void Int(const char* name, int32_t v)
