@@ -1,6 +1,7 @@
-// Calibration files, read and written with yaml-cpp (which also reads and writes the
-// JSON subset), without a child process: the parser is fuzzed, and its one known hang
-// (LoadAll on a comma after a document) is avoided below.
+// Calibration files, read with yaml-cpp (which also reads the JSON subset) without a
+// child process: the parser is fuzzed, and its one known hang (LoadAll on a comma after
+// a document) is avoided below. They are written here, as YAML or as JSON, with numbers
+// converted by std::to_chars and std::from_chars, which no locale changes.
 #include <qvreconstruction/calibration_file.h>
 
 #include <fcntl.h>
