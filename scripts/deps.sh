@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, only those missing.
+# (locales: the definitions from which the calibration test compiles a comma-decimal
+# locale into its temporary folder; no locale is generated system-wide.)
 set -euo pipefail
 packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libyaml-cpp-dev libhwy-dev faketime
-  pybind11-dev python3-dev python3-numpy python3-pytest python3-open3d python3-meshio python3-distributed python3-yaml)
+  pybind11-dev python3-dev python3-numpy python3-pytest python3-open3d python3-meshio python3-distributed python3-yaml
+  locales)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -11,8 +11,10 @@
 // Standard YAML 1.2 or JSON; an older file's leading "%YAML:1.0" line is accepted.
 // Missing fields stay zero. Unknown or repeated fields, wrong types, integers outside
 // 32 bits, numbers that are not finite 32-bit floats, lists longer than the record
-// holds and text after the document are errors, and the message names the file and
-// the field ("module.yaml: full.depthLens.fx: expected a number, found 'abc'").
+// holds, labels that are not UTF-8 and text after the document are errors, and the
+// message names the file and the field ("module.yaml: full.depthLens.fx: expected a
+// number, found 'abc'"). Numbers are read and written with a decimal point in every
+// locale (setlocale and std::locale::global change nothing here).
 //
 // DepthToColourGeometry tells where registration puts each depth pixel.
 #ifndef QVRECONSTRUCTION_CALIBRATION_FILE_H
@@ -49,10 +51,13 @@ QV_CALIBRATION_API ModuleCalibration ReadCalibration(const std::string& path);
 QV_CALIBRATION_API ModuleCalibration ParseCalibrationText(const std::string& text,
                                                           const std::string& where);
 
-// The text of a calibration file, YAML or JSON. Every float is written with enough
-// digits to be read back exactly; tables are written up to their count and any
-// non-zero entry after it, so that a round trip keeps every value. Non-finite
-// numbers cannot be written (CalibrationError).
+// The text of a calibration file, YAML or JSON (RFC 8259 JSON, which is also YAML).
+// Every float is written as the shortest decimal that reads back as the same bits,
+// -0.0 as "-0.0" (other readers take "-0" for the integer 0); tables are written up
+// to their count and any entry after it that is not +0.0, so that a round trip keeps
+// every value bit for bit. Labels are written in double quotes with JSON's escapes.
+// Non-finite numbers and labels that are not UTF-8 cannot be written (CalibrationError
+// naming the field).
 QV_CALIBRATION_API std::string CalibrationText(const ModuleCalibration& calibration, bool json);
 
 // Writes CalibrationText to `path`, JSON when it ends in ".json", else YAML. The file

@@ -1,6 +1,7 @@
-// Calibration files, read and written with yaml-cpp (which also reads and writes the
-// JSON subset), without a child process: the parser is fuzzed, and its one known hang
-// (LoadAll on a comma after a document) is avoided below.
+// Calibration files, read with yaml-cpp (which also reads the JSON subset) without a
+// child process: the parser is fuzzed, and its one known hang (LoadAll on a comma after
+// a document) is avoided below. They are written here, as YAML or as JSON, with numbers
+// converted by std::to_chars and std::from_chars, which no locale changes.
 #include <qvreconstruction/calibration_file.h>
 
 #include <fcntl.h>
@@ -72,65 +73,226 @@ void VisitRecord(V& v, CameraCalibrationParam& p)
     v.Floats("table3", p.table3, 256, p.tableCount3);
 }
 
-struct Writer {
-    YAML::Emitter& out;
-    bool json;
-    std::string where;  // the record being written, for messages
+// Numbers as text in every locale: the shortest decimal that reads back as the same
+// value (std::to_chars ignores the C and C++ locales, unlike printf and streams).
+template <typename T>
+std::string NumberText(T v)
+{
+    char buffer[48];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, v);
+    return std::string(buffer, result.ptr);
+}
 
+// The first code point of s[at...] when it is well-formed UTF-8 (no overlong forms,
+// surrogates or values past U+10FFFF): its value and length; length 0 when it is not.
+struct CodePoint {
+    uint32_t value;
+    size_t length;
+};
+CodePoint DecodeUtf8(std::string_view s, size_t at)
+{
+    const auto byte = [&](size_t k) { return at + k < s.size() ? static_cast<unsigned char>(s[at + k]) : 0u; };
+    const auto follows = [&](size_t k, unsigned lo, unsigned hi) { return byte(k) >= lo && byte(k) <= hi; };
+    const unsigned b0 = byte(0);
+    if (b0 < 0x80)
+        return {b0, 1};
+    if (b0 >= 0xC2 && b0 <= 0xDF && follows(1, 0x80, 0xBF))
+        return {(b0 & 0x1Fu) << 6 | (byte(1) & 0x3Fu), 2};
+    if (b0 >= 0xE0 && b0 <= 0xEF) {
+        const unsigned lo = b0 == 0xE0 ? 0xA0 : 0x80;  // no overlong forms
+        const unsigned hi = b0 == 0xED ? 0x9F : 0xBF;  // no surrogates
+        if (follows(1, lo, hi) && follows(2, 0x80, 0xBF))
+            return {(b0 & 0x0Fu) << 12 | (byte(1) & 0x3Fu) << 6 | (byte(2) & 0x3Fu), 3};
+    }
+    if (b0 >= 0xF0 && b0 <= 0xF4) {
+        const unsigned lo = b0 == 0xF0 ? 0x90 : 0x80;  // no overlong forms
+        const unsigned hi = b0 == 0xF4 ? 0x8F : 0xBF;  // nothing past U+10FFFF
+        if (follows(1, lo, hi) && follows(2, 0x80, 0xBF) && follows(3, 0x80, 0xBF))
+            return {(b0 & 0x07u) << 18 | (byte(1) & 0x3Fu) << 12 | (byte(2) & 0x3Fu) << 6 | (byte(3) & 0x3Fu), 4};
+    }
+    return {0, 0};
+}
+
+// Where s stops being UTF-8, or npos when all of it is.
+size_t FirstNonUtf8(std::string_view s)
+{
+    for (size_t at = 0; at < s.size();) {
+        const size_t n = DecodeUtf8(s, at).length;
+        if (n == 0)
+            return at;
+        at += n;
+    }
+    return std::string_view::npos;
+}
+
+std::string NotUtf8(std::string_view s, size_t at)
+{
+    static const char hex[] = "0123456789ABCDEF";
+    const unsigned char b = static_cast<unsigned char>(s[at]);
+    return std::string("is not UTF-8 text (byte 0x") + hex[b >> 4] + hex[b & 15] + " at offset " +
+           std::to_string(at) + ")";
+}
+
+// Text from a file as an error message shows it: bytes that are not UTF-8 and control
+// characters as \xNN (a message is UTF-8 text, which Python turns into a str), and no
+// more than 80 bytes of it.
+std::string Shown(std::string_view s)
+{
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    size_t at = 0;
+    while (at < s.size() && at < 80) {
+        const CodePoint c = DecodeUtf8(s, at);
+        if (c.length == 0 || c.value < 0x20 || c.value == 0x7F) {
+            const unsigned char b = static_cast<unsigned char>(s[at]);
+            out += std::string("\\x") + hex[b >> 4] + hex[b & 15];
+            ++at;
+        } else {
+            out.append(s, at, c.length);
+            at += c.length;
+        }
+    }
+    return at < s.size() ? out + "..." : out;
+}
+
+// UTF-8 text in double quotes, read the same by JSON (RFC 8259) and YAML parsers: the
+// quote, the backslash and every control character are escaped as JSON requires, and
+// so are the characters some YAML readers take for a line break or a byte order mark,
+// or refuse unescaped (U+0085, U+2028, U+2029, U+FEFF, U+FFFE, U+FFFF). Every escape
+// is one JSON and YAML share; characters past U+FFFF are written as they are, so no
+// surrogate pair is needed.
+std::string Quoted(std::string_view s)
+{
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out = "\"";
+    for (size_t at = 0; at < s.size();) {
+        const CodePoint c = DecodeUtf8(s, at);
+        const uint32_t v = c.value;
+        switch (v) {
+        case '"': out += "\\\""; break;
+        case '\\': out += "\\\\"; break;
+        case '\b': out += "\\b"; break;
+        case '\f': out += "\\f"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        default:
+            if (v < 0x20 || (v >= 0x7F && v <= 0xA0) || v == 0x2028 || v == 0x2029 || v == 0xFEFF ||
+                v == 0xFFFE || v == 0xFFFF) {
+                out += "\\u";
+                for (int shift = 12; shift >= 0; shift -= 4)
+                    out += hex[(v >> shift) & 15];
+            } else {
+                out.append(s, at, c.length);
+            }
+        }
+        at += c.length;
+    }
+    return out + "\"";
+}
+
+// Writes the records as YAML block maps or as indented JSON, one field a line, every
+// list on one line. Written here rather than with yaml-cpp's emitter, whose numbers
+// follow the C++ locale and whose escapes (\x85, \N, \_) are not JSON.
+struct Writer {
+    std::string& out;
+    bool json;
+    std::string where;        // the record being written, for messages
+    std::vector<bool> empty;  // for each open map: no field written yet
+
+    void Open()
+    {
+        if (json)
+            out += '{';
+        empty.push_back(true);
+    }
+    void Close()
+    {
+        empty.pop_back();
+        if (json)
+            out += '\n' + std::string(2 * empty.size(), ' ') + '}';
+    }
     void Key(const char* name)
     {
-        out << YAML::Key;
         if (json)
-            out << YAML::DoubleQuoted;
-        out << name << YAML::Value;
+            out += empty.back() ? "\n" : ",\n";
+        empty.back() = false;
+        out += std::string(2 * (empty.size() - (json ? 0 : 1)), ' ');
+        out += json ? Quoted(name) : std::string(name);
+        out += ':';
     }
-    void Number(const char* name, float v)
+    void Value(const std::string& text)
+    {
+        out += ' ';
+        out += text;
+        if (!json)
+            out += '\n';
+    }
+    std::string Number(const std::string& field, float v) const
     {
         if (!std::isfinite(v))
-            throw CalibrationError(where + "." + name + ": " + std::to_string(v) +
+            throw CalibrationError(where + "." + field + ": " + NumberText(v) +
                                    " cannot be written (not a finite number)");
-        out << v;
+        // "-0" is the integer 0 to many JSON and YAML readers (Python's among them):
+        // with a point it stays a negative zero.
+        if (v == 0.0f && std::signbit(v))
+            return "-0.0";
+        return NumberText(v);
     }
     void Int(const char* name, int32_t v)
     {
         Key(name);
-        out << v;
+        Value(NumberText(v));
     }
     void Float(const char* name, float v)
     {
         Key(name);
-        Number(name, v);
+        Value(Number(name, v));
     }
     void Text(const char* name, const std::string& v)
     {
+        const size_t bad = FirstNonUtf8(v);
+        if (bad != std::string::npos)
+            throw CalibrationError(where + "." + name + ": " + NotUtf8(v, bad) + ", cannot be written");
         Key(name);
-        out << YAML::DoubleQuoted << v;
+        Value(Quoted(v));
     }
     void Lens(const char* name, Intrinsics& l)
     {
-        Key(name);
-        out << YAML::BeginMap;
-        const std::string outer = where;
-        where += std::string(".") + name;
-        VisitLens(*this, l);
-        where = outer;
-        out << YAML::EndMap;
+        Map(name, [&] {
+            const std::string outer = where;
+            where += std::string(".") + name;
+            VisitLens(*this, l);
+            where = outer;
+        });
     }
-    // The valid entries and any non-zero entry behind them: a round trip keeps
-    // every value, without 256 zeros per table.
+    template <typename F>
+    void Map(const char* name, F fields)
+    {
+        Key(name);
+        if (!json)
+            out += '\n';
+        else
+            out += ' ';
+        Open();
+        fields();
+        Close();
+    }
+    // The valid entries and any entry behind them that is not +0.0 (a -0.0 is kept):
+    // a round trip keeps every bit, without 256 zeros per table.
     void Floats(const char* name, const float* v, int capacity, int count)
     {
         int n = std::clamp(count, 0, capacity);
         for (int k = capacity; k > n; --k)
-            if (v[k - 1] != 0.0f) {
+            if (v[k - 1] != 0.0f || std::signbit(v[k - 1])) {
                 n = k;
                 break;
             }
-        Key(name);
-        out << YAML::Flow << YAML::BeginSeq;
+        std::string list = "[";
         for (int k = 0; k < n; ++k)
-            Number(name, v[k]);
-        out << YAML::EndSeq;
+            list += (k ? ", " : "") + Number(name + std::string("[") + std::to_string(k) + "]", v[k]);
+        Key(name);
+        Value(list + "]");
     }
 };
 
@@ -172,18 +334,28 @@ struct Reader {
     }
     float ToFloat(const std::string& name, const std::string& text) const
     {
-        // strtof rounds the decimal text once, straight to the field's precision.
-        const char* begin = text.c_str();
-        char* end = nullptr;
-        errno = 0;
-        const float v = std::strtof(begin, &end);
-        if (text.empty() || end != begin + text.size() || std::isspace(static_cast<unsigned char>(text[0])))
-            Fail(name, "expected a number, found '" + text + "'");
-        if (!std::isfinite(v)) {
-            if (errno == ERANGE)
-                Fail(name, text + " is outside the range of a 32-bit float");
-            Fail(name, "expected a finite number, found '" + text + "'");
+        // from_chars rounds the decimal text once, straight to the field's precision,
+        // and reads a point as the decimal separator whatever the locale.
+        const char* first = text.data();
+        const char* last = first + text.size();
+        if (first != last && *first == '+' && last - first > 1 && first[1] != '-')
+            ++first;
+        float v = 0.0f;
+        auto [end, ec] = std::from_chars(first, last, v);
+        if (ec == std::errc::result_out_of_range) {
+            // Too large, or too small to be anything but zero: a double tells which.
+            double wide = 0.0;
+            const auto [wideEnd, wideEc] = std::from_chars(first, last, wide);
+            if (wideEc != std::errc() || wideEnd != last || std::fabs(wide) > 1.0)
+                Fail(name, Shown(text) + " is outside the range of a 32-bit float");
+            v = static_cast<float>(wide);
+            end = wideEnd;
+            ec = std::errc();
         }
+        if (ec != std::errc() || end != last || first == last)
+            Fail(name, "expected a number, found '" + Shown(text) + "'");
+        if (!std::isfinite(v))
+            Fail(name, "expected a finite number, found '" + Shown(text) + "'");
         return v;
     }
 
@@ -196,11 +368,11 @@ struct Reader {
         int64_t value = 0;
         if (!ParseInt(text, value)) {
             if (text.size() > 24 && ParseInt(text.substr(0, 24), value))
-                Fail(name, text + " is outside the range of a 32-bit integer");
-            Fail(name, "expected an integer, found '" + text + "'");
+                Fail(name, Shown(text) + " is outside the range of a 32-bit integer");
+            Fail(name, "expected an integer, found '" + Shown(text) + "'");
         }
         if (value < INT32_MIN || value > INT32_MAX)
-            Fail(name, text + " is outside the range of a 32-bit integer (-2147483648 to 2147483647)");
+            Fail(name, Shown(text) + " is outside the range of a 32-bit integer (-2147483648 to 2147483647)");
         v = static_cast<int32_t>(value);
     }
     void Float(const char* name, float& v)
@@ -212,8 +384,13 @@ struct Reader {
     void Text(const char* name, std::string& v)
     {
         const YAML::Node n = Field(name);
-        if (n)
-            v = Scalar(name, n, "text");
+        if (!n)
+            return;
+        std::string text = Scalar(name, n, "text");
+        const size_t bad = FirstNonUtf8(text);
+        if (bad != std::string::npos)
+            Fail(name, NotUtf8(text, bad));
+        v = std::move(text);
     }
     void Lens(const char* name, Intrinsics& l)
     {
@@ -253,9 +430,9 @@ struct Reader {
                 throw CalibrationError(where + ": a field name must be text");
             const std::string key = child.first.Scalar();
             if (known.count(key) == 0)
-                throw CalibrationError(where + ": unknown field '" + key + "'");
+                throw CalibrationError(where + ": unknown field '" + Shown(key) + "'");
             if (!seen.insert(key).second)
-                throw CalibrationError(where + "." + key + ": given twice");
+                throw CalibrationError(where + "." + Shown(key) + ": given twice");
         }
     }
 };
@@ -427,23 +604,16 @@ ModuleCalibration ReadCalibration(const std::string& path)
 std::string CalibrationText(const ModuleCalibration& calibration, bool json)
 {
     ModuleCalibration copy = calibration;
-    YAML::Emitter out;
-    out.SetFloatPrecision(9);  // enough digits to give every float back exactly
-    if (json)
-        out << YAML::Flow;
-    out << YAML::BeginMap;
+    std::string text;
+    Writer w{text, json, "", {}};
+    w.Open();
     for (CameraCalibrationParam* record : {&copy.binned, &copy.full}) {
         const char* name = record == &copy.binned ? "binned" : "full";
-        Writer w{out, json, name};
-        w.Key(name);
-        out << YAML::BeginMap;
-        VisitRecord(w, *record);
-        out << YAML::EndMap;
+        w.where = name;
+        w.Map(name, [&] { VisitRecord(w, *record); });
     }
-    out << YAML::EndMap;
-    if (!out.good())
-        throw CalibrationError(std::string("cannot write the calibration (") + out.GetLastError() + ")");
-    return std::string(out.c_str()) + "\n";
+    w.Close();
+    return json ? text + "\n" : text;
 }
 
 void WriteCalibration(const std::string& path, const ModuleCalibration& calibration)
