@@ -1,15 +1,21 @@
 // The compiled part of the Python package qvreconstruction: the library's instance
 // with numpy arrays in and out, calibration records and files, and the simulator.
-// Frame inputs are read in place when they are C-contiguous arrays of the right type
-// (others are converted first); every image the library hands out becomes the numpy
-// array's own memory, freed with the array. Frame operations release the GIL.
+// Frame inputs are read in place when they are C-contiguous arrays of the right type;
+// other integer arrays are converted when every value fits, anything else is refused.
+// Every image the library hands out becomes the numpy array's own memory, freed with
+// the array. Frame operations release the GIL.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
-#include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <tuple>
 
@@ -45,8 +51,37 @@ void Check(int32_t status, const char* operation)
         Raise(status, operation);
 }
 
+// A frame argument as C-contiguous values of type T. Arrays of T are read in place
+// (copied only when not contiguous); other integer arrays are converted when every
+// value fits T. Floats, booleans, complex numbers and objects are refused: a cast
+// would change them without a word.
 template <typename T>
-using In = py::array_t<T, py::array::c_style | py::array::forcecast>;
+using Words = py::array_t<T, py::array::c_style | py::array::forcecast>;
+
+template <typename T>
+Words<T> ToWords(const py::handle& arg, const char* name)
+{
+    py::object array = py::reinterpret_borrow<py::object>(arg);
+    if (!py::isinstance<py::array_t<T>>(arg)) {
+        array = py::module_::import("numpy").attr("asarray")(arg);
+        const py::dtype type = py::reinterpret_borrow<py::array>(array).dtype();
+        if (type.kind() != 'u' && type.kind() != 'i')
+            throw py::type_error(std::string(name) + " must be an array of " +
+                                 py::str(py::object(py::dtype::of<T>())).cast<std::string>() +
+                                 " (or integers that fit), not " + py::str(py::object(type)).cast<std::string>());
+        if (py::reinterpret_borrow<py::array>(array).size() > 0) {
+            const py::object lo = array.attr("min")(), hi = array.attr("max")();
+            if (lo < py::int_(0) || hi > py::int_(std::numeric_limits<T>::max()))
+                throw py::value_error(std::string(name) + " holds " + py::str(lo).cast<std::string>() + " .. " +
+                                      py::str(hi).cast<std::string>() + ", outside 0 .. " +
+                                      std::to_string(std::numeric_limits<T>::max()));
+        }
+    }
+    Words<T> words = Words<T>::ensure(array);
+    if (!words)
+        throw py::error_already_set();
+    return words;
+}
 
 // An array owning memory the library allocated with new[].
 template <typename T>
@@ -56,16 +91,25 @@ py::array_t<T> Own(T* data, std::vector<py::ssize_t> shape)
     return py::array_t<T>(shape, data, free);
 }
 
-void RequireSize(const py::array& a, size_t elements, const char* what)
+// A path handed to C++ ends at its first NUL: one that holds a NUL names another file.
+const std::string& PathArg(const std::string& path, const char* name)
 {
-    if (static_cast<size_t>(a.size()) < elements)
-        throw py::value_error(std::string(what) + " holds " + std::to_string(a.size()) + " values, " +
-                              std::to_string(elements) + " are needed");
+    if (path.find('\0') != std::string::npos)
+        throw py::value_error(std::string(name) + " holds a NUL character");
+    return path;
 }
 
+// A record's fields after its label: plain 4-byte numbers without padding, from the
+// depth lens to the end of the last table (not to sizeof, which may add padding).
+char* Numbers(CameraCalibrationParam& p) { return reinterpret_cast<char*>(&p.depthLens); }
+const char* Numbers(const CameraCalibrationParam& p) { return reinterpret_cast<const char*>(&p.depthLens); }
+const size_t kNumberBytes = [] {
+    static const CameraCalibrationParam p{};
+    return static_cast<size_t>(reinterpret_cast<const char*>(std::end(p.table3)) - Numbers(p));
+}();
+
 // The one library instance, as Python sees it, and the stream last set on it (the
-// instance starts on the full stream): a raw frame must hold the words that stream's
-// converter reads, 4 a pixel for the single frequency, 16 for the full stream.
+// instance starts on the full stream).
 struct Instance {
     qvapi::Reconstruction* r = qvapi::Reconstruction::CreateInstance();
     static qvapi::StreamType& Stream()
@@ -74,6 +118,105 @@ struct Instance {
         return stream;
     }
 };
+
+// Frame operations check their arguments against the stream and call the library
+// under one lock: shared, so frames run side by side (the library orders them), and
+// exclusive for set_type, init and the settings. A frame's checks and its work thus
+// see the same stream, whatever another thread sets meanwhile. A writer first takes
+// the turnstile, which holds back frames that have not started yet, so that threads
+// converting frame after frame cannot keep set_type waiting for ever (glibc's
+// read-write lock lets readers overtake a waiting writer). The GIL is released before
+// either lock is taken, so no thread waits for a lock while holding it.
+struct StateLock {
+    std::mutex turnstile;
+    std::shared_mutex state;
+};
+StateLock& Locks()
+{
+    static StateLock locks;
+    return locks;
+}
+
+template <typename Work>
+auto Shared(Work&& work)
+{
+    py::gil_scoped_release unlocked;
+    StateLock& l = Locks();
+    { std::lock_guard<std::mutex> pass(l.turnstile); }
+    std::shared_lock<std::shared_mutex> lock(l.state);
+    return work();
+}
+
+template <typename Work>
+auto Alone(Work&& work)
+{
+    py::gil_scoped_release unlocked;
+    StateLock& l = Locks();
+    std::lock_guard<std::mutex> pass(l.turnstile);
+    std::unique_lock<std::shared_mutex> lock(l.state);
+    return work();
+}
+
+// Calls that may change what later frames give: set_type, init, the flip mode, the
+// filter switch and frames (binned frames halve the amplitude threshold). Batches
+// count them to know that nobody else touched the instance since they set it up.
+std::atomic<uint64_t> g_changes{0};
+
+bool Single(qvapi::StreamType s) { return s == qvapi::STREAM_SINGLE_FREQ; }
+
+// The raw frames each stream delivers: the full stream's 640 x 480 frames and its
+// binned 320 x 240 read-out (16 words a pixel), the reduced stream's 320 x 240 (4).
+bool IsStreamFrame(qvapi::StreamType s, int width, int height)
+{
+    return (width == 320 && height == 240) || (!Single(s) && width == 640 && height == 480);
+}
+
+std::string StreamFrames(qvapi::StreamType s)
+{
+    return Single(s) ? "the single-frequency stream's frames are 320 x 240"
+                     : "the full stream's frames are 640 x 480 or 320 x 240 (binned)";
+}
+
+// Empty when `words` words are a whole raw frame of the stream at width x height.
+std::string RawProblem(qvapi::StreamType s, size_t words, int width, int height)
+{
+    if (!IsStreamFrame(s, width, height))
+        return std::to_string(width) + " x " + std::to_string(height) + " is no frame size: " + StreamFrames(s);
+    const size_t needed = (Single(s) ? 4u : 16u) * static_cast<size_t>(width) * height;
+    if (words != needed)
+        return "raw holds " + std::to_string(words) + " words, a " + std::to_string(width) + " x " +
+               std::to_string(height) + " frame of this stream " + std::to_string(needed);
+    return "";
+}
+
+// Empty when a depth argument of this shape is an image the library makes: a depth
+// image of the stream, (height, width), or depth registered to the colour camera.
+std::string DepthProblem(qvapi::StreamType s, const std::vector<py::ssize_t>& shape)
+{
+    if (shape.size() == 2) {
+        const py::ssize_t h = shape[0], w = shape[1];
+        // (bounded before the narrowing, which would wrap larger sides)
+        if ((w == 1920 && h == 1080) || (w <= 640 && h <= 480 && IsStreamFrame(s, int(w), int(h))))
+            return "";
+    }
+    std::string text;
+    for (size_t d = 0; d < shape.size(); ++d)
+        text += (d ? ", " : "") + std::to_string(shape[d]);
+    return "depth of shape (" + text + ") is no depth image: " + StreamFrames(s) +
+           " (shape (height, width)); registered depth is (1080, 1920)";
+}
+
+// Empty when the records can serve the stream: a binned record (320 wide) is never
+// the full stream's working record, and a full one (640 wide) never the binned one.
+std::string RecordProblem(qvapi::StreamType s, const CameraCalibrationParam& binned,
+                          const CameraCalibrationParam& full)
+{
+    if (binned.depthLens.width == 640)
+        return "the first record is a full read-out's (640 wide): init takes (binned, full)";
+    if (!Single(s) && full.depthLens.width == 320)
+        return "the second record is a binned read-out's (320 wide): init takes (binned, full)";
+    return "";
+}
 
 qvsim::SceneKind SceneOf(const std::string& name)
 {
@@ -140,15 +283,29 @@ PYBIND11_MODULE(_core, m)
             return std::vector<float>(p.extrinsics, p.extrinsics + 12);
         }, "Depth-to-colour rotation (row-major 3 x 3) and translation (mm)")
         .def("__eq__", [](const CameraCalibrationParam& a, const CameraCalibrationParam& b) {
-            const size_t after = offsetof(CameraCalibrationParam, depthLens);
-            return a.label == b.label && std::memcmp(reinterpret_cast<const char*>(&a) + after,
-                                                     reinterpret_cast<const char*>(&b) + after,
-                                                     sizeof(CameraCalibrationParam) - after) == 0;
-        });
+            return a.label == b.label && std::memcmp(Numbers(a), Numbers(b), kNumberBytes) == 0;
+        })
+        // Pickled whole, so that records travel to other processes (Dask workers) exactly.
+        .def(py::pickle(
+            [](const CameraCalibrationParam& p) {
+                return py::make_tuple(p.reserved0, p.reserved1, py::bytes(p.label),
+                                      py::bytes(Numbers(p), kNumberBytes));
+            },
+            [](const py::tuple& state) {
+                if (state.size() != 4 || py::len(state[3]) != kNumberBytes)
+                    throw py::value_error("not a pickled CalibrationRecord");
+                CameraCalibrationParam p{};
+                p.reserved0 = state[0].cast<int32_t>();
+                p.reserved1 = state[1].cast<int32_t>();
+                p.label = state[2].cast<std::string>();
+                const std::string numbers = state[3].cast<std::string>();
+                std::memcpy(Numbers(p), numbers.data(), kNumberBytes);
+                return p;
+            }));
 
     m.def("load_calibration", [](const std::string& path) {
         try {
-            const qvapi::ModuleCalibration c = qvapi::ReadCalibration(path);
+            const qvapi::ModuleCalibration c = qvapi::ReadCalibration(PathArg(path, "path"));
             return std::make_tuple(c.binned, c.full);
         } catch (const qvapi::CalibrationError& e) {
             throw py::value_error(e.what());
@@ -157,7 +314,7 @@ PYBIND11_MODULE(_core, m)
     m.def("save_calibration", [](const std::string& path, const CameraCalibrationParam& binned,
                                  const CameraCalibrationParam& full) {
         try {
-            qvapi::WriteCalibration(path, {binned, full});
+            qvapi::WriteCalibration(PathArg(path, "path"), {binned, full});
         } catch (const qvapi::CalibrationError& e) {
             throw py::value_error(e.what());
         }
@@ -196,28 +353,46 @@ PYBIND11_MODULE(_core, m)
             return v;
         })
         .def("set_type", [](Instance& s, qvapi::DeviceType d, qvapi::StreamType t) {
-            s.r->SetType(d, t);
-            Instance::Stream() = t;
+            Alone([&] {
+                s.r->SetType(d, t);
+                Instance::Stream() = t;
+                ++g_changes;
+            });
         },
              py::arg("device"), py::arg("stream"), "Module type and read-out; loads their default records")
         .def("init", [](Instance& s, const CameraCalibrationParam& binned, const CameraCalibrationParam& full) {
-            int32_t st;
-            {
-                py::gil_scoped_release unlocked;
-                st = s.r->Init(binned, full);
-            }
+            const int32_t st = Alone([&] {
+                // The single-frequency stream works from the binned record alone (its
+                // tables are 320 x 240), as qvrecon sets it up: whatever the second record.
+                const qvapi::StreamType stream = Instance::Stream();
+                if (const std::string bad = RecordProblem(stream, binned, full); !bad.empty())
+                    throw py::value_error("init: " + bad);
+                ++g_changes;
+                return s.r->Init(binned, Single(stream) ? binned : full);
+            });
             Check(st, "init");
-        }, py::arg("binned"), py::arg("full"), "Builds the tables from the two records")
-        .def("set_flip_mode", [](Instance& s, qvapi::FlipMode f) { s.r->SetFlipMode(f); }, py::arg("mode"))
-        .def("open_filter", [](Instance& s, bool on) { s.r->OpenFilter(on); }, py::arg("on"),
-             "The median and edge filters after each depth frame")
+        }, py::arg("binned"), py::arg("full"),
+             "Builds the tables from the two records (the single-frequency stream uses the binned one alone)")
+        .def("set_flip_mode", [](Instance& s, qvapi::FlipMode f) {
+            Alone([&] {
+                s.r->SetFlipMode(f);
+                ++g_changes;
+            });
+        }, py::arg("mode"))
+        .def("open_filter", [](Instance& s, bool on) {
+            Alone([&] {
+                s.r->OpenFilter(on);
+                ++g_changes;
+            });
+        }, py::arg("on"), "The median and edge filters after each depth frame")
         .def_property_readonly("filter_status", [](Instance& s) {
             bool on = false;
             s.r->GetFilterStatu(on);
             return on;
         })
-        .def("set_custom_distance_range", [](Instance& s, int lo, int hi) { s.r->SetCustomDistanceRange(lo, hi); },
-             py::arg("min_mm"), py::arg("max_mm"))
+        .def("set_custom_distance_range", [](Instance& s, int lo, int hi) {
+            Alone([&] { s.r->SetCustomDistanceRange(lo, hi); });
+        }, py::arg("min_mm"), py::arg("max_mm"))
         .def("get_custom_distance_range", [](Instance& s) {
             int lo = 0, hi = 0;
             s.r->GetCustomDistanceRange(lo, hi);
@@ -234,77 +409,99 @@ PYBIND11_MODULE(_core, m)
             return std::make_tuple(depth, rgb);
         }, py::arg("record"),
              "The record's depth and colour intrinsics (depth, rgb), the depth camera's at the last depth size")
-        .def("calculate_depth", [](Instance& s, In<uint16_t> raw, int width, int height) {
-            const size_t perPixel = Instance::Stream() == qvapi::STREAM_SINGLE_FREQ ? 4 : 16;
-            RequireSize(raw, perPixel * static_cast<size_t>(std::max(width, 0)) * std::max(height, 0), "raw");
+        .def("calculate_depth", [](Instance& s, const py::object& rawArg, int width, int height) {
+            const Words<uint16_t> raw = ToWords<uint16_t>(rawArg, "raw");
+            const uint16_t* words = raw.data();
+            const size_t count = static_cast<size_t>(raw.size());
             uint16_t* depth = nullptr;
-            int32_t st;
-            {
-                py::gil_scoped_release unlocked;
-                st = s.r->CalculateDepth(raw.data(), &depth, width, height);
-            }
+            const int32_t st = Shared([&] {
+                if (const std::string bad = RawProblem(Instance::Stream(), count, width, height); !bad.empty())
+                    throw py::value_error("calculate_depth: " + bad);
+                ++g_changes;
+                return s.r->CalculateDepth(words, &depth, width, height);
+            });
             Check(st, "calculate_depth");
             return Own(depth, {height, width});
         }, py::arg("raw"), py::arg("width"), py::arg("height"),
-             "Depth in mm (uint16, height x width) of a raw capture; 0 and 1 mark pixels without depth")
-        .def("get_ir", [](Instance& s, In<uint16_t> raw, int width, int height) {
-            RequireSize(raw, 4 * static_cast<size_t>(std::max(width, 0)) * std::max(height, 0), "raw");
-            py::array_t<uint16_t> ir({height, width});
-            int32_t st;
-            {
-                py::gil_scoped_release unlocked;
-                st = s.r->GetIR(raw.data(), ir.mutable_data(), width, height);
-            }
+             "Depth in mm (uint16, height x width) of a raw capture of the stream (the full stream: 640 x 480 "
+             "or binned 320 x 240; the single-frequency stream: 320 x 240); 0 and 1 mark pixels without depth")
+        .def("get_ir", [](Instance& s, const py::object& rawArg, int width, int height) {
+            const Words<uint16_t> raw = ToWords<uint16_t>(rawArg, "raw");
+            const uint16_t* words = raw.data();
+            const size_t count = static_cast<size_t>(raw.size());
+            std::unique_ptr<uint16_t[]> ir;
+            const int32_t st = Shared([&] {
+                if (const std::string bad = RawProblem(Instance::Stream(), count, width, height); !bad.empty())
+                    throw py::value_error("get_ir: " + bad);
+                ir.reset(new uint16_t[static_cast<size_t>(width) * height]);
+                return s.r->GetIR(words, ir.get(), width, height);
+            });
             Check(st, "get_ir");
-            return ir;
-        }, py::arg("raw"), py::arg("width"), py::arg("height"), "Infrared image (uint16, height x width)")
-        .def("get_cloud_point", [](Instance& s, In<uint16_t> depth) {
-            if (depth.ndim() != 2)
-                throw py::value_error("depth must be a 2-D image");
-            const int h = static_cast<int>(depth.shape(0)), w = static_cast<int>(depth.shape(1));
-            py::array_t<float> points({h, w, 3});
-            int32_t st;
-            {
-                py::gil_scoped_release unlocked;
-                st = s.r->GetCloudPoint(depth.data(), points.mutable_data(), w, h);
-            }
+            return Own(ir.release(), {height, width});
+        }, py::arg("raw"), py::arg("width"), py::arg("height"),
+             "Infrared image (uint16, height x width) of a raw capture of the stream")
+        .def("get_cloud_point", [](Instance& s, const py::object& depthArg) {
+            const Words<uint16_t> depth = ToWords<uint16_t>(depthArg, "depth");
+            const std::vector<py::ssize_t> shape(depth.shape(), depth.shape() + depth.ndim());
+            const uint16_t* values = depth.data();
+            std::unique_ptr<float[]> points;
+            const int32_t st = Shared([&] {
+                if (const std::string bad = DepthProblem(Instance::Stream(), shape); !bad.empty())
+                    throw py::value_error("get_cloud_point: " + bad);
+                points.reset(new float[3 * static_cast<size_t>(shape[0]) * shape[1]]);
+                return s.r->GetCloudPoint(values, points.get(), int(shape[1]), int(shape[0]));
+            });
             Check(st, "get_cloud_point");
-            return points;
-        }, py::arg("depth"), "Points (float32, height x width x 3, mm); z 0 where there is no depth")
-        .def("convert_to_rgb", [](Instance& s, In<uint16_t> depth) {
-            if (depth.ndim() != 2)
-                throw py::value_error("depth must be a 2-D image");
-            const int h = static_cast<int>(depth.shape(0)), w = static_cast<int>(depth.shape(1));
+            return Own(points.release(), {shape[0], shape[1], 3});
+        }, py::arg("depth"),
+             "Points (float32, height x width x 3, mm) of a depth image of the stream or of registered depth "
+             "(1080 x 1920); z 0 where there is no depth")
+        .def("convert_to_rgb", [](Instance& s, const py::object& depthArg) {
+            const Words<uint16_t> depth = ToWords<uint16_t>(depthArg, "depth");
+            const std::vector<py::ssize_t> shape(depth.shape(), depth.shape() + depth.ndim());
+            uint16_t* values = const_cast<uint16_t*>(depth.data());
             uint8_t* rgb = nullptr;
-            {
-                py::gil_scoped_release unlocked;
-                s.r->Convert2RGB(&rgb, const_cast<uint16_t*>(depth.data()), w, h);
-            }
+            Shared([&] {
+                if (const std::string bad = DepthProblem(Instance::Stream(), shape); !bad.empty())
+                    throw py::value_error("convert_to_rgb: " + bad);
+                s.r->Convert2RGB(&rgb, values, int(shape[1]), int(shape[0]));
+            });
             if (rgb == nullptr)
                 Raise(qvapi::STATUS_INVALID_ARGUMENT, "convert_to_rgb");
-            return Own(rgb, {h, w, 3});
+            return Own(rgb, {shape[0], shape[1], 3});
         }, py::arg("depth"), "False-colour image (uint8, height x width x 3, RGB) of a depth image")
-        .def("map_depth_to_rgb", [](Instance& s, In<uint16_t> depth, In<uint8_t> nv12, int width, int height) {
-            RequireSize(depth, 640 * 480, "depth");
-            RequireSize(nv12, static_cast<size_t>(std::max(width, 0)) * std::max(height, 0) * 3 / 2, "nv12");
+        .def("map_depth_to_rgb", [](Instance& s, const py::object& depthArg, const py::object& nv12Arg, int width,
+                                    int height) {
+            const Words<uint16_t> depth = ToWords<uint16_t>(depthArg, "depth");
+            const Words<uint8_t> nv12 = ToWords<uint8_t>(nv12Arg, "nv12");
+            // The registration reads a 640 x 480 depth image and a 1920 x 1080 colour frame.
+            if (depth.ndim() != 2 || depth.shape(0) != 480 || depth.shape(1) != 640)
+                throw py::value_error("map_depth_to_rgb: depth must be a (480, 640) image of the full stream");
+            if (width != 1920 || height != 1080)
+                throw py::value_error("map_depth_to_rgb: the colour frames are 1920 x 1080");
+            if (nv12.size() != 1920 * 1080 * 3 / 2)
+                throw py::value_error("map_depth_to_rgb: nv12 holds " + std::to_string(nv12.size()) +
+                                      " bytes, an NV12 1920 x 1080 frame " + std::to_string(1920 * 1080 * 3 / 2));
             // The library replaces the depth buffer it is given: hand it a copy.
             uint16_t* copy = new uint16_t[640 * 480];
             std::memcpy(copy, depth.data(), 640 * 480 * sizeof(uint16_t));
+            uint8_t* frame = const_cast<uint8_t*>(nv12.data());
             uint8_t* colour = nullptr;
             int w = 0, h = 0;
-            int32_t st;
-            {
-                py::gil_scoped_release unlocked;
-                st = s.r->MapDepthToRGB(&colour, &copy, const_cast<uint8_t*>(nv12.data()), width, height, w, h);
-            }
+            const int32_t st =
+                Shared([&] { return s.r->MapDepthToRGB(&colour, &copy, frame, width, height, w, h); });
             if (st != qvapi::STATUS_OK) {
                 delete[] copy;
                 Raise(st, "map_depth_to_rgb");
             }
             return std::make_tuple(Own(colour, {h, w, 3}), Own(copy, {h, w}));
         }, py::arg("depth"), py::arg("nv12"), py::arg("width") = 1920, py::arg("height") = 1080,
-             "Registers a 640 x 480 depth image onto the colour camera: (undistorted BGR uint8 image, "
-             "registered depth uint16 holding the depth camera's Z in mm)");
+             "Registers a 640 x 480 depth image (shape (480, 640)) onto the 1920 x 1080 colour camera: "
+             "(undistorted BGR uint8 image, registered depth uint16 holding the depth camera's Z in mm)");
+
+    m.def("_instance_changes", []() { return g_changes.load(); },
+          "How many calls so far may have changed what later frames give (set_type, init, the flip mode, the "
+          "filter switch, frames): unchanged means nobody touched the instance since");
 
     m.def("simulate_capture", [](const CameraCalibrationParam& calibration, const std::string& scene,
                                  double distanceMm, const std::string& stream, double noise, uint32_t seed,
@@ -322,6 +519,9 @@ PYBIND11_MODULE(_core, m)
         setup.noiseSigma = noise;
         setup.seed = seed;
         setup.temperatureC = temperature;
+        // The ranges qvrecon simulate takes: outside them the model means nothing.
+        if (const std::string bad = qvsim::CheckCaptureSetup(sc, setup); !bad.empty())
+            throw py::value_error("simulate_capture: " + bad);
         qvsim::Capture cap;
         {
             py::gil_scoped_release unlocked;
@@ -340,6 +540,8 @@ PYBIND11_MODULE(_core, m)
         qvsim::SceneSpec sc;
         sc.kind = SceneOf(scene);
         sc.distanceMm = distanceMm;
+        if (const std::string bad = qvsim::CheckScene(sc); !bad.empty())
+            throw py::value_error("render_colour: " + bad);
         qvsim::ColourFrame f;
         {
             py::gil_scoped_release unlocked;

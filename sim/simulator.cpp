@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <random>
 #include <stdexcept>
 
@@ -230,9 +231,44 @@ void Split(double total, int parts, long* out)
 
 }  // namespace
 
+namespace {
+
+std::string OutOfRange(const char* what, double value, const char* unit, const ValueRange& range)
+{
+    char text[160];
+    std::snprintf(text, sizeof text, "%s %g%s is outside [%g, %g]", what, value, unit, range.lo, range.hi);
+    return text;
+}
+
+}  // namespace
+
+std::string CheckScene(const SceneSpec& scene)
+{
+    if (!kDistanceRangeMm.Holds(scene.distanceMm))
+        return OutOfRange("distance", scene.distanceMm, " mm", kDistanceRangeMm);
+    if (!kTiltRangeDeg.Holds(scene.tiltDeg))
+        return OutOfRange("tilt", scene.tiltDeg, " degrees", kTiltRangeDeg);
+    return "";
+}
+
+std::string CheckCaptureSetup(const SceneSpec& scene, const CaptureSpec& setup)
+{
+    if (std::string bad = CheckScene(scene); !bad.empty())
+        return bad;
+    if (!kTemperatureRangeC.Holds(setup.temperatureC))
+        return OutOfRange("temperature", setup.temperatureC, " degrees C", kTemperatureRangeC);
+    if (!kNoiseRange.Holds(setup.noiseSigma))
+        return OutOfRange("noise", setup.noiseSigma, "", kNoiseRange);
+    if (!kFlipRange.Holds(setup.flip))
+        return OutOfRange("flip", setup.flip, "", kFlipRange);
+    return "";
+}
+
 Capture SimulateCapture(const qvapi::CameraCalibrationParam& cal, const SceneSpec& scene,
                         const CaptureSpec& setup)
 {
+    if (const std::string bad = CheckCaptureSetup(scene, setup); !bad.empty())
+        throw std::invalid_argument(bad);
     const bool single = setup.stream == qvapi::STREAM_SINGLE_FREQ;
     const bool dual = !single;
     const int tableW = single ? 320 : 640, tableH = single ? 240 : 480;
@@ -446,6 +482,8 @@ cv::Vec3b Texture(const SurfaceHit& h)
 
 ColourFrame RenderColour(const qvapi::CameraCalibrationParam& cal, const SceneSpec& scene)
 {
+    if (const std::string bad = CheckScene(scene); !bad.empty())
+        throw std::invalid_argument(bad);
     if (cal.rgbLens.fx == 0.0f)
         throw std::invalid_argument("the calibration has no colour lens");
     ColourFrame frame;

@@ -6,6 +6,7 @@
 #define QVSIM_SIMULATOR_H
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include <qvreconstruction/reconstruction.h>
@@ -77,7 +78,25 @@ struct Capture {
     std::vector<uint8_t> label;       // PixelLabel per output pixel
 };
 
-// Simulates one capture. `calibration` is the full read-out's record handed to
+// The values the model is defined for, as `qvrecon simulate` and the Python package
+// take them: beyond them its arithmetic overflows (a wall at 0 mm, a temperature of
+// 1e30) or means nothing. Both ends are included; NaN lies outside every range.
+struct ValueRange {
+    double lo, hi;
+    bool Holds(double v) const { return v >= lo && v <= hi; }
+};
+constexpr ValueRange kDistanceRangeMm{1, 65535};
+constexpr ValueRange kTiltRangeDeg{-80, 80};
+constexpr ValueRange kTemperatureRangeC{-40, 125};
+constexpr ValueRange kNoiseRange{0, 1000};  // sample units
+constexpr ValueRange kFlipRange{0, 3};
+
+// Empty when every value of the scene (and the set-up) lies in its range; otherwise
+// names the first that does not, e.g. "distance 0 mm is outside [1, 65535]".
+std::string CheckScene(const SceneSpec& scene);
+std::string CheckCaptureSetup(const SceneSpec& scene, const CaptureSpec& setup);
+
+// Simulates one capture (std::invalid_argument where CheckCaptureSetup objects). `calibration` is the full read-out's record handed to
 // Init as its second argument (for the reduced stream, the record of the 320 x 240
 // sensor); the per-pixel rays and corrections follow it.
 Capture SimulateCapture(const qvapi::CameraCalibrationParam& calibration, const SceneSpec& scene,

@@ -26,6 +26,7 @@ def instance(binned, working, single=False):
     r.set_type(qv.DeviceType.GENERIC, qv.StreamType.SINGLE_FREQ if single else qv.StreamType.DUAL_FREQ)
     r.init(binned, working)
     r.open_filter(True)
+    r.set_flip_mode(qv.FlipMode.NONE)
     return r
 
 
@@ -132,17 +133,24 @@ def test_coloured_point_clouds_read_back_in_open3d_and_meshio(tmp_path):
     assert np.allclose(np.asarray(mine.points), points[keep] * 0.001)
 
 
-def test_batch_gives_the_same_files_serially_and_over_dask(tmp_path):
+def simulated(tmp_path, name, stream, seed, *extra):
+    """A capture with a patch returning no light, whose noise lies about the amplitude
+    threshold: its depth shows how many binned frames halved the threshold before it."""
+    run("simulate", "--dark", "--noise", 2, "--seed", seed, "--stream", stream, "--out", tmp_path / "sim", *extra)
+    path = tmp_path / name
+    path.parent.mkdir(parents=True, exist_ok=True)
+    os.replace(tmp_path / "sim" / "capture.raw", path)
+    return path
+
+
+def test_batch_gives_the_serial_runs_files_over_any_dask_partition(tmp_path):
     from dask.distributed import Client, LocalCluster
 
     binned, full = qv.sample_calibration()
-    paths = []
-    for k, (folder, scene) in enumerate([("a", "boxes"), ("b", "boxes"), ("a2", "plane"), ("b2", "sphere")]):
-        raw, _, _, _ = qv.simulate_capture(full, scene=scene, noise=1.0, seed=k)
-        (tmp_path / folder).mkdir()
-        path = tmp_path / folder / ("capture.raw" if k < 2 else f"{scene}.raw")
-        raw.astype("<u2").tofile(path)
-        paths.append(path)
+    plan = [("a/capture.raw", "binned"), ("b/capture.raw", "dual"), ("a2/plane.raw", "binned", "--scene", "plane"),
+            ("b2/sphere.raw", "dual", "--scene", "sphere"), ("c/wall.raw", "binned", "--scene", "wall"),
+            ("c/late.raw", "dual"), ("c/single.raw", "single"), ("c/after.raw", "dual")]
+    paths = [simulated(tmp_path / "in", name, stream, k, *extra) for k, (name, stream, *extra) in enumerate(plan)]
     serial = batch.process(paths, tmp_path / "serial", progress=False)
     with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None) as cluster, \
             Client(cluster) as client:
@@ -150,16 +158,67 @@ def test_batch_gives_the_same_files_serially_and_over_dask(tmp_path):
     assert spread == serial
     names = sorted(os.listdir(tmp_path / "serial"))
     assert names == sorted(os.listdir(tmp_path / "dask"))
-    assert names == sorted(f"{s}{suffix}" for s in ("capture", "capture-2", "plane", "sphere")
-                           for suffix in ("_depth.npy", ".ply"))
+    assert names == sorted(f"{s}{suffix}" for s in ("capture", "capture-2", "plane", "sphere", "wall", "late",
+                                                     "single", "after") for suffix in ("_depth.npy", ".ply"))
     for name in names:
         assert (tmp_path / "serial" / name).read_bytes() == (tmp_path / "dask" / name).read_bytes(), name
-    r = instance(binned, full)
-    assert np.array_equal(np.load(tmp_path / "serial" / "capture-2_depth.npy"),
-                          r.calculate_depth(np.fromfile(paths[1], "<u2"), 640, 480))
+
+    # The serial run: one instance in the order given, set up afresh for the
+    # single-frequency capture and for the full stream after it.
+    r, single_set_up = None, None
+    for path, stem, (_, stream, *_) in zip(paths, batch.output_stems(paths), plan):
+        if single_set_up != (stream == "single"):
+            single_set_up = stream == "single"
+            r = instance(binned, binned if single_set_up else full, single=single_set_up)
+        w, h = (640, 480) if stream == "dual" else (320, 240)
+        depth = r.calculate_depth(np.fromfile(path, "<u2"), w, h)
+        assert np.array_equal(np.load(tmp_path / "dask" / f"{stem}_depth.npy"), depth), path
+    # Three binned captures before it: converted with threshold 0, not as after Init.
+    fresh = instance(binned, full).calculate_depth(np.fromfile(paths[5], "<u2"), 640, 480)
+    assert np.count_nonzero(np.load(tmp_path / "serial" / "late_depth.npy") != fresh) > 20
     sphere = r.get_cloud_point(np.load(tmp_path / "dask" / "sphere_depth.npy")).reshape(-1, 3)
     assert np.array_equal(meshio.read(tmp_path / "dask" / "sphere.ply").points, sphere[sphere[:, 2] > 1])
     with pytest.raises(ValueError, match="fit no stream"):
         (tmp_path / "short.raw").write_bytes(b"12345")
         batch.process([paths[0], tmp_path / "short.raw"], tmp_path / "refused")
     assert not (tmp_path / "refused").exists()
+
+
+def test_batch_reads_the_calibration_now_and_ignores_the_callers_settings(tmp_path):
+    binned, full = qv.sample_calibration()
+    capture = simulated(tmp_path, "in/x.raw", "dual", 1)
+    cal = tmp_path / "module.yaml"
+    qv.save_calibration(str(cal), binned, full)
+    batch.process([capture], tmp_path / "first", calibration=cal, progress=False)
+    expected = instance(binned, full).calculate_depth(np.fromfile(capture, "<u2"), 640, 480)
+    assert np.array_equal(np.load(tmp_path / "first" / "x_depth.npy"), expected)
+
+    # A rewritten file is used at once, not the records of the path's first reading.
+    full.depth_offset_f2 += 40
+    qv.save_calibration(str(cal), binned, full)
+    batch.process([capture], tmp_path / "rewritten", calibration=cal, progress=False)
+    moved = instance(binned, full).calculate_depth(np.fromfile(capture, "<u2"), 640, 480)
+    assert not np.array_equal(moved, expected)
+    assert np.array_equal(np.load(tmp_path / "rewritten" / "x_depth.npy"), moved)
+
+    # Nothing set on the process's instance beforehand leaks into the batch.
+    r = qv.Reconstruction()
+    r.set_flip_mode(qv.FlipMode.BOTH)
+    r.open_filter(False)
+    batch.process([capture], tmp_path / "flipped", calibration=cal, progress=False)
+    assert (tmp_path / "flipped" / "x.ply").read_bytes() == (tmp_path / "rewritten" / "x.ply").read_bytes()
+
+
+def test_batch_names_and_modes_are_the_tools(tmp_path):
+    # The stem is the name without its last extension; leading dots never start one.
+    names = ["x.raw", "..raw", ".raw", "a.b.raw", "noext"]
+    assert batch.output_stems([f"in/{n}" for n in names]) == ["x", "..raw", ".raw", "a.b", "noext"]
+    capture = simulated(tmp_path, "in/..raw", "binned", 1)
+    old = os.umask(0o027)
+    try:
+        batch.process([capture], tmp_path / "out", progress=False)
+    finally:
+        os.umask(old)
+    out = tmp_path / "out"
+    assert sorted(os.listdir(out)) == ["..raw.ply", "..raw_depth.npy"]
+    assert {(out / n).stat().st_mode & 0o777 for n in os.listdir(out)} == {0o640}

@@ -31,18 +31,85 @@ def test_calls_before_init_and_bad_arguments_raise(module):
                    "except qv.QvError as e: print(e.status)")
     refused = subprocess.run([sys.executable, "-c", before_init], check=True, capture_output=True, text=True)
     assert refused.stdout.strip() == "-1"
+    with pytest.raises(ValueError):
+        qv.load_calibration("/nonexistent/module.yaml")
+
+
+def test_inputs_the_library_cannot_serve_exactly_are_refused(module, tmp_path):
+    binned, full, raw, width, height, _ = module
     r = qv.Reconstruction()
     r.set_type(qv.DeviceType.GENERIC, qv.StreamType.DUAL_FREQ)
     r.init(binned, full)
-    with pytest.raises(ValueError):
-        r.calculate_depth(raw[:1000], width, height)  # fewer words than the frame needs
-    with pytest.raises(qv.QvError) as refused:
-        r.calculate_depth(raw, 320, 480)  # a size the full stream's tables cannot serve
-    assert refused.value.status == -2
-    with pytest.raises(ValueError):
-        r.get_cloud_point(np.zeros(10, np.uint16))
-    with pytest.raises(ValueError):
-        qv.load_calibration("/nonexistent/module.yaml")
+    depth = r.calculate_depth(raw, width, height)
+    nv12 = qv.render_colour(full)
+    # Sizes that are not the stream's images: the full stream's frames are 640 x 480 and
+    # binned 320 x 240; depth images have those shapes (or the colour camera's).
+    for w, h, words in [(640, 480, raw[:1000]), (480, 640, raw), (320, 480, raw), (320, 240, raw),
+                        (640, 480, np.append(raw, 0))]:
+        for op in (r.calculate_depth, r.get_ir):
+            with pytest.raises(ValueError, match="raw|frame"):
+                op(words, w, h)
+    for image in (depth.T, depth[:, :-1], depth.reshape(-1), depth[np.newaxis], np.zeros((1080, 1921), np.uint16)):
+        for op in (r.get_cloud_point, r.convert_to_rgb):
+            with pytest.raises(ValueError, match="depth"):
+                op(image)
+        with pytest.raises(ValueError, match="depth"):
+            r.map_depth_to_rgb(image, nv12)
+    for image in (np.zeros((1080, 1920), np.uint16), np.zeros((481, 640), np.uint16)):
+        with pytest.raises(ValueError, match="480, 640"):
+            r.map_depth_to_rgb(image, nv12)
+    with pytest.raises(ValueError, match="nv12"):
+        r.map_depth_to_rgb(depth, nv12[:-1])
+    assert r.get_cloud_point(np.zeros((1080, 1920), np.uint16)).shape == (1080, 1920, 3)
+
+    # Values a cast would change: floats (metres), NaN, negatives, complex, booleans.
+    metres = depth / 1000.0
+    for image, error in [(metres, TypeError), (np.full_like(metres, np.nan), TypeError),
+                         (depth.astype(np.int32) - 1, ValueError), (depth.astype(np.complex64), TypeError),
+                         (depth > 0, TypeError), (depth.astype(np.int64) + 65536, ValueError)]:
+        with pytest.raises(error, match="depth"):
+            r.get_cloud_point(image)
+    with pytest.raises(TypeError, match="raw"):
+        r.calculate_depth(raw.astype(np.float32), width, height)
+    with pytest.raises(ValueError, match="nv12"):
+        r.map_depth_to_rgb(depth, nv12.astype(np.int16) * 2)
+    # Integers that fit are the same frame, in any integer type or byte order.
+    assert np.array_equal(r.calculate_depth(raw.astype(">u2"), width, height), depth)
+    assert np.array_equal(r.get_cloud_point(depth.astype(np.int64)), r.get_cloud_point(depth))
+
+    # The simulator takes what qvrecon simulate takes.
+    for bad in [dict(distance_mm=0), dict(distance_mm=-1), dict(distance_mm=np.nan), dict(distance_mm=70000),
+                dict(temperature=np.nan), dict(temperature=1e30), dict(noise=-1), dict(noise=np.inf)]:
+        with pytest.raises(ValueError, match="outside"):
+            qv.simulate_capture(full, **bad)
+    with pytest.raises(ValueError, match="outside"):
+        qv.render_colour(full, distance_mm=0)
+    qv.simulate_capture(full, distance_mm=1, temperature=-40, noise=1000)
+
+    # A path is the whole string: one holding a NUL is no file's name.
+    qv.save_calibration(str(tmp_path / "cal.yaml"), binned, full)
+    with pytest.raises(ValueError, match="NUL"):
+        qv.load_calibration(str(tmp_path / "cal.yaml") + "\0junk")
+    with pytest.raises(ValueError, match="NUL"):
+        qv.save_calibration(str(tmp_path / "other.yaml") + "\0junk", binned, full)
+    assert not (tmp_path / "other.yaml").exists()
+
+
+def test_single_stream_init_takes_the_binned_record_in_the_documented_order(module):
+    binned, full, _, _, _, _ = module
+    raw, w, h, truth = qv.simulate_capture(binned, scene="wall", stream="single")
+    r = qv.Reconstruction()
+    r.set_type(qv.DeviceType.GENERIC, qv.StreamType.SINGLE_FREQ)
+    r.init(binned, binned)
+    expected = r.calculate_depth(raw, w, h)
+    r.init(binned, full)  # the order init takes on the full stream
+    assert np.array_equal(r.calculate_depth(raw, w, h), expected)
+    assert np.median(np.abs(expected[40:200, 40:280] - truth[40:200, 40:280])) < 5
+    with pytest.raises(ValueError, match="binned, full"):
+        r.init(full, binned)  # a full read-out's record cannot serve the 320 x 240 stream
+    r.set_type(qv.DeviceType.GENERIC, qv.StreamType.DUAL_FREQ)
+    with pytest.raises(ValueError, match="binned, full"):
+        r.init(binned, binned)
 
 
 def test_depth_equals_the_cpp_example_and_the_scene(module, tmp_path):
