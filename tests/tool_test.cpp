@@ -54,6 +54,11 @@ protected:
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text.str()};
     }
     std::string P(const std::string& name) const { return (dir_ / name).string(); }
+    static std::string Contents(const fs::path& path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        return std::string((std::istreambuf_iterator<char>(in)), {});
+    }
     static size_t Files(const fs::path& folder)
     {
         if (!fs::exists(folder))
@@ -302,6 +307,31 @@ TEST_F(Tool, RegisterInfoAndDemo)
     const Outcome demo = Qvrecon("demo --out " + P("demo"));
     ASSERT_EQ(demo.code, 0) << demo.err;
     EXPECT_GE(Files(dir_ / "demo"), 11u);
+}
+
+// Each binned capture halves the library's amplitude threshold until the stream's next
+// Init, so a binned capture's outputs depend on the binned captures right before it.
+// Workers that each see only some captures must still write the serial run's files.
+TEST_F(Tool, JobsWriteTheSerialRunsFilesOnMixedBinnedAndFullCaptures)
+{
+    ASSERT_EQ(Qvrecon("simulate --stream dual --out " + P("full")).code, 0);
+    // Noise and a dark patch give pixels whose amplitude lies between the thresholds.
+    ASSERT_EQ(Qvrecon("simulate --stream binned --noise 3 --dark --out " + P("binned")).code, 0);
+    const std::string b = " " + P("binned/capture.raw"), d = " " + P("full/capture.raw");
+    const std::string batch = b + d + b + b + b + b + d + b + b;
+    const Outcome serial = Qvrecon("depth" + batch + " --out " + P("serial"));
+    ASSERT_EQ(serial.code, 0) << serial.err;
+    // The threshold matters here: the second binned capture in a row differs from the first.
+    EXPECT_NE(Contents(P("serial/capture-3_depth.png")), Contents(P("serial/capture-4_depth.png")));
+    for (int jobs : {2, 3}) {
+        const std::string out = P("jobs" + std::to_string(jobs));
+        const Outcome run = Qvrecon("depth" + batch + " --jobs " + std::to_string(jobs) + " --out " + out);
+        ASSERT_EQ(run.code, 0) << run.err;
+        EXPECT_EQ(Files(out), Files(P("serial")));
+        for (const auto& f : fs::directory_iterator(P("serial")))
+            EXPECT_TRUE(Contents(f.path()) == Contents(fs::path(out) / f.path().filename()))
+                << "--jobs " << jobs << ": " << f.path().filename();
+    }
 }
 
 }  // namespace

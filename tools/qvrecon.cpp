@@ -201,6 +201,21 @@ std::vector<std::string> OutputStems(const std::vector<std::string>& captures)
     return stems;
 }
 
+// A fresh amplitude threshold (5) is 0 after three halvings, and stays 0.
+constexpr int kHalvingsToZero = 3;
+
+// For each capture, how many times the serial run has halved the amplitude threshold
+// before converting it: the binned captures right before a binned one, up to
+// kHalvingsToZero (the stream's Init restores the threshold; other streams never halve it).
+std::vector<int> ThresholdHalvings(const std::vector<StreamKind>& kinds)
+{
+    std::vector<int> halvings(kinds.size(), 0);
+    for (size_t n = 1; n < kinds.size(); ++n)
+        if (kinds[n] == StreamKind::Binned && kinds[n - 1] == StreamKind::Binned)
+            halvings[n] = std::min(halvings[n - 1] + 1, kHalvingsToZero);
+    return halvings;
+}
+
 // What one capture gave: pixels with depth, and pixels.
 struct CaptureTally {
     uint64_t valid = 0, pixels = 0;
@@ -339,18 +354,40 @@ int RunDepth(const DepthArgs& a)
     const std::vector<std::string> stems = OutputStems(a.captures);
     EnsureFolder(a.common.out);
 
-    // One capture through the instance, set up for its stream when that changes.
+    // Every capture is converted as the serial run in the order given converts it, so
+    // that any --jobs writes the same files. The serial run sets the instance up (Init)
+    // for the first capture and again whenever the stream changes; each binned capture
+    // halves the library's amplitude threshold until the next Init. So a binned capture
+    // sees the threshold halved once for each binned capture right before it (since the
+    // last capture of another stream), and the others see a fresh one.
+    const std::vector<int> halvings = ThresholdHalvings(kinds);
     struct Worker {
         std::optional<StreamKind> configured;
+        int halved = 0;  // binned frames since Init, up to kHalvingsToZero
         qvapi::Reconstruction* lib = nullptr;
     };
     const auto convert = [&](size_t n, Worker& w) -> CaptureTally {
         const StreamInfo& s = Info(kinds[n]);
-        if (w.configured != kinds[n]) {
+        // A worker that skipped captures of the serial run catches up: Init, then as
+        // many binned frames (of zeros: only their number counts) as the serial run had.
+        if (w.configured != kinds[n] || w.halved > halvings[n]) {
             w.lib = &Configure(cal, static_cast<qvapi::DeviceType>(a.common.device), kinds[n]);
             w.configured = kinds[n];
+            w.halved = 0;
         }
         qvapi::Reconstruction* lib = w.lib;
+        if (w.halved < halvings[n]) {
+            const std::vector<uint16_t> zeros(s.words, 0);
+            for (; w.halved < halvings[n]; ++w.halved) {
+                uint16_t* skipped = nullptr;
+                const int32_t status = lib->CalculateDepth(zeros.data(), &skipped, s.width, s.height);
+                delete[] skipped;
+                if (status != qvapi::STATUS_OK)
+                    throw ToolError(a.captures[n] + ": " + StatusText(status));
+            }
+        }
+        if (kinds[n] == StreamKind::Binned)
+            w.halved = std::min(w.halved + 1, kHalvingsToZero);
         lib->OpenFilter(filter);
         lib->SetFlipMode(static_cast<qvapi::FlipMode>(a.flip));
         const std::vector<uint8_t> bytes = ReadFile(a.captures[n], 2 * s.words);
