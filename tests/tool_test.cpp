@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
+#include "output_files.h"
 
 namespace fs = std::filesystem;
 
@@ -332,6 +333,27 @@ TEST_F(Tool, JobsWriteTheSerialRunsFilesOnMixedBinnedAndFullCaptures)
             EXPECT_TRUE(Contents(f.path()) == Contents(fs::path(out) / f.path().filename()))
                 << "--jobs " << jobs << ": " << f.path().filename();
     }
+}
+
+// One naming rule with Python's batch (os.path.splitext on the file name): the last
+// extension goes, and leading dots never start one.
+TEST_F(Tool, OutputNamesKeepLeadingDots)
+{
+    const std::pair<const char*, const char*> stems[] = {
+        {"x.raw", "x"},       {"dir/a.b.raw", "a.b"}, {".raw", ".raw"}, {"..raw", "..raw"}, {"...", "..."},
+        {"..a.raw", "..a"},   {"x", "x"},             {"x.", "x"},       {"d.d/x", "x"},     {"/a/.x.y", ".x"},
+    };
+    for (const auto& [path, stem] : stems)
+        EXPECT_EQ(qvrecon::OutputStem(path), stem) << path;
+
+    ASSERT_EQ(Qvrecon("simulate --stream single --out " + P("cap")).code, 0);
+    fs::copy_file(P("cap/capture.raw"), P("..raw"));
+    fs::copy_file(P("cap/capture.raw"), P(".raw"));
+    const Outcome run = Qvrecon("depth " + P("..raw") + " " + P(".raw") + " --outputs depth ply --out " + P("out"));
+    ASSERT_EQ(run.code, 0) << run.err;
+    for (const char* name : {"..raw_depth.png", "..raw.ply", ".raw_depth.png", ".raw.ply"})
+        EXPECT_TRUE(fs::exists(P("out") + "/" + name)) << name;
+    EXPECT_EQ(Files(P("out")), 4u);
 }
 
 }  // namespace

@@ -127,6 +127,15 @@ void InstallCleanupHandlers()
     signal(SIGXFSZ, SIG_IGN);
 }
 
+std::string OutputStem(const std::string& capturePath)
+{
+    const std::string name = fs::path(capturePath).filename().string();
+    const size_t dot = name.rfind('.');
+    if (dot == std::string::npos || name.find_first_not_of('.') >= dot)
+        return name;
+    return name.substr(0, dot);
+}
+
 uint64_t RegularFileSize(const std::string& path)
 {
     struct stat st {};

@@ -26,6 +26,11 @@ struct ToolError : std::runtime_error {
 // becomes a write error with a message. Call once, at the start of main.
 void InstallCleanupHandlers();
 
+// The name a capture's outputs start with: its file name without the last extension,
+// where leading dots never start one (x.raw -> x, a.b.raw -> a.b, .raw -> .raw,
+// ..raw -> ..raw), as Python's os.path.splitext does on the file name.
+std::string OutputStem(const std::string& capturePath);
+
 // The size of a regular file; a missing file, a folder, a FIFO or a device is a ToolError.
 uint64_t RegularFileSize(const std::string& path);
 

@@ -179,18 +179,18 @@ private:
     bool tty_;
 };
 
-// The name each capture's outputs start with: its file name without the extension,
-// made unique within the batch (x, x-2, x-3... in the order given), so that captures
-// of the same name from different folders never overwrite each other's outputs.
+// The name each capture's outputs start with (OutputStem), made unique within the
+// batch (x, x-2, x-3... in the order given), so that captures of the same name from
+// different folders never overwrite each other's outputs.
 std::vector<std::string> OutputStems(const std::vector<std::string>& captures)
 {
     std::map<std::string, int> count;
     for (const std::string& path : captures)
-        ++count[fs::path(path).stem().string()];
+        ++count[OutputStem(path)];
     std::set<std::string> taken;
     std::vector<std::string> stems;
     for (const std::string& path : captures) {
-        const std::string stem = fs::path(path).stem().string();
+        const std::string stem = OutputStem(path);
         // A new name never takes another capture's own stem.
         std::string name = stem;
         for (int k = 2; taken.count(name) || (name != stem && count.count(name)); ++k)
