@@ -356,4 +356,118 @@ TEST_F(Tool, OutputNamesKeepLeadingDots)
     EXPECT_EQ(Files(P("out")), 4u);
 }
 
+// info --format open3d|ros writes its files together: a lens it cannot describe, or
+// a file it cannot put in place, leaves none of them.
+TEST_F(Tool, InfoWritesAllItsFilesOrNone)
+{
+    ASSERT_EQ(Qvrecon("simulate --out " + P("cap")).code, 0);
+    // The binned record's depth lens (the first fx of the file) without a focal length.
+    std::string yaml = Contents(P("cap/calibration.yaml"));
+    const size_t fx = yaml.find("fx: ");
+    ASSERT_NE(fx, std::string::npos);
+    yaml.replace(fx, yaml.find('\n', fx) - fx, "fx: 0");
+    std::ofstream(P("nofx.yaml")) << yaml;
+    for (const char* format : {"open3d", "ros"}) {
+        const std::string out = P(std::string("nofx_") + format);
+        const Outcome run = Qvrecon(std::string("info --format ") + format + " --calib " + P("nofx.yaml") + " --out " + out);
+        EXPECT_EQ(run.code, 1);
+        EXPECT_NE(run.err.find("the depth_single lens has no usable pinhole"), std::string::npos) << run.err;
+        EXPECT_EQ(Files(out), 0u) << format;
+    }
+    // The third file cannot be renamed into place (a folder has its name): the two
+    // already in place go again.
+    fs::create_directories(P("blocked/depth_single.json"));
+    const Outcome blocked = Qvrecon("info --format open3d --out " + P("blocked"));
+    EXPECT_EQ(blocked.code, 1);
+    EXPECT_NE(blocked.err.find("depth_single.json: cannot write"), std::string::npos) << blocked.err;
+    EXPECT_EQ(Files(P("blocked")), 1u);
+    ASSERT_EQ(Qvrecon("info --format open3d --out " + P("whole")).code, 0);
+    EXPECT_EQ(Files(P("whole")), 4u);
+}
+
+TEST_F(Tool, OutputsHonourTheUmask)
+{
+    ASSERT_EQ(Qvrecon("simulate --out " + P("cap")).code, 0);
+    for (const int mask : {0027, 0002, 0077}) {
+        char setup[32];
+        std::snprintf(setup, sizeof setup, "umask %03o; ", mask);
+        const std::string out = P("out" + std::to_string(mask));
+        for (const std::string& args : {"simulate --stream binned --out " + out + "/sim",
+                                        "depth " + P("cap/capture.raw") + " " + P("cap/capture.raw") +
+                                            " --jobs 2 --out " + out + "/depth",
+                                        "info --format ros --out " + out + "/info"}) {
+            const Outcome run = Qvrecon(args, setup);
+            ASSERT_EQ(run.code, 0) << run.err;
+        }
+        size_t files = 0;
+        for (const auto& f : fs::recursive_directory_iterator(out)) {
+            if (!f.is_regular_file())
+                continue;
+            struct stat st {};
+            ASSERT_EQ(stat(f.path().c_str(), &st), 0);
+            EXPECT_EQ(st.st_mode & 0777, 0666u & ~static_cast<unsigned>(mask)) << f.path();
+            ++files;
+        }
+        EXPECT_GE(files, 13u);
+    }
+}
+
+// Processes whose command line mentions `text` (the tool and any worker it forked).
+std::vector<pid_t> ProcessesMentioning(const std::string& text)
+{
+    std::vector<pid_t> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::ifstream in(entry.path() / "cmdline", std::ios::binary);
+        const std::string cmdline((std::istreambuf_iterator<char>(in)), {});
+        if (cmdline.find(text) != std::string::npos)
+            found.push_back(static_cast<pid_t>(std::stoi(name)));
+    }
+    return found;
+}
+
+// SIGTERM, SIGINT or SIGHUP to `depth --jobs 2` reaches its workers: once the tool has
+// ended, none of them runs on, and what is left are whole outputs only.
+TEST_F(Tool, SignalsStopTheWorkersAndLeaveOnlyWholeFiles)
+{
+    ASSERT_EQ(Qvrecon("simulate --out " + P("cap")).code, 0);
+    ASSERT_EQ(Qvrecon("depth " + P("cap/capture.raw") + " --out " + P("reference")).code, 0);
+    std::string batch;
+    for (int k = 0; k < 80; ++k)
+        batch += " " + P("cap/capture.raw");
+    for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
+        const std::string folder = P("stopped_" + std::to_string(sig));
+        const pid_t tool = fork();
+        ASSERT_GE(tool, 0);
+        if (tool == 0) {
+            const std::string run = "exec " + Binary() + " depth" + batch + " --jobs 2 --out " + folder + " 2>/dev/null";
+            execl("/bin/sh", "sh", "-c", run.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        // Once the first file (or temporary) appears, the workers are writing.
+        int status = 0;
+        bool ended = false;
+        while (Files(folder) == 0 && !ended)
+            ended = waitpid(tool, &status, WNOHANG) == tool || (usleep(1000), false);
+        ASSERT_FALSE(ended) << "the tool ended before writing";
+        kill(tool, sig);
+        ASSERT_EQ(waitpid(tool, &status, 0), tool);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
+        EXPECT_TRUE(ProcessesMentioning(folder).empty()) << "a worker outlived the tool (signal " << sig << ")";
+        size_t whole = 0;
+        for (const auto& f : fs::directory_iterator(folder)) {
+            const std::string name = f.path().filename().string();
+            ASSERT_EQ(name.find(".tmp-"), std::string::npos) << name;
+            // capture-N_depth.png holds what capture_depth.png holds.
+            const size_t end = name.find_first_of("_.", name.find("capture") + 7);
+            const std::string reference = "capture" + name.substr(end);
+            EXPECT_TRUE(Contents(f.path()) == Contents(P("reference/" + reference))) << name;
+            ++whole;
+        }
+        EXPECT_LT(whole, 4u * 80) << "the run was not stopped";
+    }
+}
+
 }  // namespace

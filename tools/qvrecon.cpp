@@ -225,7 +225,8 @@ struct CaptureTally {
 // instance per process), worker k taking captures k, k + jobs, ...: `convert(n)` runs
 // in a worker, `finished(n, tally)` in this process as each capture completes. A
 // worker that fails prints its one line and the others are stopped (their signal
-// handlers remove any file half written); the result is then false.
+// handlers remove any file half written); the result is then false. A cleanup signal
+// to this process stops the workers too (InstallCleanupHandlers).
 bool RunInWorkers(size_t jobs, size_t count, const std::function<CaptureTally(size_t)>& convert,
                   const std::function<void(size_t, const CaptureTally&)>& finished)
 {
@@ -245,14 +246,14 @@ bool RunInWorkers(size_t jobs, size_t count, const std::function<CaptureTally(si
             kill(w, SIGTERM);
     };
     for (size_t k = 0; k < jobs; ++k) {
-        const pid_t pid = fork();
+        const pid_t pid = ForkWorker();
         if (pid < 0) {
             const int error = errno;
             stopAll();
             close(fds[0]);
             close(fds[1]);
             for (pid_t w : workers)
-                waitpid(w, nullptr, 0);
+                ReapWorker(w);
             throw ToolError(std::string("cannot start workers (") + std::strerror(error) + ")");
         }
         if (pid == 0) {
@@ -296,10 +297,8 @@ bool RunInWorkers(size_t jobs, size_t count, const std::function<CaptureTally(si
     }
     close(fds[0]);
     for (pid_t w : workers) {
-        int status = 0;
-        while (waitpid(w, &status, 0) < 0 && errno == EINTR) {
-        }
-        failed = failed || !WIFEXITED(status) || WEXITSTATUS(status) != 0;
+        const int status = ReapWorker(w);
+        failed = failed || status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0;
     }
     return !failed;
 }
@@ -568,16 +567,19 @@ int WriteIntrinsics(const ModuleCalibration& cal, const Common& c, const std::st
     } else {
         std::fprintf(stderr, "qvrecon: the calibration has no colour lens; no colour camera file\n");
     }
-    EnsureFolder(c.out);
+    // The files describe one calibration together: all are written, or none.
+    std::vector<std::pair<std::string, std::string>> files;
     for (const auto& [name, lens] : cameras) {
         if (lens.width <= 0 || lens.height <= 0 || !(lens.fx > 0.0f) || !(lens.fy > 0.0f))
             throw ToolError("the " + name + " lens has no usable pinhole (" + std::to_string(lens.width) + "x" +
                             std::to_string(lens.height) + ", fx " + Num(lens.fx) + ", fy " + Num(lens.fy) + ")");
-        const std::string text = open3d ? Open3dIntrinsic(lens) : RosCameraInfo(name, lens);
-        const std::string path = In(c.out, name + (open3d ? ".json" : ".yaml"));
-        WriteBytes(path, text.data(), text.size());
-        std::printf("%s\n", path.c_str());
+        files.emplace_back(In(c.out, name + (open3d ? ".json" : ".yaml")),
+                           open3d ? Open3dIntrinsic(lens) : RosCameraInfo(name, lens));
     }
+    EnsureFolder(c.out);
+    WriteFiles(files);
+    for (const auto& file : files)
+        std::printf("%s\n", file.first.c_str());
     return 0;
 }
 
