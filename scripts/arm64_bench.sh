@@ -10,12 +10,13 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 counter=${ARM64_INSNS:-$(realpath -m ../shared/tools/arm64-insns/arm64-insns)}
 [ -x "$counter" ] || { echo "arm64_bench: no instruction counter at $counter (set ARM64_INSNS)" >&2; exit 2; }
+bash scripts/arm64_tools.sh
 sysroot=$(bash scripts/arm64_sysroot.sh)
 build=${BUILD_DIR:-build}-arm64
-if [ ! -f "$build/CMakeCache.txt" ]; then
-  cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DQV_ARM64_SYSROOT="$sysroot" \
-    -DCMAKE_BUILD_TYPE=Release -DQV_BUILD_BENCHMARKS=OFF >/dev/null
-fi
+# Configured every time (quick once configured): a configure that failed earlier, say
+# before the cross compiler was there, leaves a cache behind that cannot build.
+cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DQV_ARM64_SYSROOT="$sysroot" \
+  -DCMAKE_BUILD_TYPE=Release -DQV_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" --target qv_frame_ops >/dev/null
 libs="$sysroot/usr/lib/aarch64-linux-gnu"
 env_path="LD_LIBRARY_PATH=$PWD/$build/lib:$libs/blas:$libs/lapack"

@@ -4,14 +4,7 @@
 # untouched), then ctest with every test run under qemu-user.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-need=()
-command -v aarch64-linux-gnu-g++ >/dev/null || need+=(g++-aarch64-linux-gnu)
-command -v qemu-aarch64 >/dev/null || need+=(qemu-user)
-if [ ${#need[@]} -gt 0 ]; then
-  sudo=""; [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
-fi
+bash scripts/arm64_tools.sh
 sysroot=$(bash scripts/arm64_sysroot.sh)
 build=${BUILD_DIR:-build}-arm64
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DQV_ARM64_SYSROOT="$sysroot" \

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
+#include "output_files.h"
 
 namespace fs = std::filesystem;
 
@@ -54,6 +55,11 @@ protected:
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text.str()};
     }
     std::string P(const std::string& name) const { return (dir_ / name).string(); }
+    static std::string Contents(const fs::path& path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        return std::string((std::istreambuf_iterator<char>(in)), {});
+    }
     static size_t Files(const fs::path& folder)
     {
         if (!fs::exists(folder))
@@ -302,6 +308,166 @@ TEST_F(Tool, RegisterInfoAndDemo)
     const Outcome demo = Qvrecon("demo --out " + P("demo"));
     ASSERT_EQ(demo.code, 0) << demo.err;
     EXPECT_GE(Files(dir_ / "demo"), 11u);
+}
+
+// Each binned capture halves the library's amplitude threshold until the stream's next
+// Init, so a binned capture's outputs depend on the binned captures right before it.
+// Workers that each see only some captures must still write the serial run's files.
+TEST_F(Tool, JobsWriteTheSerialRunsFilesOnMixedBinnedAndFullCaptures)
+{
+    ASSERT_EQ(Qvrecon("simulate --stream dual --out " + P("full")).code, 0);
+    // Noise and a dark patch give pixels whose amplitude lies between the thresholds.
+    ASSERT_EQ(Qvrecon("simulate --stream binned --noise 3 --dark --out " + P("binned")).code, 0);
+    const std::string b = " " + P("binned/capture.raw"), d = " " + P("full/capture.raw");
+    const std::string batch = b + d + b + b + b + b + d + b + b;
+    const Outcome serial = Qvrecon("depth" + batch + " --out " + P("serial"));
+    ASSERT_EQ(serial.code, 0) << serial.err;
+    // The threshold matters here: the second binned capture in a row differs from the first.
+    EXPECT_NE(Contents(P("serial/capture-3_depth.png")), Contents(P("serial/capture-4_depth.png")));
+    for (int jobs : {2, 3}) {
+        const std::string out = P("jobs" + std::to_string(jobs));
+        const Outcome run = Qvrecon("depth" + batch + " --jobs " + std::to_string(jobs) + " --out " + out);
+        ASSERT_EQ(run.code, 0) << run.err;
+        EXPECT_EQ(Files(out), Files(P("serial")));
+        for (const auto& f : fs::directory_iterator(P("serial")))
+            EXPECT_TRUE(Contents(f.path()) == Contents(fs::path(out) / f.path().filename()))
+                << "--jobs " << jobs << ": " << f.path().filename();
+    }
+}
+
+// One naming rule with Python's batch (os.path.splitext on the file name): the last
+// extension goes, and leading dots never start one.
+TEST_F(Tool, OutputNamesKeepLeadingDots)
+{
+    const std::pair<const char*, const char*> stems[] = {
+        {"x.raw", "x"},       {"dir/a.b.raw", "a.b"}, {".raw", ".raw"}, {"..raw", "..raw"}, {"...", "..."},
+        {"..a.raw", "..a"},   {"x", "x"},             {"x.", "x"},       {"d.d/x", "x"},     {"/a/.x.y", ".x"},
+    };
+    for (const auto& [path, stem] : stems)
+        EXPECT_EQ(qvrecon::OutputStem(path), stem) << path;
+
+    ASSERT_EQ(Qvrecon("simulate --stream single --out " + P("cap")).code, 0);
+    fs::copy_file(P("cap/capture.raw"), P("..raw"));
+    fs::copy_file(P("cap/capture.raw"), P(".raw"));
+    const Outcome run = Qvrecon("depth " + P("..raw") + " " + P(".raw") + " --outputs depth ply --out " + P("out"));
+    ASSERT_EQ(run.code, 0) << run.err;
+    for (const char* name : {"..raw_depth.png", "..raw.ply", ".raw_depth.png", ".raw.ply"})
+        EXPECT_TRUE(fs::exists(P("out") + "/" + name)) << name;
+    EXPECT_EQ(Files(P("out")), 4u);
+}
+
+// info --format open3d|ros writes its files together: a lens it cannot describe, or
+// a file it cannot put in place, leaves none of them.
+TEST_F(Tool, InfoWritesAllItsFilesOrNone)
+{
+    ASSERT_EQ(Qvrecon("simulate --out " + P("cap")).code, 0);
+    // The binned record's depth lens (the first fx of the file) without a focal length.
+    std::string yaml = Contents(P("cap/calibration.yaml"));
+    const size_t fx = yaml.find("fx: ");
+    ASSERT_NE(fx, std::string::npos);
+    yaml.replace(fx, yaml.find('\n', fx) - fx, "fx: 0");
+    std::ofstream(P("nofx.yaml")) << yaml;
+    for (const char* format : {"open3d", "ros"}) {
+        const std::string out = P(std::string("nofx_") + format);
+        const Outcome run = Qvrecon(std::string("info --format ") + format + " --calib " + P("nofx.yaml") + " --out " + out);
+        EXPECT_EQ(run.code, 1);
+        EXPECT_NE(run.err.find("the depth_single lens has no usable pinhole"), std::string::npos) << run.err;
+        EXPECT_EQ(Files(out), 0u) << format;
+    }
+    // The third file cannot be renamed into place (a folder has its name): the two
+    // already in place go again.
+    fs::create_directories(P("blocked/depth_single.json"));
+    const Outcome blocked = Qvrecon("info --format open3d --out " + P("blocked"));
+    EXPECT_EQ(blocked.code, 1);
+    EXPECT_NE(blocked.err.find("depth_single.json: cannot write"), std::string::npos) << blocked.err;
+    EXPECT_EQ(Files(P("blocked")), 1u);
+    ASSERT_EQ(Qvrecon("info --format open3d --out " + P("whole")).code, 0);
+    EXPECT_EQ(Files(P("whole")), 4u);
+}
+
+TEST_F(Tool, OutputsHonourTheUmask)
+{
+    ASSERT_EQ(Qvrecon("simulate --out " + P("cap")).code, 0);
+    for (const int mask : {0027, 0002, 0077}) {
+        char setup[32];
+        std::snprintf(setup, sizeof setup, "umask %03o; ", mask);
+        const std::string out = P("out" + std::to_string(mask));
+        for (const std::string& args : {"simulate --stream binned --out " + out + "/sim",
+                                        "depth " + P("cap/capture.raw") + " " + P("cap/capture.raw") +
+                                            " --jobs 2 --out " + out + "/depth",
+                                        "info --format ros --out " + out + "/info"}) {
+            const Outcome run = Qvrecon(args, setup);
+            ASSERT_EQ(run.code, 0) << run.err;
+        }
+        size_t files = 0;
+        for (const auto& f : fs::recursive_directory_iterator(out)) {
+            if (!f.is_regular_file())
+                continue;
+            struct stat st {};
+            ASSERT_EQ(stat(f.path().c_str(), &st), 0);
+            EXPECT_EQ(st.st_mode & 0777, 0666u & ~static_cast<unsigned>(mask)) << f.path();
+            ++files;
+        }
+        EXPECT_GE(files, 13u);
+    }
+}
+
+// Processes whose command line mentions `text` (the tool and any worker it forked).
+std::vector<pid_t> ProcessesMentioning(const std::string& text)
+{
+    std::vector<pid_t> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::ifstream in(entry.path() / "cmdline", std::ios::binary);
+        const std::string cmdline((std::istreambuf_iterator<char>(in)), {});
+        if (cmdline.find(text) != std::string::npos)
+            found.push_back(static_cast<pid_t>(std::stoi(name)));
+    }
+    return found;
+}
+
+// SIGTERM, SIGINT or SIGHUP to `depth --jobs 2` reaches its workers: once the tool has
+// ended, none of them runs on, and what is left are whole outputs only.
+TEST_F(Tool, SignalsStopTheWorkersAndLeaveOnlyWholeFiles)
+{
+    ASSERT_EQ(Qvrecon("simulate --out " + P("cap")).code, 0);
+    ASSERT_EQ(Qvrecon("depth " + P("cap/capture.raw") + " --out " + P("reference")).code, 0);
+    std::string batch;
+    for (int k = 0; k < 80; ++k)
+        batch += " " + P("cap/capture.raw");
+    for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
+        const std::string folder = P("stopped_" + std::to_string(sig));
+        const pid_t tool = fork();
+        ASSERT_GE(tool, 0);
+        if (tool == 0) {
+            const std::string run = "exec " + Binary() + " depth" + batch + " --jobs 2 --out " + folder + " 2>/dev/null";
+            execl("/bin/sh", "sh", "-c", run.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        // Once the first file (or temporary) appears, the workers are writing.
+        int status = 0;
+        bool ended = false;
+        while (Files(folder) == 0 && !ended)
+            ended = waitpid(tool, &status, WNOHANG) == tool || (usleep(1000), false);
+        ASSERT_FALSE(ended) << "the tool ended before writing";
+        kill(tool, sig);
+        ASSERT_EQ(waitpid(tool, &status, 0), tool);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
+        EXPECT_TRUE(ProcessesMentioning(folder).empty()) << "a worker outlived the tool (signal " << sig << ")";
+        size_t whole = 0;
+        for (const auto& f : fs::directory_iterator(folder)) {
+            const std::string name = f.path().filename().string();
+            ASSERT_EQ(name.find(".tmp-"), std::string::npos) << name;
+            // capture-N_depth.png holds what capture_depth.png holds.
+            const size_t end = name.find_first_of("_.", name.find("capture") + 7);
+            const std::string reference = "capture" + name.substr(end);
+            EXPECT_TRUE(Contents(f.path()) == Contents(P("reference/" + reference))) << name;
+            ++whole;
+        }
+        EXPECT_LT(whole, 4u * 80) << "the run was not stopped";
+    }
 }
 
 }  // namespace

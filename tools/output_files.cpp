@@ -2,13 +2,16 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -17,24 +20,40 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The temporary file being written, for the signal handler. The tool writes one file
-// at a time; the name is set and cleared with the cleanup signals blocked.
-char g_temporary[4096];
-volatile sig_atomic_t g_hasTemporary = 0;
-mode_t g_fileMode = 0644;
+// What a cleanup signal must undo, for its handler: the files to remove (temporaries
+// being written and, while a set of files is put in place, those of the set already
+// renamed), and the worker processes to stop first. Both change only with the cleanup
+// signals blocked, so the handler never sees half an entry.
+constexpr int kSlots = 16;
+constexpr size_t kMaxPath = 4096;
+char g_removeOnSignal[kSlots][kMaxPath];
+volatile sig_atomic_t g_slotUsed[kSlots];
+constexpr int kMaxWorkers = 256;
+pid_t g_workers[kMaxWorkers];  // 0: a free entry
+volatile sig_atomic_t g_workerCount = 0;
 
 const int kCleanupSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-extern "C" void RemoveTemporaryAndDie(int sig)
+extern "C" void StopAndDie(int sig)
 {
-    if (g_hasTemporary)
-        unlink(g_temporary);
+    // The workers remove their own files when the signal reaches them; waiting for them
+    // means nothing of theirs is written after this process has gone.
+    for (int i = 0; i < g_workerCount; ++i)
+        if (g_workers[i] > 0)
+            kill(g_workers[i], sig);
+    for (int i = 0; i < g_workerCount; ++i)
+        if (g_workers[i] > 0)
+            while (waitpid(g_workers[i], nullptr, 0) < 0 && errno == EINTR) {
+            }
+    for (int i = 0; i < kSlots; ++i)
+        if (g_slotUsed[i])
+            unlink(g_removeOnSignal[i]);
+    // Blocked while this handler runs; delivered, with its default action, on return.
     signal(sig, SIG_DFL);
     raise(sig);
 }
 
-// Blocks the cleanup signals while alive, so that the temporary name and its flag
-// change together.
+// Blocks the cleanup signals while alive.
 class SignalsBlocked {
 public:
     SignalsBlocked()
@@ -53,7 +72,19 @@ private:
 
 std::string Reason(int error) { return std::strerror(error); }
 
-// The temporary file of one write: created exclusively, removed unless committed.
+// 0666 less the umask, as open() would create a file (mkostemp makes 0600).
+mode_t FileMode()
+{
+    static const mode_t mode = [] {
+        const mode_t mask = umask(0);
+        umask(mask);
+        return static_cast<mode_t>(0666 & ~mask);
+    }();
+    return mode;
+}
+
+// The temporary file of one output: created exclusively, and removed, or once renamed
+// the output itself, unless Keep() is called.
 class Temporary {
 public:
     explicit Temporary(const std::string& path) : path_(path)
@@ -61,25 +92,32 @@ public:
         const fs::path target(path);
         const std::string name =
             (target.parent_path() / ("." + target.filename().string() + ".tmp-XXXXXX")).string();
-        if (name.size() >= sizeof g_temporary)
+        if (name.size() >= kMaxPath)
             throw ToolError(path + ": the path is too long");
         SignalsBlocked blocked;
-        std::memcpy(g_temporary, name.c_str(), name.size() + 1);
+        while (slot_ < kSlots && g_slotUsed[slot_])
+            ++slot_;
+        if (slot_ == kSlots)
+            throw ToolError(path + ": too many files written at once");
+        char* buffer = g_removeOnSignal[slot_];
+        std::memcpy(buffer, name.c_str(), name.size() + 1);
         // O_EXCL with a random name: never an existing file, never through a link.
-        fd_ = mkostemp(g_temporary, O_CLOEXEC);
+        fd_ = mkostemp(buffer, O_CLOEXEC);
         if (fd_ < 0)
             throw ToolError(path + ": cannot write (" + Reason(errno) + ")");
-        g_hasTemporary = 1;
-        fchmod(fd_, g_fileMode);
+        g_slotUsed[slot_] = 1;
+        fchmod(fd_, FileMode());
     }
+    Temporary(const Temporary&) = delete;
+    Temporary& operator=(const Temporary&) = delete;
     ~Temporary()
     {
         if (fd_ >= 0)
             close(fd_);
-        if (g_hasTemporary) {
+        if (slot_ < kSlots && g_slotUsed[slot_]) {
             SignalsBlocked blocked;
-            unlink(g_temporary);
-            g_hasTemporary = 0;
+            unlink(g_removeOnSignal[slot_]);
+            g_slotUsed[slot_] = 0;
         }
     }
     void Write(const void* data, size_t size)
@@ -95,20 +133,31 @@ public:
             size -= static_cast<size_t>(n);
         }
     }
-    void Commit()
+    void Close()
     {
         const int fd = fd_;
         fd_ = -1;
         if (close(fd) != 0)
             throw ToolError(path_ + ": cannot write (" + Reason(errno) + ")");
+    }
+    // Puts the file in place. Until Keep(), an error or a signal removes it there.
+    void Rename()
+    {
         SignalsBlocked blocked;
-        if (rename(g_temporary, path_.c_str()) != 0)
+        if (rename(g_removeOnSignal[slot_], path_.c_str()) != 0)
             throw ToolError(path_ + ": cannot write (" + Reason(errno) + ")");
-        g_hasTemporary = 0;
+        // Shorter than the temporary's name, so it fits.
+        std::memcpy(g_removeOnSignal[slot_], path_.c_str(), path_.size() + 1);
+    }
+    void Keep()
+    {
+        SignalsBlocked blocked;
+        g_slotUsed[slot_] = 0;
     }
 
 private:
     std::string path_;
+    int slot_ = 0;
     int fd_ = -1;
 };
 
@@ -116,15 +165,73 @@ private:
 
 void InstallCleanupHandlers()
 {
-    const mode_t mask = umask(0);
-    umask(mask);
-    g_fileMode = 0666 & ~mask;
+    FileMode();
     struct sigaction action {};
-    action.sa_handler = RemoveTemporaryAndDie;
+    action.sa_handler = StopAndDie;
+    // One handler at a time: a second signal waits until the first has done its work.
     sigemptyset(&action.sa_mask);
+    for (int sig : kCleanupSignals)
+        sigaddset(&action.sa_mask, sig);
     for (int sig : kCleanupSignals)
         sigaction(sig, &action, nullptr);
     signal(SIGXFSZ, SIG_IGN);
+}
+
+pid_t ForkWorker()
+{
+    const pid_t parent = getpid();
+    SignalsBlocked blocked;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        // The parent's workers and files are not this process's to stop or remove.
+        g_workerCount = 0;
+        for (int i = 0; i < kSlots; ++i)
+            g_slotUsed[i] = 0;
+        // A parent ended by SIGKILL cannot pass a signal on: the kernel sends one.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent)
+            raise(SIGTERM);  // the parent died before the line above; delivered on unblocking
+    } else if (pid > 0) {
+        int i = 0;
+        while (i < g_workerCount && g_workers[i] != 0)
+            ++i;
+        if (i == kMaxWorkers) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+            errno = EAGAIN;
+            return -1;
+        }
+        g_workers[i] = pid;
+        if (i == g_workerCount)
+            g_workerCount = i + 1;
+    }
+    return pid;
+}
+
+int ReapWorker(pid_t worker)
+{
+    // Wait without reaping, so that the pid cannot be reused while the handler may
+    // still signal it; then reap and forget it together.
+    siginfo_t info{};
+    while (waitid(P_PID, static_cast<id_t>(worker), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+    }
+    SignalsBlocked blocked;
+    int status = 0;
+    if (waitpid(worker, &status, 0) != worker)
+        status = -1;
+    for (int i = 0; i < g_workerCount; ++i)
+        if (g_workers[i] == worker)
+            g_workers[i] = 0;
+    return status;
+}
+
+std::string OutputStem(const std::string& capturePath)
+{
+    const std::string name = fs::path(capturePath).filename().string();
+    const size_t dot = name.rfind('.');
+    if (dot == std::string::npos || name.find_first_not_of('.') >= dot)
+        return name;
+    return name.substr(0, dot);
 }
 
 uint64_t RegularFileSize(const std::string& path)
@@ -186,7 +293,23 @@ void WriteBytes(const std::string& path, const void* data, size_t size)
 {
     Temporary temporary(path);
     temporary.Write(data, size);
-    temporary.Commit();
+    temporary.Close();
+    temporary.Rename();
+    temporary.Keep();
+}
+
+void WriteFiles(const std::vector<std::pair<std::string, std::string>>& files)
+{
+    std::vector<std::unique_ptr<Temporary>> temporaries;
+    for (const auto& [path, content] : files) {
+        temporaries.push_back(std::make_unique<Temporary>(path));
+        temporaries.back()->Write(content.data(), content.size());
+        temporaries.back()->Close();
+    }
+    for (auto& t : temporaries)
+        t->Rename();
+    for (auto& t : temporaries)
+        t->Keep();
 }
 
 void WritePng(const std::string& path, const cv::Mat& image)
