@@ -315,8 +315,8 @@ TEST_F(Tool, RegisterInfoAndDemo)
 // Workers that each see only some captures must still write the serial run's files.
 TEST_F(Tool, JobsWriteTheSerialRunsFilesOnMixedBinnedAndFullCaptures)
 {
-    ASSERT_EQ(Qvrecon("simulate --stream dual --out " + P("full")).code, 0);
     // Noise and a dark patch give pixels whose amplitude lies between the thresholds.
+    ASSERT_EQ(Qvrecon("simulate --stream dual --noise 3 --dark --out " + P("full")).code, 0);
     ASSERT_EQ(Qvrecon("simulate --stream binned --noise 3 --dark --out " + P("binned")).code, 0);
     const std::string b = " " + P("binned/capture.raw"), d = " " + P("full/capture.raw");
     const std::string batch = b + d + b + b + b + b + d + b + b;
@@ -324,6 +324,10 @@ TEST_F(Tool, JobsWriteTheSerialRunsFilesOnMixedBinnedAndFullCaptures)
     ASSERT_EQ(serial.code, 0) << serial.err;
     // The threshold matters here: the second binned capture in a row differs from the first.
     EXPECT_NE(Contents(P("serial/capture-3_depth.png")), Contents(P("serial/capture-4_depth.png")));
+    // Binned and full captures share the full stream's Init, as in a live session: the
+    // full capture after five binned ones meets a threshold halved to 0, the one after a
+    // single binned capture a threshold of 2.
+    EXPECT_NE(Contents(P("serial/capture-2_depth.png")), Contents(P("serial/capture-7_depth.png")));
     for (int jobs : {2, 3}) {
         const std::string out = P("jobs" + std::to_string(jobs));
         const Outcome run = Qvrecon("depth" + batch + " --jobs " + std::to_string(jobs) + " --out " + out);

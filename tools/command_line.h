@@ -6,6 +6,8 @@
 #include <functional>
 #include <string>
 
+#include "simulator.h"
+
 #include <CLI/CLI.hpp>
 
 #include "calibration_file.h"
@@ -14,6 +16,8 @@ namespace qvrecon {
 
 // A floating-point option inside [lo, hi]; NaN and infinities are refused.
 CLI::Validator Within(double lo, double hi);
+// The simulator's ranges (sim/simulator.h), the same as Python's.
+inline CLI::Validator Within(const qvsim::ValueRange& r) { return Within(r.lo, r.hi); }
 
 struct Common {
     std::string out;

@@ -94,14 +94,21 @@ std::vector<std::string> OutputStems(const std::vector<std::string>& captures)
 constexpr int kHalvingsToZero = 3;
 
 // For each capture, how many times the serial run has halved the amplitude threshold
-// before converting it: the binned captures right before a binned one, up to
-// kHalvingsToZero (the stream's Init restores the threshold; other streams never halve it).
+// before converting it: the binned captures before it since the stream last changed,
+// up to kHalvingsToZero. Binned and full captures are frames of one stream and share
+// one Init, as in a live session; a change between the single-frequency and the full
+// stream is a new Init, which restores the threshold.
 std::vector<int> ThresholdHalvings(const std::vector<StreamKind>& kinds)
 {
     std::vector<int> halvings(kinds.size(), 0);
-    for (size_t n = 1; n < kinds.size(); ++n)
-        if (kinds[n] == StreamKind::Binned && kinds[n - 1] == StreamKind::Binned)
-            halvings[n] = std::min(halvings[n - 1] + 1, kHalvingsToZero);
+    int binned = 0;
+    for (size_t n = 0; n < kinds.size(); ++n) {
+        if (n > 0 && Info(kinds[n]).type != Info(kinds[n - 1]).type)
+            binned = 0;
+        halvings[n] = binned;
+        if (kinds[n] == StreamKind::Binned)
+            binned = std::min(binned + 1, kHalvingsToZero);
+    }
     return halvings;
 }
 
@@ -244,13 +251,12 @@ int RunDepth(const DepthArgs& a)
 
     // Every capture is converted as the serial run in the order given converts it, so
     // that any --jobs writes the same files. The serial run sets the instance up (Init)
-    // for the first capture and again whenever the stream changes; each binned capture
-    // halves the library's amplitude threshold until the next Init. So a binned capture
-    // sees the threshold halved once for each binned capture right before it (since the
-    // last capture of another stream), and the others see a fresh one.
+    // for the first capture and again whenever the stream changes (single-frequency or
+    // full; binned captures are frames of the full stream); each binned capture halves
+    // the library's amplitude threshold until the next Init, for every later capture.
     const std::vector<int> halvings = ThresholdHalvings(kinds);
     struct Worker {
-        std::optional<StreamKind> configured;
+        std::optional<qvapi::StreamType> configured;
         int halved = 0;  // binned frames since Init, up to kHalvingsToZero
         qvapi::Reconstruction* lib = nullptr;
     };
@@ -258,17 +264,18 @@ int RunDepth(const DepthArgs& a)
         const StreamInfo& s = Info(kinds[n]);
         // A worker that skipped captures of the serial run catches up: Init, then as
         // many binned frames (of zeros: only their number counts) as the serial run had.
-        if (w.configured != kinds[n] || w.halved > halvings[n]) {
+        if (w.configured != s.type || w.halved > halvings[n]) {
             w.lib = &Configure(cal, static_cast<qvapi::DeviceType>(a.common.device), kinds[n]);
-            w.configured = kinds[n];
+            w.configured = s.type;
             w.halved = 0;
         }
         qvapi::Reconstruction* lib = w.lib;
         if (w.halved < halvings[n]) {
-            const std::vector<uint16_t> zeros(s.words, 0);
+            const StreamInfo& b = Info(StreamKind::Binned);
+            const std::vector<uint16_t> zeros(b.words, 0);
             for (; w.halved < halvings[n]; ++w.halved) {
                 uint16_t* skipped = nullptr;
-                const int32_t status = lib->CalculateDepth(zeros.data(), &skipped, s.width, s.height);
+                const int32_t status = lib->CalculateDepth(zeros.data(), &skipped, b.width, b.height);
                 delete[] skipped;
                 if (status != qvapi::STATUS_OK)
                     throw ToolError(a.captures[n] + ": " + StatusText(status));

@@ -78,12 +78,12 @@ Command AddSimulateCommand(CLI::App& app)
     CLI::App* cmd = app.add_subcommand("simulate", "Write a simulated capture of a built-in scene");
     AddCommon(cmd, a->common, "capture");
     cmd->add_option("--scene", a->scene, "wall, plane, boxes or sphere")->default_val("boxes");
-    cmd->add_option("--distance", a->distance, "Scene distance, mm")->default_val(2000)->check(Within(1, 65535));
-    cmd->add_option("--tilt", a->tilt, "Tilt of the plane scene, degrees")->default_val(35)->check(Within(-80, 80));
+    cmd->add_option("--distance", a->distance, "Scene distance, mm")->default_val(2000)->check(Within(qvsim::kDistanceRangeMm));
+    cmd->add_option("--tilt", a->tilt, "Tilt of the plane scene, degrees")->default_val(35)->check(Within(qvsim::kTiltRangeDeg));
     cmd->add_option("--stream", a->stream, "single, dual or binned")->default_val("dual");
-    cmd->add_option("--flip", a->flip, "Flip mode 0-3")->default_val(0)->check(CLI::Range(0, 3));
-    cmd->add_option("--temperature", a->temperature, "Sensor temperature, degrees C")->default_val(25)->check(Within(-40, 125));
-    cmd->add_option("--noise", a->noise, "Noise per sample, sample units")->default_val(0)->check(Within(0, 1000));
+    cmd->add_option("--flip", a->flip, "Flip mode 0-3")->default_val(0)->check(CLI::Range(int(qvsim::kFlipRange.lo), int(qvsim::kFlipRange.hi)));
+    cmd->add_option("--temperature", a->temperature, "Sensor temperature, degrees C")->default_val(25)->check(Within(qvsim::kTemperatureRangeC));
+    cmd->add_option("--noise", a->noise, "Noise per sample, sample units")->default_val(0)->check(Within(qvsim::kNoiseRange));
     cmd->add_option("--seed", a->seed, "Noise seed")->default_val(1);
     cmd->add_flag("--bright", a->bright, "Add a patch that saturates the sensor");
     cmd->add_flag("--dark", a->dark, "Add a patch that returns no light");
