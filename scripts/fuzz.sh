@@ -14,11 +14,15 @@ seconds=${FUZZ_SECONDS:-60}
 CXX=clang++ CC=clang cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS="-O1 -g" \
   -DQV_SANITIZE="address,undefined" -DQV_BUILD_FUZZERS=ON -DQV_BUILD_TESTS=OFF \
   -DQV_BUILD_BENCHMARKS=OFF -DQV_BUILD_TOOLS=OFF
-cmake --build "$build" -j "$(nproc)" --target fuzz_frames fuzz_toolkit fuzz_calibration_file fuzz_make_seeds
+cmake --build "$build" -j "$(nproc)" --target fuzz_frames fuzz_toolkit fuzz_calibration_file fuzz_make_seeds \
+  fuzz_recording fuzz_make_recording_seeds
 corpus="$build/corpus"
-mkdir -p "$corpus/frames" "$corpus/calibration" "$corpus/toolkit" "$build/findings"
+mkdir -p "$corpus/frames" "$corpus/calibration" "$corpus/toolkit" "$corpus/recording" "$build/findings"
 "$build/fuzz/fuzz_make_seeds" "$corpus"
-for target in frames toolkit calibration; do
+"$build/fuzz/fuzz_make_recording_seeds" "$corpus/recording"
+# Earlier findings stay in the corpus (tests/data/recording, replayed by recording_regressions_test).
+cp tests/data/recording/*.mcap "$corpus/recording/" 2>/dev/null || true
+for target in frames toolkit calibration recording; do
   name=fuzz_$target
   [ "$target" = calibration ] && name=fuzz_calibration_file
   echo "== $name for ${seconds} s"

@@ -13,13 +13,14 @@ trap 'rm -rf "$work"' EXIT
 "$cmake_bin" --build "$work/consumer" > "$work/build.log"
 sample=$(find "$work/prefix" -path '*/share/qvreconstruction/sample_calibration.yaml' | head -n1)
 [ -n "$sample" ] || { echo "the sample calibration is not installed" >&2; exit 1; }
-"$work/consumer/consumer" "$sample"
+cp "$sample" "$work/sample.yaml"
+"$work/consumer/consumer" "$work/sample.yaml"
 
 pc_dir=$(dirname "$(find "$work/prefix" -name qvreconstruction.pc | head -n1)")
-flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs qvreconstruction-calibration)
+flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs qvreconstruction-calibration qvreconstruction-recording)
 libdir=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --variable=libdir qvreconstruction)
 c++ -std=c++17 "$consumer_src/main.cpp" $flags -o "$work/consumer_pc"
-LD_LIBRARY_PATH="$libdir" "$work/consumer_pc" "$sample"
+LD_LIBRARY_PATH="$libdir" "$work/consumer_pc" "$work/sample.yaml"
 
 # The Python package, where the build made it, imports from the installed prefix.
 python_dir=$(find "$work/prefix" -type d -path '*/python3/dist-packages' | head -n1)

@@ -1,0 +1,146 @@
+// Recordings: writing and reading full-stream raw captures (dual frequency, 640 x 480,
+// simulated boxes with sensor noise) and depth images, for each compression. Reports
+// MB/s of message data, frames/s and the compression ratio (message bytes / file bytes).
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <qvreconstruction/recording.h>
+
+#include "sample_calibration.h"
+#include "simulator.h"
+
+namespace {
+
+constexpr int kFrames = 8;
+
+const std::vector<std::vector<uint16_t>>& Captures()
+{
+    static const std::vector<std::vector<uint16_t>> captures = [] {
+        std::vector<std::vector<uint16_t>> out;
+        qvsim::SceneSpec scene;
+        scene.kind = qvsim::SceneKind::Boxes;
+        for (int i = 0; i < kFrames; ++i) {
+            qvsim::CaptureSpec spec;
+            spec.noiseSigma = 4.0;
+            spec.seed = static_cast<uint32_t>(i + 1);
+            out.push_back(qvsim::SimulateCapture(qvsim::SampleCalibration(), scene, spec).raw);
+        }
+        return out;
+    }();
+    return captures;
+}
+
+const std::vector<std::vector<uint16_t>>& Depths()
+{
+    static const std::vector<std::vector<uint16_t>> depths = [] {
+        std::vector<std::vector<uint16_t>> out;
+        qvsim::SceneSpec scene;
+        scene.kind = qvsim::SceneKind::Boxes;
+        for (int i = 0; i < kFrames; ++i) {
+            qvsim::CaptureSpec spec;
+            spec.seed = static_cast<uint32_t>(i + 1);
+            const qvsim::Capture c = qvsim::SimulateCapture(qvsim::SampleCalibration(), scene, spec);
+            std::vector<uint16_t> d(c.truthZ.size());
+            for (size_t k = 0; k < d.size(); ++k) d[k] = static_cast<uint16_t>(c.truthZ[k] + 0.5f * (k % 3));
+            out.push_back(d);
+        }
+        return out;
+    }();
+    return depths;
+}
+
+std::string Path() { return "/tmp/qv_recording_bench_" + std::to_string(::getpid()) + ".mcap"; }
+
+void Write(benchmark::State& state, bool depth)
+{
+    const auto compression = static_cast<qvapi::RecordingCompression>(state.range(0));
+    const int level = static_cast<int>(state.range(1));
+    const auto& frames = depth ? Depths() : Captures();
+    double fileBytes = 0, messageBytes = 0;
+    for (auto _ : state) {
+        qvapi::RecordingWriter w;
+        qvapi::RecordingOptions options;
+        options.compression = compression;
+        options.level = level;
+        options.overwrite = true;
+        qvapi::RecordingSetup setup;
+        setup.algorithmVersion = "bench";
+        if (!w.Open(Path(), setup, options).ok()) state.SkipWithError("open");
+        for (int i = 0; i < kFrames; ++i) {
+            const uint64_t t = 33333333ull * static_cast<uint64_t>(i + 1);
+            qvapi::RecordingStatus s;
+            if (depth) {
+                s = w.WriteImage(qvapi::ProcessedImage::Depth, t, frames[i].data(), 640, 480);
+            } else {
+                qvapi::CaptureFrame c;
+                c.width = 640;
+                c.height = 480;
+                c.words = frames[i].data();
+                c.wordCount = frames[i].size();
+                c.timeNs = t;
+                s = w.WriteCapture(c);
+            }
+            if (!s.ok()) state.SkipWithError(s.message.c_str());
+        }
+        if (!w.Close().ok()) state.SkipWithError("close");
+        fileBytes = static_cast<double>(w.FileBytes());
+        messageBytes = static_cast<double>(w.MessageBytes());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(messageBytes) * state.iterations());
+    state.counters["frames/s"] = benchmark::Counter(kFrames * static_cast<double>(state.iterations()),
+                                                    benchmark::Counter::kIsRate);
+    state.counters["ratio"] = messageBytes / fileBytes;
+}
+
+void Read(benchmark::State& state)
+{
+    qvapi::RecordingWriter w;
+    qvapi::RecordingOptions options;
+    options.compression = static_cast<qvapi::RecordingCompression>(state.range(0));
+    options.level = static_cast<int>(state.range(1));
+    options.overwrite = true;
+    qvapi::RecordingSetup setup;
+    setup.algorithmVersion = "bench";
+    w.Open(Path(), setup, options);
+    for (int i = 0; i < kFrames; ++i) {
+        qvapi::CaptureFrame c;
+        c.width = 640;
+        c.height = 480;
+        c.words = Captures()[i].data();
+        c.wordCount = Captures()[i].size();
+        c.timeNs = 33333333ull * static_cast<uint64_t>(i + 1);
+        w.WriteCapture(c);
+    }
+    w.Close();
+    const double bytes = static_cast<double>(w.MessageBytes());
+    for (auto _ : state) {
+        qvapi::RecordingReader r;
+        if (!r.Open(Path()).ok()) state.SkipWithError("open");
+        qvapi::RecordedFrame f;
+        while (r.Next(f).ok()) benchmark::DoNotOptimize(f.words.data());
+    }
+    std::remove(Path().c_str());
+    state.SetBytesProcessed(static_cast<int64_t>(bytes) * state.iterations());
+    state.counters["frames/s"] = benchmark::Counter(kFrames * static_cast<double>(state.iterations()),
+                                                    benchmark::Counter::kIsRate);
+    state.counters["ratio"] = bytes / static_cast<double>(w.FileBytes());
+}
+
+void Compressions(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"compression", "level"});
+    b->Args({0, 0})->Args({1, 0})->Args({2, 1})->Args({2, 3})->Unit(benchmark::kMillisecond);
+}
+
+void WriteCaptures(benchmark::State& state) { Write(state, false); }
+void WriteDepth(benchmark::State& state) { Write(state, true); }
+
+}  // namespace
+
+BENCHMARK(WriteCaptures)->Apply(Compressions);
+BENCHMARK(WriteDepth)->Apply(Compressions);
+BENCHMARK(Read)->Apply(Compressions);
