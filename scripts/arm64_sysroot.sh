@@ -9,7 +9,8 @@ cd "$(dirname "$0")/.."
 root=$(realpath -m "${1:-${BUILD_DIR:-build}/arm64-sysroot}")
 # Architecture-specific packages, then architecture-independent headers the build needs.
 # (libopencv-dev brings OpenCV's CMake package, and with it every module: 280 MB in all.)
-packages=(libopencv-dev:arm64 libgtest-dev:arm64 libyaml-cpp-dev:arm64 libhwy-dev:arm64 libstdc++6:arm64)
+packages=(libopencv-dev:arm64 libgtest-dev:arm64 libyaml-cpp-dev:arm64 libhwy-dev:arm64 libstdc++6:arm64
+  zlib1g-dev:arm64 liblz4-dev:arm64 libzstd-dev:arm64)
 headers=(libcli11-dev)
 stamp="$root/.packages"
 want="${packages[*]} ${headers[*]}"
