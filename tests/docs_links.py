@@ -7,7 +7,8 @@ Reads README.md and docs/*.md and reports, one line each, and exits 1 on:
   - a relative link or picture, [text](path) or ![alt](path), whose file or folder is
     missing, or whose #anchor names no heading of the Markdown file it points to;
   - a repository path in inline code (`src/depth/`, `scripts/test.sh`): a word with a
-    slash, or a bare file name with a source extension (`module.cpp`, found anywhere in
+    slash that starts with a top-level folder or ends in an extension (message types
+    such as `sensor_msgs/msg/Image` and media types are not paths), or a bare file name with a source extension (`module.cpp`, found anywhere in
     the repository), that does not exist; `*` matches as in a shell;
   - in fenced code blocks, a word that starts with one of the repository's top-level
     folders (`bash scripts/demo.sh`) and does not exist.
@@ -105,8 +106,11 @@ class Checker:
         if word.startswith(ALLOWED_PREFIXES):
             return
         if "/" in word:
-            if fenced and word.split("/", 1)[0] not in self.top:
+            in_top = word.split("/", 1)[0] in self.top
+            if fenced and not in_top:
                 return                                                 # a command's own output
+            if not in_top and not re.search(r"\.[A-Za-z0-9]+$", word):
+                return                                                 # a message type, media type, package
             if not self.exists(word):
                 self.report(doc, line, f"no such file or folder: {word}")
         elif not fenced and word.endswith(SOURCE_EXTENSIONS) and word not in PLACEHOLDER_NAMES:
