@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -34,19 +35,20 @@ const std::vector<std::vector<uint16_t>>& Captures()
     return captures;
 }
 
+// The library's depth of the same captures: what a processed recording holds.
 const std::vector<std::vector<uint16_t>>& Depths()
 {
     static const std::vector<std::vector<uint16_t>> depths = [] {
+        qvapi::Reconstruction* r = qvapi::Reconstruction::CreateInstance();
+        r->SetType(qvapi::DEVICE_GENERIC, qvapi::STREAM_DUAL_FREQ);
+        r->Init(qvsim::SampleBinnedCalibration(), qvsim::SampleCalibration());
         std::vector<std::vector<uint16_t>> out;
-        qvsim::SceneSpec scene;
-        scene.kind = qvsim::SceneKind::Boxes;
-        for (int i = 0; i < kFrames; ++i) {
-            qvsim::CaptureSpec spec;
-            spec.seed = static_cast<uint32_t>(i + 1);
-            const qvsim::Capture c = qvsim::SimulateCapture(qvsim::SampleCalibration(), scene, spec);
-            std::vector<uint16_t> d(c.truthZ.size());
-            for (size_t k = 0; k < d.size(); ++k) d[k] = static_cast<uint16_t>(c.truthZ[k] + 0.5f * (k % 3));
-            out.push_back(d);
+        for (const std::vector<uint16_t>& raw : Captures()) {
+            uint16_t* d = nullptr;
+            if (r->CalculateDepth(raw.data(), &d, 640, 480) != qvapi::STATUS_OK)
+                std::abort();
+            out.emplace_back(d, d + 640 * 480);
+            delete[] d;
         }
         return out;
     }();
@@ -130,6 +132,44 @@ void Read(benchmark::State& state)
     state.counters["ratio"] = bytes / static_cast<double>(w.FileBytes());
 }
 
+// One seek to a frame and its read: the index look-up and one chunk's decompression,
+// whatever the frame (chunks of about one capture here, the default 4 MiB).
+void SeekAndRead(benchmark::State& state)
+{
+    const std::string path = Path();
+    {
+        qvapi::RecordingWriter w;
+        qvapi::RecordingOptions options;
+        options.compression = static_cast<qvapi::RecordingCompression>(state.range(0));
+        options.level = static_cast<int>(state.range(1));
+        options.overwrite = true;
+        qvapi::RecordingSetup setup;
+        setup.algorithmVersion = "bench";
+        w.Open(path, setup, options);
+        for (int i = 0; i < 4 * kFrames; ++i) {
+            const std::vector<uint16_t>& raw = Captures()[i % kFrames];
+            qvapi::CaptureFrame c;
+            c.width = 640;
+            c.height = 480;
+            c.words = raw.data();
+            c.wordCount = raw.size();
+            c.timeNs = 33333333ull * static_cast<uint64_t>(i + 1);
+            w.WriteCapture(c);
+        }
+        w.Close();
+    }
+    qvapi::RecordingReader r;
+    if (!r.Open(path).ok()) state.SkipWithError("open");
+    qvapi::RecordedFrame f;
+    uint64_t k = 0;
+    for (auto _ : state) {
+        k = (k * 7 + 5) % (4 * kFrames);  // frames in no order
+        if (!r.SeekFrame(k).ok() || !r.Next(f).ok()) state.SkipWithError("seek");
+        benchmark::DoNotOptimize(f.words.data());
+    }
+    std::remove(path.c_str());
+}
+
 void Compressions(benchmark::internal::Benchmark* b)
 {
     b->ArgNames({"compression", "level"});
@@ -144,3 +184,4 @@ void WriteDepth(benchmark::State& state) { Write(state, true); }
 BENCHMARK(WriteCaptures)->Apply(Compressions);
 BENCHMARK(WriteDepth)->Apply(Compressions);
 BENCHMARK(Read)->Apply(Compressions);
+BENCHMARK(SeekAndRead)->Apply(Compressions);
