@@ -11,6 +11,8 @@
 //   ir, cloud, colour    GetIR, GetCloudPoint, Convert2RGB on the full capture
 //   register             MapDepthToRGB of the full capture's depth onto its colour frame
 //                        (each call also copies the 640 x 480 depth it consumes)
+//   record               RecordingWriter::WriteCapture of the full capture with the
+//                        default options (LZ4 chunks), into a temporary file
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +23,8 @@
 #include <opencv2/core/utility.hpp>
 #include <qvreconstruction/depth_filters.h>
 #include <qvreconstruction/reconstruction.h>
+#include <qvreconstruction/recording.h>
+#include <unistd.h>
 
 #include "sample_calibration.h"
 #include "simulator.h"
@@ -37,7 +41,7 @@ int Fail(const std::string& message)
 
 int main(int argc, char** argv)
 {
-    const std::string ops = "dual dual_nofilter binned single edge ir cloud colour register";
+    const std::string ops = "dual dual_nofilter binned single edge ir cloud colour register record";
     if (argc != 3)
         return Fail("usage: qv_frame_ops OP N, OP one of: " + ops);
     const std::string op = argv[1];
@@ -80,6 +84,21 @@ int main(int argc, char** argv)
     if (op == "register")
         nv12 = qvsim::RenderColour(fullCal, scene).nv12;
 
+    // The recording's file, opened before the calls and closed (and removed) after them.
+    qvapi::RecordingWriter writer;
+    char recordPath[] = "/tmp/qv_frame_ops_XXXXXX";
+    if (op == "record") {
+        const int fd = mkstemp(recordPath);
+        if (fd < 0)
+            return Fail("cannot make a temporary file");
+        close(fd);
+        qvapi::RecordingOptions options;
+        options.overwrite = true;
+        const qvapi::RecordingStatus opened = writer.Open(recordPath, qvapi::RecordingSetup{}, options);
+        if (!opened.ok())
+            return Fail(opened.message);
+    }
+
     uint64_t checksum = 0;
     for (long k = 0; k < n; ++k) {
         int32_t status = qvapi::STATUS_OK;
@@ -103,6 +122,18 @@ int main(int argc, char** argv)
             r.Convert2RGB(&rgb, depthCopy.data(), w, h);
             checksum += rgb != nullptr ? rgb[3 * (pixels / 2)] : 0;
             delete[] rgb;
+        } else if (op == "record") {
+            qvapi::CaptureFrame capture;
+            capture.width = w;
+            capture.height = h;
+            capture.words = cap.raw.data();
+            capture.wordCount = cap.raw.size();
+            capture.timeNs = 33333333ull * static_cast<uint64_t>(k + 1);
+            capture.sequence = static_cast<uint64_t>(k);
+            const qvapi::RecordingStatus written = writer.WriteCapture(capture);
+            if (!written.ok())
+                return Fail(written.message);
+            checksum += writer.FileBytes();
         } else {
             uint16_t* entry = new uint16_t[pixels];
             std::memcpy(entry, depthCopy.data(), pixels * sizeof(uint16_t));
@@ -115,6 +146,12 @@ int main(int argc, char** argv)
         }
         if (status != qvapi::STATUS_OK)
             return Fail(op + " returned status " + std::to_string(status));
+    }
+    if (op == "record") {
+        const qvapi::RecordingStatus closed = writer.Close();
+        unlink(recordPath);
+        if (!closed.ok())
+            return Fail(closed.message);
     }
     delete[] depth;
     std::printf("%s x %ld: checksum %llu\n", op.c_str(), n, static_cast<unsigned long long>(checksum));

@@ -23,7 +23,7 @@ env_path="LD_LIBRARY_PATH=$PWD/$build/lib:$libs/blas:$libs/lapack"
 n1=${N1:-1}
 n2=${N2:-5}
 ops=("$@")
-[ ${#ops[@]} -gt 0 ] || ops=(dual dual_nofilter binned single edge ir cloud colour register)
+[ ${#ops[@]} -gt 0 ] || ops=(dual dual_nofilter binned single edge ir cloud colour register record)
 count() {
   "$counter" -L "$sysroot" -E "$env_path" "$build/bench/qv_frame_ops" "$1" "$2" 2>&1 >/dev/null |
     awk '/^instructions / { n = $2 } END { print n }'
