@@ -28,12 +28,14 @@ test('the page loads without errors and every panel and the 3-D view draw', asyn
   const { page, problems } = viewer;
   await until(frameShown, 'a first frame on the page');
   for (const name of IMAGE_PANELS) {
+    await page.locator(`#panel-${name}`).scrollIntoViewIfNeeded(); // hidden panels skip their work
     const stats = await until(async () => {
       const s = await canvasStatistics(page, `#panel-${name} canvas.picture`);
       return s && s.width > 4 && s.unlike > 0.05 && s.colours >= 4 ? s : null;
     }, `a picture in the ${name} panel`);
     assert.ok(stats.colours >= 4, `${name}: ${JSON.stringify(stats)}`);
   }
+  await page.locator('#panel-cloud').scrollIntoViewIfNeeded();
   const cloud = await until(async () => {
     const s = await canvasStatistics(page, '#panel-cloud canvas');
     return s && s.unlike > 0.05 && s.colours >= 8 ? s : null;
@@ -59,6 +61,7 @@ async function pausedFrame() {
 // pixels of the depth grid, and returns the read-out's data.
 async function readoutAt(panel, row, col, width, height) {
   const { page } = viewer;
+  await page.locator(`#panel-${panel} canvas.picture`).scrollIntoViewIfNeeded();
   const box = await page.locator(`#panel-${panel} canvas.picture`).boundingBox();
   await page.mouse.move(box.x + ((col + 0.5) * box.width) / width, box.y + ((row + 0.5) * box.height) / height);
   return page.$eval(`#panel-${panel} .readout`, (e) => ({ ...e.dataset, text: e.textContent }));
@@ -103,6 +106,7 @@ test('the range control changes the server\'s settings and the picture', async (
   const { page } = viewer;
   await pausedFrame();
   const before = await (await api(server, '/api/settings')).json();
+  await page.locator('#panel-depth').scrollIntoViewIfNeeded();
   const picture = () => page.$eval('#panel-depth canvas.picture', (c) => c.toDataURL());
   const shown = await picture();
   const range = [before.range[0] + 100, Math.max(before.range[0] + 300, Math.floor(before.range[1] / 2))];
@@ -121,5 +125,23 @@ test('the range control changes the server\'s settings and the picture', async (
   assert.equal(after.filter, before.filter);
   assert.equal(after.flip, before.flip);
   await api(server, '/api/settings', { range: before.range });
+  assert.deepEqual(viewer.problems, []);
+});
+
+test('playback: a seek and a step from the page move the recording and the picture', async () => {
+  const { page } = viewer;
+  await pausedFrame();
+  const frames = (await (await api(server, '/api/status')).json()).source.frames;
+  assert.ok(frames >= 4, `a recording of ${frames} frames`);
+  const shown = Number(await frameShown());
+  const target = shown === 2 ? 1 : 2;
+  await page.$eval('#seek', (e, k) => { e.value = String(k); e.dispatchEvent(new Event('change')); }, target);
+  await until(async () => (await frameShown()) === String(target), `frame ${target} after a seek`);
+  await page.click('#step-forward');
+  await until(async () => (await frameShown()) === String(target + 1), `frame ${target + 1} after a step`);
+  const status = await (await api(server, '/api/status')).json();
+  assert.equal(status.frame.index, target + 1);
+  assert.equal(status.source.playing, false);
+  assert.equal(await page.textContent('#panel-playback .position'), `${target + 1} / ${frames - 1}`);
   assert.deepEqual(viewer.problems, []);
 });

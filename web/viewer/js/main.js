@@ -64,6 +64,9 @@ const framePanels = [
   new ValidityPanel(grid, view),
 ];
 framePanels.push(new RoiPanel(grid, depth));
+for (const panel of framePanels) {
+  panel.onShown = () => view.frame && panel.guard(() => panel.update(view.frame));
+}
 
 // The rays, fetched once per calibration; the colour grid's are optional.
 let raysFor = null;
@@ -99,6 +102,7 @@ function onStatus(s) {
 // animation frame, older undrawn ones are skipped.
 let pending = null;
 let displayed = 0;
+const drawMs = new Map(); // panel id -> smoothed time of its update
 const traffic = { bytes: 0, frames: 0 };
 function onFrame(frame) {
   pending = frame;
@@ -113,7 +117,13 @@ function draw() {
   const frame = pending;
   pending = null;
   view.frame = frame;
-  for (const panel of framePanels) panel.guard(() => panel.update(frame));
+  for (const panel of framePanels) {
+    if (!panel.visible) continue;
+    const start = performance.now();
+    panel.guard(() => panel.update(frame));
+    const ms = performance.now() - start;
+    drawMs.set(panel.root.id, 0.9 * (drawMs.get(panel.root.id) ?? ms) + 0.1 * ms);
+  }
   stats.frame(frame.head, status?.source?.frames);
   playback.frame(frame.head);
   document.body.dataset.frameIndex = String(frame.head.index);
@@ -127,6 +137,7 @@ setInterval(() => {
   const seconds = (now - last) / 1000;
   last = now;
   stats.rates(displayed / seconds, traffic.bytes / seconds, traffic.frames ? traffic.bytes / traffic.frames : 0);
+  stats.drawTimes(drawMs);
   displayed = 0;
   traffic.bytes = 0;
   traffic.frames = 0;

@@ -111,8 +111,7 @@ export class CloudPanel extends Panel {
       const { reg, pixels, source, rays: cr } = this.fromRegistered;
       const step = 2;
       const n = Math.ceil(reg.width / step) * Math.ceil(reg.height / step);
-      positions = new Float32Array(3 * n);
-      colours = new Float32Array(3 * n);
+      [positions, colours] = this.buffers(n);
       const fx = source.width / reg.width;
       for (let r = 0; r < reg.height; r += step) {
         for (let c = 0; c < reg.width; c += step) {
@@ -121,14 +120,14 @@ export class CloudPanel extends Panel {
           const i = rayIndex(cr, reg, r, c);
           this.put(positions, k, cr.x[i] * d, cr.y[i] * d, d);
           const o = 4 * (Math.floor(r * fx) * source.width + Math.floor(c * fx));
-          colours.set([pixels[o] / 255, pixels[o + 1] / 255, pixels[o + 2] / 255], 3 * k);
+          colours[3 * k] = pixels[o] / 255;
+          colours[3 * k + 1] = pixels[o + 1] / 255;
+          colours[3 * k + 2] = pixels[o + 2] / 255;
           k++;
         }
       }
     } else {
-      const n = depth.width * depth.height;
-      positions = new Float32Array(3 * n);
-      colours = new Float32Array(3 * n);
+      [positions, colours] = this.buffers(depth.width * depth.height);
       for (let r = 0; r < depth.height; r++) {
         for (let c = 0; c < depth.width; c++) {
           const p = r * depth.width + c;
@@ -137,16 +136,29 @@ export class CloudPanel extends Panel {
           const i = rayIndex(rays, depth, r, c);
           this.put(positions, k, rays.x[i] * d, rays.y[i] * d, d);
           const col = colourAt(p, d);
-          colours.set([col[0] / 255, col[1] / 255, col[2] / 255], 3 * k);
+          colours[3 * k] = col[0] / 255;
+          colours[3 * k + 1] = col[1] / 255;
+          colours[3 * k + 2] = col[2] / 255;
           k++;
         }
       }
     }
-    this.geometry.setAttribute('position', new THREE.BufferAttribute(positions, 3));
-    this.geometry.setAttribute('color', new THREE.BufferAttribute(colours, 3));
+    this.geometry.attributes.position.needsUpdate = true;
+    this.geometry.attributes.color.needsUpdate = true;
     this.geometry.setDrawRange(0, k);
     this.count = k;
     this.render();
+  }
+
+  // The geometry's arrays, kept while the number of pixels stays.
+  buffers(n) {
+    const position = this.geometry.attributes.position;
+    if (!position || position.count !== n) {
+      this.geometry.dispose();
+      this.geometry.setAttribute('position', new THREE.BufferAttribute(new Float32Array(3 * n), 3));
+      this.geometry.setAttribute('color', new THREE.BufferAttribute(new Float32Array(3 * n), 3));
+    }
+    return [this.geometry.attributes.position.array, this.geometry.attributes.color.array];
   }
 
   // Camera coordinates (X right, Y down, Z ahead, mm) to the scene's (metres, Y up,

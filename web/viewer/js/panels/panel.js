@@ -21,6 +21,15 @@ export class Panel {
     this.root = element('section', { class: wide ? 'panel wide' : 'panel', id },
       element('header', {}, element('h2', { text: title }), this.tools), this.error, this.body);
     parent.append(this.root);
+    // Panels scrolled out of sight skip their per-frame work;
+    // onShown (set by the page) draws the newest frame when a panel comes back into sight.
+    this.visible = true;
+    this.onShown = null;
+    new IntersectionObserver((entries) => {
+      const visible = entries.at(-1).isIntersecting;
+      if (visible && !this.visible) this.onShown?.();
+      this.visible = visible;
+    }).observe(this.root);
   }
 
   showError(message) {

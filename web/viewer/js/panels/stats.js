@@ -13,7 +13,7 @@ export class StatsPanel extends Panel {
     for (const [key, label] of [
       ['source', 'source'], ['frame', 'frame'], ['time', 'frame time'], ['temperature', 'temperature'],
       ['sensor', 'sensor fps'], ['processed', 'processed fps'], ['displayed', 'displayed fps'],
-      ['stages', 'stage times (ms)'], ['dropped', 'frames dropped (this page)'], ['bytes', 'link'],
+      ['stages', 'stage times (ms)'], ['draw', 'page drawing (ms)'], ['dropped', 'frames dropped (this page)'], ['bytes', 'link'],
       ['clients', 'clients'],
     ]) {
       const value = element('dd', { 'data-key': key, text: '–' });
@@ -42,6 +42,12 @@ export class StatsPanel extends Panel {
     this.set('frame', total ? `${head.index} of ${total}` : String(head.index));
     this.set('time', `${fixed(head.time_ns / 1e9, 3)} s`);
     this.set('temperature', `${fixed(head.temperature_c)} °C`);
+  }
+
+  // The page's own cost per frame: the three slowest panels.
+  drawTimes(msById) {
+    const slowest = [...msById].sort((a, b) => b[1] - a[1]).slice(0, 3);
+    this.set('draw', slowest.map(([id, ms]) => `${id.replace('panel-', '')} ${fixed(ms)}`).join(' · ') || '–');
   }
 
   rates(displayedFps, bytesPerSecond, bytesPerFrame) {

@@ -17,16 +17,19 @@ export class ValidityPanel extends ImagePanel {
     if (!depth) throw new Error('the frame carries no depth');
     const n = depth.width * depth.height;
     const rgba = new Uint8ClampedArray(4 * n);
+    const pixels = new Uint32Array(rgba.buffer); // one write a pixel (little-endian RGBA)
     const [lo, hi] = this.view.range();
     const shade = 80 / Math.max(1, hi - lo);
+    const NONE = 0xffff6e28, SATURATED = 0xffc828ff;
     let none = 0, saturated = 0;
     for (let i = 0; i < n; i++) {
       const d = depth.data[i];
-      const o = 4 * i;
-      if (d === 0) { rgba[o] = 40; rgba[o + 1] = 110; rgba[o + 2] = 255; none++; }
-      else if (d === 1) { rgba[o] = 255; rgba[o + 1] = 40; rgba[o + 2] = 200; saturated++; }
-      else { rgba[o] = rgba[o + 1] = rgba[o + 2] = 20 + Math.min(80, Math.max(0, (d - lo) * shade)); }
-      rgba[o + 3] = 255;
+      if (d === 0) { pixels[i] = NONE; none++; }
+      else if (d === 1) { pixels[i] = SATURATED; saturated++; }
+      else {
+        const g = 20 + (d <= lo ? 0 : d >= hi ? 80 : ((d - lo) * shade) | 0);
+        pixels[i] = 0xff000000 | (g << 16) | (g << 8) | g;
+      }
     }
     this.drawRgba(rgba, depth.width, depth.height);
     const share = (k) => `${((100 * k) / n).toFixed(2)} %`;
