@@ -1,0 +1,147 @@
+// The viewer's page in headless Chromium against a server (the mock, or the real
+// `qvrecon view` of a recording through QV_VIEWER_SERVER): it loads cleanly, every
+// panel draws, the read-out under the cursor is the server's depth, and the range
+// control reaches the server and changes the picture.
+import { test, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { api, canvasStatistics, launchBrowser, openViewer, startServer, until } from './harness.mjs';
+import { decodePng } from './png.mjs';
+
+let server;
+let browser;
+let viewer;
+
+before(async () => {
+  server = await startServer();
+  browser = await launchBrowser();
+  viewer = await openViewer(browser, server);
+});
+after(async () => {
+  await browser?.close();
+  await server?.stop();
+});
+
+const IMAGE_PANELS = ['depth', 'ir', 'colour', 'registered', 'noise', 'validity'];
+const frameShown = () => viewer.page.evaluate(() => document.body.dataset.frameIndex);
+
+test('the page loads without errors and every panel and the 3-D view draw', async () => {
+  const { page, problems } = viewer;
+  await until(frameShown, 'a first frame on the page');
+  for (const name of IMAGE_PANELS) {
+    await page.locator(`#panel-${name}`).scrollIntoViewIfNeeded(); // hidden panels skip their work
+    const stats = await until(async () => {
+      const s = await canvasStatistics(page, `#panel-${name} canvas.picture`);
+      return s && s.width > 4 && s.unlike > 0.05 && s.colours >= 4 ? s : null;
+    }, `a picture in the ${name} panel`);
+    assert.ok(stats.colours >= 4, `${name}: ${JSON.stringify(stats)}`);
+  }
+  await page.locator('#panel-cloud').scrollIntoViewIfNeeded();
+  const cloud = await until(async () => {
+    const s = await canvasStatistics(page, '#panel-cloud canvas');
+    return s && s.unlike > 0.05 && s.colours >= 8 ? s : null;
+  }, 'points in the 3-D view');
+  assert.ok(cloud.unlike > 0.05);
+  const legend = await page.textContent('#panel-depth .legend');
+  assert.match(legend, /\d+ mm.*\d+ mm/);
+  // No panel reports a failure, and nothing went to the console as an error.
+  const failed = await page.$$eval('.panel.failed', (ps) => ps.map((p) => `${p.id}: ${p.querySelector('.panel-error').textContent}`));
+  assert.deepEqual(failed, []);
+  assert.deepEqual(problems, []);
+});
+
+// Pauses the recording and waits until the page shows the paused frame; returns it.
+async function pausedFrame() {
+  const status = await (await api(server, '/api/playback', { action: 'pause' })).json();
+  const index = status.frame.index;
+  await until(async () => (await frameShown()) === String(index), `frame ${index} on the page`);
+  return index;
+}
+
+// Moves the mouse over pixel (row, col) of a panel whose picture is width x height
+// pixels of the depth grid, and returns the read-out's data.
+async function readoutAt(panel, row, col, width, height) {
+  const { page } = viewer;
+  await page.locator(`#panel-${panel} canvas.picture`).scrollIntoViewIfNeeded();
+  const box = await page.locator(`#panel-${panel} canvas.picture`).boundingBox();
+  await page.mouse.move(box.x + ((col + 0.5) * box.width) / width, box.y + ((row + 0.5) * box.height) / height);
+  return page.$eval(`#panel-${panel} .readout`, (e) => ({ ...e.dataset, text: e.textContent }));
+}
+
+test('the depth under the cursor is the server\'s depth at that pixel, with its X, Y, Z', async () => {
+  const index = await pausedFrame();
+  const response = await api(server, '/api/frame/depth.png');
+  assert.equal(response.headers.get('X-Frame-Index'), String(index));
+  const png = decodePng(Buffer.from(await response.arrayBuffer()));
+  assert.equal(png.bitDepth, 16);
+  const rays = await api(server, '/api/rays');
+  const n = png.width * png.height;
+  const table = new Float32Array(await rays.arrayBuffer());
+  assert.equal(table.length, 2 * n);
+
+  // Pixels with depth, without depth and saturated, where the picture has them.
+  const wanted = [[100, 100], [png.height - 40, png.width - 60], [png.height >> 1, png.width >> 1]];
+  const firstOf = (v) => png.data.findIndex((d) => d === v);
+  for (const v of [0, 1]) {
+    const i = firstOf(v);
+    if (i >= 0) wanted.push([Math.floor(i / png.width), i % png.width]);
+  }
+  for (const panel of ['depth', 'ir']) {
+    for (const [row, col] of wanted) {
+      const got = await readoutAt(panel, row, col, png.width, png.height);
+      const d = png.data[row * png.width + col];
+      assert.equal(Number(got.row), row, got.text);
+      assert.equal(Number(got.col), col, got.text);
+      assert.equal(Number(got.mm), d, `${panel} (${row}, ${col}): ${got.text}`);
+      if (d > 1) {
+        assert.equal(Number(got.x), Math.fround(table[row * png.width + col] * d), got.text);
+        assert.equal(Number(got.y), Math.fround(table[n + row * png.width + col] * d), got.text);
+        assert.equal(Number(got.z), d, got.text);
+      }
+    }
+  }
+  assert.deepEqual(viewer.problems, []);
+});
+
+test('the range control changes the server\'s settings and the picture', async () => {
+  const { page } = viewer;
+  await pausedFrame();
+  const before = await (await api(server, '/api/settings')).json();
+  await page.locator('#panel-depth').scrollIntoViewIfNeeded();
+  const picture = () => page.$eval('#panel-depth canvas.picture', (c) => c.toDataURL());
+  const shown = await picture();
+  const range = [before.range[0] + 100, Math.max(before.range[0] + 300, Math.floor(before.range[1] / 2))];
+  await page.fill('#set-range-min', String(range[0]));
+  await page.fill('#set-range-max', String(range[1]));
+  await page.click('#set-range-apply');
+  await until(async () => {
+    const now = await (await api(server, '/api/settings')).json();
+    return now.range[0] === range[0] && now.range[1] === range[1];
+  }, 'the new range on the server');
+  await until(async () => (await picture()) !== shown, 'the depth picture coloured for the new range');
+  const legend = await page.textContent('#panel-depth .legend');
+  assert.ok(legend.includes(`${range[0]} mm`) && legend.includes(`${range[1]} mm`), legend);
+  // The server's other settings are as they were.
+  const after = await (await api(server, '/api/settings')).json();
+  assert.equal(after.filter, before.filter);
+  assert.equal(after.flip, before.flip);
+  await api(server, '/api/settings', { range: before.range });
+  assert.deepEqual(viewer.problems, []);
+});
+
+test('playback: a seek and a step from the page move the recording and the picture', async () => {
+  const { page } = viewer;
+  await pausedFrame();
+  const frames = (await (await api(server, '/api/status')).json()).source.frames;
+  assert.ok(frames >= 4, `a recording of ${frames} frames`);
+  const shown = Number(await frameShown());
+  const target = shown === 2 ? 1 : 2;
+  await page.$eval('#seek', (e, k) => { e.value = String(k); e.dispatchEvent(new Event('change')); }, target);
+  await until(async () => (await frameShown()) === String(target), `frame ${target} after a seek`);
+  await page.click('#step-forward');
+  await until(async () => (await frameShown()) === String(target + 1), `frame ${target + 1} after a step`);
+  const status = await (await api(server, '/api/status')).json();
+  assert.equal(status.frame.index, target + 1);
+  assert.equal(status.source.playing, false);
+  assert.equal(await page.textContent('#panel-playback .position'), `${target + 1} / ${frames - 1}`);
+  assert.deepEqual(viewer.problems, []);
+});

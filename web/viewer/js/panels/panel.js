@@ -1,0 +1,111 @@
+// What every panel has: a titled box, a place for its own error (the other panels
+// keep working), and for image panels a canvas with the depth under the cursor.
+
+export function element(tag, attributes = {}, ...children) {
+  const e = document.createElement(tag);
+  for (const [k, v] of Object.entries(attributes)) {
+    if (k === 'class') e.className = v;
+    else if (k === 'text') e.textContent = v;
+    else if (k.startsWith('on')) e.addEventListener(k.slice(2), v);
+    else e.setAttribute(k, v);
+  }
+  e.append(...children);
+  return e;
+}
+
+export class Panel {
+  constructor(parent, id, title, { wide = false } = {}) {
+    this.error = element('div', { class: 'panel-error', hidden: '' });
+    this.tools = element('div', { class: 'panel-tools' });
+    this.body = element('div', { class: 'panel-body' });
+    this.root = element('section', { class: wide ? 'panel wide' : 'panel', id },
+      element('header', {}, element('h2', { text: title }), this.tools), this.error, this.body);
+    parent.append(this.root);
+    // Panels scrolled out of sight skip their per-frame work;
+    // onShown (set by the page) draws the newest frame when a panel comes back into sight.
+    this.visible = true;
+    this.onShown = null;
+    new IntersectionObserver((entries) => {
+      const visible = entries.at(-1).isIntersecting;
+      if (visible && !this.visible) this.onShown?.();
+      this.visible = visible;
+    }).observe(this.root);
+  }
+
+  showError(message) {
+    this.error.textContent = message;
+    this.error.hidden = false;
+    this.root.classList.add('failed');
+  }
+
+  clearError() {
+    if (this.error.hidden) return;
+    this.error.hidden = true;
+    this.root.classList.remove('failed');
+  }
+
+  // Runs a panel's work, showing what goes wrong in the panel itself.
+  guard(work) {
+    try {
+      const result = work();
+      if (result instanceof Promise) {
+        return result.then((v) => { this.clearError(); return v; }, (e) => this.showError(e.message));
+      }
+      this.clearError();
+      return result;
+    } catch (e) {
+      this.showError(e.message);
+      return undefined;
+    }
+  }
+}
+
+// An image panel: a canvas that keeps the picture's own size (CSS scales it) and a
+// read-out line under it. locate(u, v) turns a position in [0, 1) x [0, 1) into the
+// text and data of the read-out, or null.
+export class ImagePanel extends Panel {
+  constructor(parent, id, title, locate, options) {
+    super(parent, id, title, options);
+    this.canvas = element('canvas', { class: 'picture', width: 4, height: 3 });
+    this.context = this.canvas.getContext('2d');
+    this.readout = element('div', { class: 'readout', text: 'point at the picture for the depth' });
+    this.stage = element('div', { class: 'stage' }, this.canvas);
+    this.body.append(this.stage, this.readout);
+    this.locate = locate;
+    this.pointer = null;
+    this.canvas.addEventListener('pointermove', (e) => {
+      const r = this.canvas.getBoundingClientRect();
+      this.pointer = [(e.clientX - r.left) / r.width, (e.clientY - r.top) / r.height];
+      this.showReadout();
+    });
+    this.canvas.addEventListener('pointerleave', () => { this.pointer = null; });
+  }
+
+  resize(width, height) {
+    if (this.canvas.width !== width || this.canvas.height !== height) {
+      this.canvas.width = width;
+      this.canvas.height = height;
+    }
+  }
+
+  drawBitmap(bitmap) {
+    this.resize(bitmap.width, bitmap.height);
+    this.context.drawImage(bitmap, 0, 0);
+  }
+
+  drawRgba(rgba, width, height) {
+    this.resize(width, height);
+    this.context.putImageData(new ImageData(rgba, width, height), 0, 0);
+  }
+
+  // Called after every frame so that the read-out follows a still pointer too.
+  showReadout() {
+    if (!this.pointer) return;
+    const [u, v] = this.pointer;
+    if (u < 0 || u >= 1 || v < 0 || v >= 1) return;
+    const at = this.locate(u, v);
+    if (!at) return;
+    this.readout.textContent = at.text;
+    for (const [k, value] of Object.entries(at.data)) this.readout.dataset[k] = String(value);
+  }
+}

@@ -1,0 +1,57 @@
+// Figures of the stream: the server's rates and per-stage times, the page's own
+// displayed rate, what this client's link carries and drops, temperature, frame time.
+import { Panel, element } from './panel.js';
+
+const fixed = (v, digits = 1) => (Number.isFinite(v) ? v.toFixed(digits) : '–');
+
+export class StatsPanel extends Panel {
+  constructor(parent) {
+    super(parent, 'panel-stats', 'Statistics');
+    this.table = element('dl', { class: 'figures' });
+    this.body.append(this.table);
+    this.rows = {};
+    for (const [key, label] of [
+      ['source', 'source'], ['frame', 'frame'], ['time', 'frame time'], ['temperature', 'temperature'],
+      ['sensor', 'sensor fps'], ['processed', 'processed fps'], ['displayed', 'displayed fps'],
+      ['stages', 'stage times (ms)'], ['draw', 'page drawing (ms)'], ['dropped', 'frames dropped (this page)'], ['bytes', 'link'],
+      ['clients', 'clients'],
+    ]) {
+      const value = element('dd', { 'data-key': key, text: '–' });
+      this.table.append(element('dt', { text: label }), value);
+      this.rows[key] = value;
+    }
+  }
+
+  set(key, text) {
+    if (this.rows[key].textContent !== text) this.rows[key].textContent = text;
+  }
+
+  status(s) {
+    const src = s.source || {};
+    this.set('source', `${src.kind || '?'} ${src.name || ''} (${s.stream}, ${s.width}x${s.height})`);
+    this.set('sensor', fixed(s.rates?.sensor_fps));
+    this.set('processed', fixed(s.rates?.processed_fps));
+    const st = s.stages_ms || {};
+    this.set('stages', Object.entries(st).map(([k, v]) => `${k} ${fixed(v)}`).join(' · ') || '–');
+    this.set('clients', String(s.clients ?? '–'));
+    if (s.client_dropped !== undefined) this.set('dropped', `${s.client_dropped} (all clients: ${s.dropped})`);
+    else this.set('dropped', `all clients: ${s.dropped ?? '–'}`);
+  }
+
+  frame(head, total) {
+    this.set('frame', total ? `${head.index} of ${total}` : String(head.index));
+    this.set('time', `${fixed(head.time_ns / 1e9, 3)} s`);
+    this.set('temperature', `${fixed(head.temperature_c)} °C`);
+  }
+
+  // The page's own cost per frame: the three slowest panels.
+  drawTimes(msById) {
+    const slowest = [...msById].sort((a, b) => b[1] - a[1]).slice(0, 3);
+    this.set('draw', slowest.map(([id, ms]) => `${id.replace('panel-', '')} ${fixed(ms)}`).join(' · ') || '–');
+  }
+
+  rates(displayedFps, bytesPerSecond, bytesPerFrame) {
+    this.set('displayed', fixed(displayedFps));
+    this.set('bytes', `${fixed(bytesPerSecond / 1e6, 2)} MB/s, ${fixed(bytesPerFrame / 1e3, 0)} kB a frame`);
+  }
+}
