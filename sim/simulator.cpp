@@ -67,7 +67,10 @@ SurfaceHit TraceRay(const SceneSpec& s, const Vec3& o, const Vec3& dir)
         const Box boxes[2] = {{-0.36 * d, -0.06 * d, -0.22 * d, 0.26 * d, d - 700.0},
                               {0.08 * d, 0.40 * d, -0.30 * d, 0.10 * d, d - 400.0}};
         for (int k = 0; k < 2; ++k) {
-            const Box& b = boxes[k];
+            Box b = boxes[k];
+            b.x0 += s.boxOffsetXMm[k];
+            b.x1 += s.boxOffsetXMm[k];
+            b.z += s.boxOffsetZMm[k];
             if (dir.z == 0 || b.z <= 0)
                 continue;
             const double t = (b.z - o.z) / dir.z;
@@ -248,6 +251,10 @@ std::string CheckScene(const SceneSpec& scene)
         return OutOfRange("distance", scene.distanceMm, " mm", kDistanceRangeMm);
     if (!kTiltRangeDeg.Holds(scene.tiltDeg))
         return OutOfRange("tilt", scene.tiltDeg, " degrees", kTiltRangeDeg);
+    for (int k = 0; k < 2; ++k)
+        for (const double offset : {scene.boxOffsetXMm[k], scene.boxOffsetZMm[k]})
+            if (!kBoxOffsetRangeMm.Holds(offset))
+                return OutOfRange("box offset", offset, " mm", kBoxOffsetRangeMm);
     return "";
 }
 

@@ -27,6 +27,10 @@ struct SceneSpec {
     double reflectivity = 0.8;   // about 1.1 and above saturates the sensor
     bool brightPatch = false;    // a saturating patch left of centre
     bool darkPatch = false;      // a patch returning no light right of centre
+    // Boxes: how far each box (the left one first) stands from its place above, mm,
+    // x to the right and z away from the camera. Zero keeps the scene as it is.
+    double boxOffsetXMm[2] = {0.0, 0.0};
+    double boxOffsetZMm[2] = {0.0, 0.0};
 };
 
 // What a ray (x, y, 1) of normalised camera coordinates meets: Z (mm) and reflectivity.
@@ -90,6 +94,7 @@ constexpr ValueRange kTiltRangeDeg{-80, 80};
 constexpr ValueRange kTemperatureRangeC{-40, 125};
 constexpr ValueRange kNoiseRange{0, 1000};  // sample units
 constexpr ValueRange kFlipRange{0, 3};
+constexpr ValueRange kBoxOffsetRangeMm{-65535, 65535};
 
 // Empty when every value of the scene (and the set-up) lies in its range; otherwise
 // names the first that does not, e.g. "distance 0 mm is outside [1, 65535]".

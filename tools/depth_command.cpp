@@ -21,8 +21,10 @@
 #include <opencv2/core/utility.hpp>
 
 #include "command_line.h"
+#include "depth_inputs.h"
 #include "output_files.h"
 #include "pipeline.h"
+#include "processed_recording.h"
 
 namespace qvrecon {
 namespace {
@@ -44,6 +46,9 @@ struct DepthArgs {
     std::string plyFormat = "binary", plyLayout = "points", plyUnits = "mm";
     std::vector<std::string> colourFrames;  // NV12: one for all captures, or one each
     int jobs = 1;
+    FrameSelection selection;
+    std::string format = "files";
+    bool deviceGiven = false;
 };
 
 // Progress on a terminal as a bar, elsewhere as plain lines.
@@ -67,28 +72,6 @@ private:
     size_t total_;
     bool tty_;
 };
-
-// The name each capture's outputs start with (OutputStem), made unique within the
-// batch (x, x-2, x-3... in the order given), so that captures of the same name from
-// different folders never overwrite each other's outputs.
-std::vector<std::string> OutputStems(const std::vector<std::string>& captures)
-{
-    std::map<std::string, int> count;
-    for (const std::string& path : captures)
-        ++count[OutputStem(path)];
-    std::set<std::string> taken;
-    std::vector<std::string> stems;
-    for (const std::string& path : captures) {
-        const std::string stem = OutputStem(path);
-        // A new name never takes another capture's own stem.
-        std::string name = stem;
-        for (int k = 2; taken.count(name) || (name != stem && count.count(name)); ++k)
-            name = stem + "-" + std::to_string(k);
-        taken.insert(name);
-        stems.push_back(name);
-    }
-    return stems;
-}
 
 // A fresh amplitude threshold (5) is 0 after three halvings, and stays 0.
 constexpr int kHalvingsToZero = 3;
@@ -199,9 +182,33 @@ bool RunInWorkers(size_t jobs, size_t count, const std::function<CaptureTally(si
     return !failed;
 }
 
+// The calibration and device of the run: --calib and --device when given, otherwise
+// those the recordings carry (all the same), otherwise the sample module and 0.
+ModuleCalibration RunCalibration(const DepthArgs& a, const DepthInputs& in, qvapi::DeviceType& device)
+{
+    device = static_cast<qvapi::DeviceType>(a.common.device);
+    for (size_t k = 0; k < in.recordings.size(); ++k) {
+        const qvapi::RecordingReader& r = *in.recordings[k];
+        if (!a.deviceGiven && r.Device() != in.recordings[0]->Device())
+            throw ToolError(in.recordingPaths[k] + ": recorded with device " + std::to_string(r.Device()) + ", " +
+                            in.recordingPaths[0] + " with " + std::to_string(in.recordings[0]->Device()) +
+                            "; give --device");
+        if (a.common.calib.empty() && r.CalibrationYaml() != in.recordings[0]->CalibrationYaml())
+            throw ToolError(in.recordingPaths[k] + ": its calibration differs from " + in.recordingPaths[0] +
+                            "'s; give --calib");
+    }
+    if (!a.common.calib.empty() || in.recordings.empty())
+        return LoadCalibration(a.common);
+    if (!a.deviceGiven)
+        device = in.recordings[0]->Device();
+    const std::string& yaml = in.recordings[0]->CalibrationYaml();
+    if (yaml.empty())
+        throw ToolError(in.recordingPaths[0] + ": no calibration attached; give --calib");
+    return qvapi::ParseCalibrationText(yaml, in.recordingPaths[0] + " (its calibration)");
+}
+
 int RunDepth(const DepthArgs& a)
 {
-    const ModuleCalibration cal = LoadCalibration(a.common);
     const bool filter = a.filter == "on";
     if (!filter && a.filter != "off")
         throw ToolError("--filter takes on or off");
@@ -211,34 +218,35 @@ int RunDepth(const DepthArgs& a)
         if (o != "depth" && o != "colour" && o != "ir" && o != "ply")
             throw ToolError("unknown output '" + o + "' (depth, colour, ir, ply)");
     const auto wants = [&](const char* o) { return std::find(a.outputs.begin(), a.outputs.end(), o) != a.outputs.end(); };
+    if (a.selection.every == 0)
+        throw ToolError("--every takes 1 or more");
+    if (a.selection.end && *a.selection.end < a.selection.start)
+        throw ToolError("--end comes before --start");
+    const bool mcap = a.format == "mcap";
 
     // Every input is checked before anything is written.
-    std::vector<StreamKind> kinds;
-    for (const std::string& path : a.captures) {
-        const uint64_t bytes = RegularFileSize(path);
-        const std::optional<StreamKind> found = StreamForBytes(bytes);
-        if (a.stream == "auto") {
-            if (!found)
-                throw ToolError(path + ": " + std::to_string(bytes) + " bytes fit no stream (" + StreamSizes() + ")");
-            kinds.push_back(*found);
-        } else {
-            const StreamKind k = ParseStream(a.stream);
-            if (bytes != 2 * Info(k).words)
-                throw ToolError(path + ": " + std::to_string(bytes) + " bytes, a " + a.stream + " capture has " +
-                                std::to_string(2 * Info(k).words));
-            kinds.push_back(k);
-        }
-    }
+    DepthInputs inputs = ExpandInputs(a.captures, a.selection, a.stream);
+    const std::vector<DepthInput>& captures = inputs.captures;
+    if (inputs.recordings.empty() && (a.selection.start != 0 || a.selection.end || a.selection.every != 1))
+        throw ToolError("--start, --end and --every select frames of recordings; no recording was given");
+    if (mcap && (a.captures.size() != 1 || inputs.recordings.size() != 1))
+        throw ToolError("--format mcap converts one recording into one processed recording");
+    if (mcap && a.jobs > 1)
+        throw ToolError("--format mcap writes one recording in order: --jobs 1");
+    qvapi::DeviceType device = qvapi::DEVICE_GENERIC;
+    const ModuleCalibration cal = RunCalibration(a, inputs, device);
     constexpr uint64_t kNv12Bytes = 1920u * 1080u * 3u / 2u;
     if (!a.colourFrames.empty()) {
-        if (a.colourFrames.size() != 1 && a.colourFrames.size() != a.captures.size())
+        if (!inputs.recordings.empty())
+            throw ToolError("--colour goes with capture files; a recording's frames bring their own colour");
+        if (a.colourFrames.size() != 1 && a.colourFrames.size() != captures.size())
             throw ToolError("--colour takes one NV12 frame for all captures or one per capture (" +
-                            std::to_string(a.captures.size()) + "), not " + std::to_string(a.colourFrames.size()));
+                            std::to_string(captures.size()) + "), not " + std::to_string(a.colourFrames.size()));
         if (!wants("ply"))
             throw ToolError("--colour colours the point clouds: ply must be among --outputs");
-        for (size_t n = 0; n < a.captures.size(); ++n)
-            if (Info(kinds[n]).width != 640 || Info(kinds[n]).height != 480)
-                throw ToolError(a.captures[n] + ": registration takes 640x480 depth; a " + Info(kinds[n]).name +
+        for (const DepthInput& c : captures)
+            if (Info(c.kind).width != 640 || Info(c.kind).height != 480)
+                throw ToolError(c.path + ": registration takes 640x480 depth; a " + Info(c.kind).name +
                                 " capture cannot be coloured");
         for (const std::string& frame : a.colourFrames)
             if (const uint64_t bytes = RegularFileSize(frame); bytes != kNv12Bytes)
@@ -246,14 +254,31 @@ int RunDepth(const DepthArgs& a)
                                 std::to_string(kNv12Bytes));
     }
     const qvapi::RegistrationGeometry geometry = qvapi::DepthToColourGeometry(cal.full);
-    const std::vector<std::string> stems = OutputStems(a.captures);
+    const bool canRegister = cal.full.rgbLens.fx != 0.0f;
     EnsureFolder(a.common.out);
+    std::unique_ptr<ProcessedRecording> processed;
+    if (mcap) {
+        const std::string path = In(a.common.out, OutputStem(a.captures[0]) + "_processed.mcap");
+        std::error_code ec;
+        if (fs::equivalent(path, a.captures[0], ec))
+            throw ToolError(path + ": the processed recording would replace the recording it comes from");
+        const qvapi::RecordingReader& source = *inputs.recordings[0];
+        qvapi::RecordingSetup setup;
+        setup.device = device;
+        setup.stream = source.Stream();
+        setup.moduleLabel = cal.full.label;
+        setup.calibrationYaml = qvapi::CalibrationText(cal, false);
+        processed = std::make_unique<ProcessedRecording>(path, setup, cal);
+    }
 
     // Every capture is converted as the serial run in the order given converts it, so
     // that any --jobs writes the same files. The serial run sets the instance up (Init)
     // for the first capture and again whenever the stream changes (single-frequency or
     // full; binned captures are frames of the full stream); each binned capture halves
     // the library's amplitude threshold until the next Init, for every later capture.
+    std::vector<StreamKind> kinds;
+    for (const DepthInput& c : captures)
+        kinds.push_back(c.kind);
     const std::vector<int> halvings = ThresholdHalvings(kinds);
     struct Worker {
         std::optional<qvapi::StreamType> configured;
@@ -262,10 +287,11 @@ int RunDepth(const DepthArgs& a)
     };
     const auto convert = [&](size_t n, Worker& w) -> CaptureTally {
         const StreamInfo& s = Info(kinds[n]);
+        const std::string& name = captures[n].name;
         // A worker that skipped captures of the serial run catches up: Init, then as
         // many binned frames (of zeros: only their number counts) as the serial run had.
         if (w.configured != s.type || w.halved > halvings[n]) {
-            w.lib = &Configure(cal, static_cast<qvapi::DeviceType>(a.common.device), kinds[n]);
+            w.lib = &Configure(cal, device, kinds[n]);
             w.configured = s.type;
             w.halved = 0;
         }
@@ -278,61 +304,75 @@ int RunDepth(const DepthArgs& a)
                 const int32_t status = lib->CalculateDepth(zeros.data(), &skipped, b.width, b.height);
                 delete[] skipped;
                 if (status != qvapi::STATUS_OK)
-                    throw ToolError(a.captures[n] + ": " + StatusText(status));
+                    throw ToolError(name + ": " + StatusText(status));
             }
         }
         if (kinds[n] == StreamKind::Binned)
             w.halved = std::min(w.halved + 1, kHalvingsToZero);
         lib->OpenFilter(filter);
         lib->SetFlipMode(static_cast<qvapi::FlipMode>(a.flip));
-        const std::vector<uint8_t> bytes = ReadFile(a.captures[n], 2 * s.words);
-        if (bytes.size() != 2 * s.words)
-            throw ToolError(a.captures[n] + ": changed size while reading");
-        std::vector<uint16_t> raw(s.words);
-        std::memcpy(raw.data(), bytes.data(), bytes.size());
+        qvapi::RecordedFrame frame = ReadCapture(inputs, n);
+        std::vector<uint16_t>& raw = frame.words;
 
         uint16_t* out = nullptr;
         const int32_t status = lib->CalculateDepth(raw.data(), &out, s.width, s.height);
         if (status != qvapi::STATUS_OK)
-            throw ToolError(a.captures[n] + ": " + StatusText(status));
-        const cv::Mat depth = DepthMat(out, s.width, s.height);
+            throw ToolError(name + ": " + StatusText(status));
+        Products p;
+        p.depth = DepthMat(out, s.width, s.height);
         delete[] out;
-        CaptureTally tally{static_cast<uint64_t>(cv::countNonZero(depth > 1)), depth.total()};
+        CaptureTally tally{static_cast<uint64_t>(cv::countNonZero(p.depth > 1)), p.depth.total()};
 
-        const std::string stem = In(a.common.out, stems[n]);
-        if (wants("depth"))
-            WritePng(stem + "_depth.png", depth);
-        if (wants("colour"))
-            WritePng(stem + "_colour.png", FalseColourWithLegend(*lib, depth, a.range[0], a.range[1]));
-        if (wants("ir")) {
-            std::vector<uint16_t> ir(static_cast<size_t>(s.width) * s.height);
-            lib->GetIR(raw.data(), ir.data(), s.width, s.height);
-            WritePng(stem + "_ir.png", IrPicture(ir, s.width, s.height));
+        // The colour frame of this capture: --colour's, or the one recorded with it.
+        std::vector<uint8_t> nv12;
+        if (!a.colourFrames.empty()) {
+            const std::string& file = a.colourFrames[a.colourFrames.size() == 1 ? 0 : n];
+            nv12 = ReadFile(file, kNv12Bytes);
+            if (nv12.size() != kNv12Bytes)
+                throw ToolError(file + ": changed size while reading");
+        } else if (frame.hasColour && frame.colourWidth == 1920 && frame.colourHeight == 1080 &&
+                   frame.nv12.size() == kNv12Bytes && s.width == 640 && s.height == 480 && canRegister) {
+            nv12 = frame.nv12;
         }
-        if (wants("ply")) {
-            std::vector<float> cloud(3 * static_cast<size_t>(s.width) * s.height);
-            const int32_t st = lib->GetCloudPoint(reinterpret_cast<const uint16_t*>(depth.data), cloud.data(),
+        if (wants("ir") || mcap) {
+            p.ir.resize(static_cast<size_t>(s.width) * s.height);
+            lib->GetIR(raw.data(), p.ir.data(), s.width, s.height);
+        }
+        if (wants("ply") || mcap) {
+            p.cloud.resize(3 * static_cast<size_t>(s.width) * s.height);
+            const int32_t st = lib->GetCloudPoint(reinterpret_cast<const uint16_t*>(p.depth.data), p.cloud.data(),
                                                   s.width, s.height);
             if (st != qvapi::STATUS_OK)
-                throw ToolError(a.captures[n] + ": " + StatusText(st));
+                throw ToolError(name + ": " + StatusText(st));
+        }
+        if (!nv12.empty() && (mcap || wants("ply")))
+            p.registration = Register(*lib, p.depth, nv12);
+        if (mcap) {
+            processed->Add(frame, kinds[n], p);
+            return tally;
+        }
+
+        const std::string stem = In(a.common.out, captures[n].stem);
+        if (wants("depth"))
+            WritePng(stem + "_depth.png", p.depth);
+        if (wants("colour"))
+            WritePng(stem + "_colour.png", FalseColourWithLegend(*lib, p.depth, a.range[0], a.range[1]));
+        if (wants("ir"))
+            WritePng(stem + "_ir.png", IrPicture(p.ir, s.width, s.height));
+        if (wants("ply")) {
             PlyOptions ply;
             ply.ascii = a.plyFormat == "ascii";
             ply.organised = a.plyLayout == "organised";
             ply.metres = a.plyUnits == "m";
             std::vector<uint8_t> colours;
-            if (!a.colourFrames.empty()) {
-                const std::string& frame = a.colourFrames[a.colourFrames.size() == 1 ? 0 : n];
-                std::vector<uint8_t> nv12 = ReadFile(frame, kNv12Bytes);
-                if (nv12.size() != kNv12Bytes)
-                    throw ToolError(frame + ": changed size while reading");
-                colours = PointColours(cloud, Register(*lib, depth, nv12).colourBgr, geometry);
-            }
-            WritePointCloud(stem + ".ply", cloud, s.width, s.height, ply, colours.empty() ? nullptr : &colours);
+            if (p.registration)
+                colours = PointColours(p.cloud, p.registration->colourBgr, geometry);
+            WritePointCloud(stem + ".ply", p.cloud, s.width, s.height, ply, colours.empty() ? nullptr : &colours);
         }
         return tally;
     };
 
-    Progress progress(a.captures.size());
+    Progress progress(captures.size());
     const auto start = std::chrono::steady_clock::now();
     size_t validPixels = 0, pixels = 0, done = 0;
     const auto finished = [&](size_t n, const CaptureTally& t) {
@@ -340,20 +380,22 @@ int RunDepth(const DepthArgs& a)
         pixels += t.pixels;
         const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         ++done;
-        progress.Step(done, fs::path(a.captures[n]).filename().string(), done / std::max(seconds, 1e-9));
+        progress.Step(done, fs::path(captures[n].name).filename().string(), done / std::max(seconds, 1e-9));
     };
-    const size_t jobs = std::min(static_cast<size_t>(a.jobs), a.captures.size());
+    const size_t jobs = std::min(static_cast<size_t>(a.jobs), captures.size());
     if (jobs <= 1) {
         Worker w;
-        for (size_t n = 0; n < a.captures.size(); ++n)
+        for (size_t n = 0; n < captures.size(); ++n)
             finished(n, convert(n, w));
-    } else if (Worker w; !RunInWorkers(jobs, a.captures.size(), [&](size_t n) { return convert(n, w); },
+    } else if (Worker w; !RunInWorkers(jobs, captures.size(), [&](size_t n) { return convert(n, w); },
                                        finished)) {
         return 1;  // the worker that failed has said why
     }
+    if (processed)
+        processed->Close();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("%zu capture%s in %.2f s (%.1f per second), %.1f%% of pixels with depth; outputs in %s\n",
-                a.captures.size(), a.captures.size() == 1 ? "" : "s", seconds, a.captures.size() / std::max(seconds, 1e-9),
+                captures.size(), captures.size() == 1 ? "" : "s", seconds, captures.size() / std::max(seconds, 1e-9),
                 pixels ? 100.0 * validPixels / pixels : 0.0, a.common.out.c_str());
     return 0;
 }
@@ -363,9 +405,21 @@ int RunDepth(const DepthArgs& a)
 Command AddDepthCommand(CLI::App& app)
 {
     const auto a = std::make_shared<DepthArgs>();
-    CLI::App* cmd = app.add_subcommand("depth", "Raw captures to depth, false colour, IR and point clouds");
+    CLI::App* cmd = app.add_subcommand("depth", "Raw captures or recordings to depth, false colour, IR and point clouds");
     AddCommon(cmd, a->common, "depth");
-    cmd->add_option("captures", a->captures, "Raw capture files")->required();
+    cmd->add_option("captures", a->captures,
+                    "Raw capture files and recordings (.mcap); a recording's frame n writes NAME_00000n_*")
+        ->required();
+    cmd->add_option("--start", a->selection.start, "First frame of each recording (from 0)")->default_val(0);
+    cmd->add_option("--end", a->selection.end, "Last frame of each recording, included (default: its last)");
+    cmd->add_option("--every", a->selection.every, "Every Nth frame of each recording from --start")
+        ->default_val(1)
+        ->check(CLI::PositiveNumber);
+    cmd->add_option("--format", a->format,
+                    "files: pictures and point clouds; mcap: one processed recording NAME_processed.mcap in --out "
+                    "(captures, depth, IR, points, registered depth, camera infos)")
+        ->default_val("files")
+        ->check(CLI::IsMember({"files", "mcap"}));
     cmd->add_option("--stream", a->stream, "auto (from the file size), single, dual or binned")->default_val("auto");
     cmd->add_option("--filter", a->filter, "Median and edge filter: on or off")->default_val("on");
     cmd->add_option("--flip", a->flip, "Flip mode 0-3")->default_val(0)->check(CLI::Range(0, 3));
@@ -390,7 +444,10 @@ Command AddDepthCommand(CLI::App& app)
     cmd->add_option("--colour", a->colourFrames,
                     "NV12 1920x1080 colour frames (one for all captures, or one per capture in order): "
                     "point clouds get each point's colour through registration");
-    return {cmd, [a] { return RunDepth(*a); }};
+    return {cmd, [a, cmd] {
+                a->deviceGiven = cmd->count("--device") > 0;
+                return RunDepth(*a);
+            }};
 }
 
 }  // namespace qvrecon

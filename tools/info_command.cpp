@@ -1,10 +1,14 @@
 // qvrecon info: the library's version and a summary of the calibration, or the
-// cameras' intrinsics as Open3D or ROS files.
+// cameras' intrinsics as Open3D or ROS files; or a recording's summary.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <set>
 #include <utility>
 #include <vector>
+
+#include <qvreconstruction/recording.h>
 
 #include "command_line.h"
 #include "output_files.h"
@@ -16,6 +20,7 @@ namespace {
 struct InfoArgs {
     Common common;
     std::string format = "text";
+    std::string recording;
 };
 
 void PrintLens(const char* name, const qvapi::Intrinsics& l)
@@ -65,15 +70,10 @@ std::string RosCameraInfo(const std::string& name, const qvapi::Intrinsics& l)
 int WriteIntrinsics(const ModuleCalibration& cal, const Common& c, const std::string& format)
 {
     const bool open3d = format == "open3d";
-    qvapi::Intrinsics binned = cal.full.depthLens;
-    binned.width /= 2;
-    binned.height /= 2;
-    binned.fx /= 2;
-    binned.fy /= 2;
-    binned.cx /= 2;
-    binned.cy /= 2;
     std::vector<std::pair<std::string, qvapi::Intrinsics>> cameras = {
-        {"depth", cal.full.depthLens}, {"depth_binned", binned}, {"depth_single", cal.binned.depthLens}};
+        {"depth", DepthLens(cal, StreamKind::Dual)},
+        {"depth_binned", DepthLens(cal, StreamKind::Binned)},
+        {"depth_single", DepthLens(cal, StreamKind::Single)}};
     if (cal.full.rgbLens.fx != 0.0f) {
         qvapi::Intrinsics colour = cal.full.rgbLens;
         if (open3d) {
@@ -98,6 +98,115 @@ int WriteIntrinsics(const ModuleCalibration& cal, const Common& c, const std::st
     for (const auto& file : files)
         std::printf("%s\n", file.first.c_str());
     return 0;
+}
+
+std::string Seconds(uint64_t ns)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f s", ns / 1e9);
+    return text;
+}
+
+// A recording's summary on stdout: frames, duration, channels, storage, temperatures,
+// gaps and dropped frames, calibration. What is damaged goes to stderr, one line
+// each, and the rest is still summed up; the exit code is then 1.
+int RecordingInfo(const std::string& path)
+{
+    qvapi::RecordingReader r;
+    const qvapi::RecordingStatus opened = r.Open(path);
+    if (!opened.ok())
+        throw ToolError(opened.message);
+    std::vector<std::string> problems = r.Problems();
+    // Every frame's information; a frame that cannot be read names its chunk, once.
+    std::vector<uint64_t> times;
+    std::vector<uint64_t> dropped;  // frame numbers with frames lost before them
+    uint64_t lost = 0, unreadable = 0, withColour = 0;
+    float tMin = 0, tMax = 0;
+    uint16_t codeMin = 0, codeMax = 0;
+    std::set<std::string> seen(problems.begin(), problems.end());
+    qvapi::RecordedFrame f;
+    for (uint64_t k = 0; k < r.FrameCount(); ++k) {
+        const qvapi::RecordingStatus st = r.ReadFrame(k, f);
+        if (!st.ok()) {
+            ++unreadable;
+            if (seen.insert(st.message).second)
+                problems.push_back(st.message);
+            continue;
+        }
+        if (times.empty() || f.temperatureC < tMin) tMin = f.temperatureC, codeMin = f.temperatureCode;
+        if (times.empty() || f.temperatureC > tMax) tMax = f.temperatureC, codeMax = f.temperatureCode;
+        times.push_back(f.timeNs);
+        withColour += f.hasColour;
+        if (f.framesDropped > 0) {
+            lost += f.framesDropped;
+            dropped.push_back(k);
+        }
+    }
+    for (const std::string& p : problems)
+        std::fprintf(stderr, "qvrecon: %s\n", OneLine(p).c_str());
+
+    const std::map<std::string, std::string>& md = r.Metadata();
+    const auto meta = [&](const char* key) { return md.count(key) ? md.at(key) : std::string("?"); };
+    std::printf("recording: %s\n", path.c_str());
+    if (r.IndexRebuilt())
+        std::printf("index: rebuilt by a scan (the file has no usable summary: cut short?)\n");
+    std::printf("frames: %llu", static_cast<unsigned long long>(r.FrameCount()));
+    if (unreadable)
+        std::printf(" (%llu unreadable)", static_cast<unsigned long long>(unreadable));
+    std::printf(", %llu with a colour frame\n", static_cast<unsigned long long>(withColour));
+    const uint64_t first = times.empty() ? 0 : times.front(), last = times.empty() ? 0 : times.back();
+    std::printf("duration: %s (first capture at %llu ns, last at %llu ns)\n", Seconds(last - first).c_str(),
+                static_cast<unsigned long long>(first), static_cast<unsigned long long>(last));
+    std::printf("device %s, stream %s, module \"%s\", library %s, algorithms %s\n", meta("device_type").c_str(),
+                meta("stream").c_str(), r.ModuleLabel().c_str(), meta("library_version").c_str(),
+                meta("algorithm_version").c_str());
+    if (r.CalibrationYaml().empty()) {
+        std::printf("calibration: none attached\n");
+    } else {
+        try {
+            const ModuleCalibration cal = qvapi::ParseCalibrationText(r.CalibrationYaml(), "the attached calibration");
+            std::printf("calibration: attached, full record \"%s\", binned record \"%s\"\n", cal.full.label.c_str(),
+                        cal.binned.label.c_str());
+        } catch (const CalibrationError& e) {
+            std::printf("calibration: attached but unreadable (%s)\n", OneLine(e.what()).c_str());
+        }
+    }
+    std::printf("channels:\n");
+    for (const qvapi::RecordingChannel& c : r.Channels())
+        std::printf("  %-30s %-40s %llu messages\n", c.topic.c_str(), c.schemaName.c_str(),
+                    static_cast<unsigned long long>(c.messages));
+    const qvapi::RecordingStorage storage = r.Storage();
+    std::printf("storage: %s, %llu chunks, %.1f MB of records in %.1f MB (%.2f:1), file %.1f MB\n",
+                storage.compression.c_str(), static_cast<unsigned long long>(storage.chunks),
+                storage.recordBytes / 1e6, storage.storedBytes / 1e6,
+                storage.recordBytes / std::max<double>(storage.storedBytes, 1.0), storage.fileBytes / 1e6);
+    if (!times.empty())
+        std::printf("temperature: %.2f to %.2f degrees C (codes %u to %u)\n", tMin, tMax, codeMin, codeMax);
+    // Gaps: steps between captures of more than 1.5 times the median step.
+    std::vector<uint64_t> steps;
+    for (size_t k = 1; k < times.size(); ++k)
+        steps.push_back(times[k] >= times[k - 1] ? times[k] - times[k - 1] : 0);
+    if (!steps.empty()) {
+        std::vector<uint64_t> sorted = steps;
+        std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
+        const uint64_t median = sorted[sorted.size() / 2];
+        std::string gaps;
+        size_t count = 0;
+        for (size_t k = 0; k < steps.size(); ++k)
+            if (steps[k] * 2 > median * 3) {
+                if (++count <= 10)
+                    gaps += (gaps.empty() ? "" : ", ") + std::string("before frame ") + std::to_string(k + 1) + " (" +
+                            Seconds(steps[k]) + ")";
+            }
+        std::printf("frame step: median %s (%.2f fps); gaps: %s%s\n", Seconds(median).c_str(),
+                    median ? 1e9 / median : 0.0, count ? gaps.c_str() : "none",
+                    count > 10 ? (" and " + std::to_string(count - 10) + " more").c_str() : "");
+    }
+    std::printf("dropped frames: %llu", static_cast<unsigned long long>(lost));
+    for (size_t k = 0; k < dropped.size() && k < 10; ++k)
+        std::printf("%s%llu", k == 0 ? " (before frames " : ", ", static_cast<unsigned long long>(dropped[k]));
+    std::printf("%s\n", dropped.empty() ? "" : dropped.size() > 10 ? ", ...)" : ")");
+    return problems.empty() ? 0 : 1;
 }
 
 int RunInfo(const Common& c, const std::string& format)
@@ -140,7 +249,14 @@ Command AddInfoCommand(CLI::App& app)
                     "(Open3D's PinholeCameraIntrinsic JSON, ROS camera_info YAML)")
         ->default_val("text")
         ->check(CLI::IsMember({"text", "open3d", "ros"}));
-    return {cmd, [a] { return RunInfo(a->common, a->format); }};
+    cmd->add_option("recording", a->recording, "A recording (.mcap) to sum up instead");
+    return {cmd, [a] {
+                if (a->recording.empty())
+                    return RunInfo(a->common, a->format);
+                if (a->format != "text" || !a->common.calib.empty())
+                    throw ToolError("a recording's summary takes neither --format nor --calib");
+                return RecordingInfo(a->recording);
+            }};
 }
 
 }  // namespace qvrecon

@@ -149,6 +149,17 @@ public:
         // Shorter than the temporary's name, so it fits.
         std::memcpy(g_removeOnSignal[slot_], path_.c_str(), path_.size() + 1);
     }
+    // Closes and removes the file but keeps its name reserved (removed on errors and
+    // signals), for a writer that creates the file itself, exclusively.
+    void Release()
+    {
+        close(fd_);
+        fd_ = -1;
+        SignalsBlocked blocked;
+        unlink(g_removeOnSignal[slot_]);
+        name_ = g_removeOnSignal[slot_];
+    }
+    const std::string& Name() const { return name_; }
     void Keep()
     {
         SignalsBlocked blocked;
@@ -156,7 +167,7 @@ public:
     }
 
 private:
-    std::string path_;
+    std::string path_, name_;
     int slot_ = 0;
     int fd_ = -1;
 };
@@ -296,6 +307,24 @@ void WriteBytes(const std::string& path, const void* data, size_t size)
     temporary.Close();
     temporary.Rename();
     temporary.Keep();
+}
+
+struct PendingFile::Impl {
+    explicit Impl(const std::string& path) : temporary(path) { temporary.Release(); }
+    Temporary temporary;
+};
+
+PendingFile::PendingFile(const std::string& path) : impl_(new Impl(path)) {}
+PendingFile::~PendingFile() = default;
+const std::string& PendingFile::TemporaryPath() const { return impl_->temporary.Name(); }
+
+void PendingFile::Commit()
+{
+    // Whatever the writer left is the file's: umask-honouring mode as every output.
+    if (chmod(impl_->temporary.Name().c_str(), FileMode()) != 0)
+        throw ToolError(impl_->temporary.Name() + ": cannot write (" + Reason(errno) + ")");
+    impl_->temporary.Rename();
+    impl_->temporary.Keep();
 }
 
 void WriteFiles(const std::vector<std::pair<std::string, std::string>>& files)

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -66,6 +67,25 @@ void WriteBytes(const std::string& path, const void* data, size_t size);
 // signal, before the last rename leaves none of them (those already renamed are
 // removed). At most 16 files.
 void WriteFiles(const std::vector<std::pair<std::string, std::string>>& files);
+
+// A file that another writer fills through a path of its own (the recording library
+// opens the path it is given): a fresh name beside `path`, reserved for this process
+// but with no file, for the writer to create exclusively; removed on errors (the
+// destructor) and on signals; Commit() gives it the mode of every output and renames
+// it into place.
+class PendingFile {
+public:
+    explicit PendingFile(const std::string& path);
+    ~PendingFile();
+    PendingFile(const PendingFile&) = delete;
+    PendingFile& operator=(const PendingFile&) = delete;
+    const std::string& TemporaryPath() const;
+    void Commit();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
 
 // PNG of an 8-bit (grey or BGR) or 16-bit image.
 void WritePng(const std::string& path, const cv::Mat& image);

@@ -51,6 +51,37 @@ std::optional<StreamKind> StreamForBytes(size_t bytes)
     return std::nullopt;
 }
 
+std::optional<StreamKind> StreamOf(qvapi::StreamType type, int width, int height)
+{
+    for (const StreamInfo& s : kStreams)
+        if (s.type == type && s.width == width && s.height == height)
+            return s.kind;
+    return std::nullopt;
+}
+
+qvapi::Intrinsics DepthLens(const ModuleCalibration& calibration, StreamKind stream)
+{
+    if (stream == StreamKind::Single)
+        return calibration.binned.depthLens;
+    qvapi::Intrinsics lens = calibration.full.depthLens;
+    if (stream == StreamKind::Binned) {
+        // Every other ray of the full grid.
+        lens.width /= 2;
+        lens.height /= 2;
+        lens.fx /= 2;
+        lens.fy /= 2;
+        lens.cx /= 2;
+        lens.cy /= 2;
+    }
+    return lens;
+}
+
+SensorTemperature TemperatureOf(const uint16_t* words)
+{
+    const uint16_t code = static_cast<uint16_t>(((words[188] >> 2) << 8) + (words[190] >> 2));
+    return {code, static_cast<float>((code - 296) * 0.18518518518518517 + 25.0)};
+}
+
 StreamKind ParseStream(const std::string& name)
 {
     for (const StreamInfo& s : kStreams)

@@ -35,6 +35,22 @@ StreamKind ParseStream(const std::string& name);
 // "single 614400, binned 2457600, dual 9830400 bytes": for messages.
 std::string StreamSizes();
 
+// The stream of a capture of this type and depth-image size, if any.
+std::optional<StreamKind> StreamOf(qvapi::StreamType type, int width, int height);
+
+// The depth camera's lens as the images of a stream see it: the full record's for the
+// full stream, halved for its binned read-outs, the binned record's for the
+// single-frequency stream.
+qvapi::Intrinsics DepthLens(const ModuleCalibration& calibration, StreamKind stream);
+
+// The sensor's temperature code, carried in words 188 (high part) and 190 (low part)
+// of a capture, and the degrees the library reads it as.
+struct SensorTemperature {
+    uint16_t code;
+    float celsius;
+};
+SensorTemperature TemperatureOf(const uint16_t* words);
+
 // The library's one instance, configured for a module, a device and a stream. The
 // reduced stream is initialised with the binned record as its working record (its
 // tables are 320 x 240); the full stream with the binned and full records.

@@ -1,5 +1,5 @@
 // qvrecon: time-of-flight captures to depth, IR, point clouds and registered colour,
-// without writing code. Each sub-command (simulate, depth, register, info, demo) lives
+// without writing code. Each sub-command (simulate, depth, register, info, demo, record) lives
 // in its own file; this one puts them on the command line and runs the one given.
 #include <cstdio>
 #include <exception>
@@ -23,7 +23,7 @@ int main(int argc, char** argv)
     app.set_version_flag("--version", "qvrecon " QVRECON_VERSION " (algorithms " + version + ")");
 
     const Command commands[] = {AddSimulateCommand(app), AddDepthCommand(app), AddRegisterCommand(app),
-                                AddInfoCommand(app), AddDemoCommand(app)};
+                                AddInfoCommand(app), AddDemoCommand(app), AddRecordCommand(app)};
 
     // Exit codes: 0 done, 1 a run that failed, 2 a command line that cannot be run.
     // Every failure is one line on stderr.

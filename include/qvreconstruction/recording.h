@@ -90,6 +90,12 @@ enum class ProcessedImage : int32_t {
     RegisteredDepth,    // 16UC1, on the colour camera's pixels
 };
 
+// The cameras whose lenses a recording describes.
+enum class RecordedCamera : int32_t {
+    Depth,   // the images of /qv/depth, /qv/ir and the points
+    Colour,  // the colour frames, and the registered depth and undistorted colour
+};
+
 class QV_RECORDING_API RecordingWriter {
 public:
     RecordingWriter();
@@ -107,6 +113,10 @@ public:
                                int32_t height);
     RecordingStatus WritePoints(uint64_t timeNs, const float* xyz, int32_t width, int32_t height);
     RecordingStatus WriteUndistortedColour(uint64_t timeNs, const uint8_t* bgr, int32_t width, int32_t height);
+    // A camera's lens as sensor_msgs/CameraInfo (plumb-bob distortion k1, k2, p1, p2,
+    // k3; the projection is the camera matrix) on /qv/depth/camera_info or
+    // /qv/colour/camera_info, for the images of that camera written at the same time.
+    RecordingStatus WriteCameraInfo(RecordedCamera camera, uint64_t timeNs, const Intrinsics& lens);
     // Writes the last chunk and the summary.
     RecordingStatus Close();
     // Bytes written to the file, and the messages' bytes before compression.
@@ -143,6 +153,15 @@ struct RecordingChannel {
     uint64_t messages = 0;
 };
 
+// How a recording's chunks are stored.
+struct RecordingStorage {
+    std::string compression;   // "none", "lz4" or "zstd"; several joined by '+'
+    uint64_t chunks = 0;
+    uint64_t storedBytes = 0;  // the chunks' records as stored in the file
+    uint64_t recordBytes = 0;  // the same records uncompressed
+    uint64_t fileBytes = 0;
+};
+
 class QV_RECORDING_API RecordingReader {
 public:
     RecordingReader();
@@ -166,6 +185,8 @@ public:
     uint64_t FrameCount() const;
     uint64_t FirstTimeNs() const;
     uint64_t LastTimeNs() const;
+    // The chunks of the index (for a scanned file: the complete ones).
+    RecordingStorage Storage() const;
 
     // A cursor between frames: Next() reads the frame after it and moves past it,
     // Previous() moves back over a frame and reads it (so Next then Previous read the

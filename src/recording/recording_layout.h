@@ -20,6 +20,8 @@ enum ChannelId : uint16_t {
     kRegisteredDepthChannel = 6,
     kPointsChannel = 7,
     kUndistortedColourChannel = 8,
+    kDepthInfoChannel = 9,
+    kColourInfoChannel = 10,
 };
 
 struct ChannelLayout {
@@ -36,6 +38,8 @@ constexpr ChannelLayout kChannels[] = {
     {kRegisteredDepthChannel, "/qv/registered_depth/image", "sensor_msgs/msg/Image"},
     {kPointsChannel, "/qv/points", "sensor_msgs/msg/PointCloud2"},
     {kUndistortedColourChannel, "/qv/colour/image_undistorted", "sensor_msgs/msg/Image"},
+    {kDepthInfoChannel, "/qv/depth/camera_info", "sensor_msgs/msg/CameraInfo"},
+    {kColourInfoChannel, "/qv/colour/camera_info", "sensor_msgs/msg/CameraInfo"},
 };
 
 constexpr const char kProfile[] = "ros2";

@@ -149,6 +149,24 @@ uint64_t RecordingReader::LastTimeNs() const
     return d.frames ? d.reader.Chunks()[d.frameChunks.back()].messageEndTime : 0;
 }
 
+RecordingStorage RecordingReader::Storage() const
+{
+    const mcap::Reader& r = impl_->reader;
+    RecordingStorage out;
+    std::vector<std::string> kinds;
+    for (const mcap::ChunkIndex& c : r.Chunks()) {
+        ++out.chunks;
+        out.storedBytes += c.compressedSize;
+        out.recordBytes += c.uncompressedSize;
+        const std::string kind = c.compression.empty() ? "none" : c.compression;
+        if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) kinds.push_back(kind);
+    }
+    for (const std::string& k : kinds) out.compression += (out.compression.empty() ? "" : "+") + k;
+    if (kinds.empty()) out.compression = "none";
+    out.fileBytes = r.FileSize();
+    return out;
+}
+
 // The colour frame nearest in time among the chunks near the capture's: captures and
 // colour frames are written as they come, so the nearest lies at most a few chunks away.
 RecordingStatus RecordingReader::Impl::Colour(size_t around, uint64_t timeNs, RecordedFrame& f)

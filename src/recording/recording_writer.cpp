@@ -1,6 +1,7 @@
 #include <qvreconstruction/recording.h>
 
 #include <climits>
+#include <cmath>
 #include <set>
 #include <string>
 #include <vector>
@@ -190,6 +191,33 @@ RecordingStatus RecordingWriter::WriteUndistortedColour(uint64_t timeNs, const u
     if (!impl_->open) return {RECORDING_INVALID_ARGUMENT, "the writer is not open"};
     if (bgr == nullptr || !SizeOk(w, h, 3)) return {RECORDING_INVALID_ARGUMENT, "an image needs pixels and a size"};
     return impl_->PutImage(kUndistortedColourChannel, timeNs, bgr, w, h, 3, "bgr8", kColourFrame, uint64_t(h));
+}
+
+RecordingStatus RecordingWriter::WriteCameraInfo(RecordedCamera camera, uint64_t timeNs, const Intrinsics& l)
+{
+    Impl& d = *impl_;
+    if (!d.open) return {RECORDING_INVALID_ARGUMENT, "the writer is not open"};
+    if (camera != RecordedCamera::Depth && camera != RecordedCamera::Colour)
+        return {RECORDING_INVALID_ARGUMENT, "unknown camera"};
+    const float numbers[] = {l.fx, l.fy, l.cx, l.cy, l.k1, l.k2, l.p1, l.p2, l.k3};
+    bool finite = true;
+    for (float v : numbers) finite = finite && std::isfinite(v);
+    if (l.width <= 0 || l.height <= 0 || !finite || !(l.fx > 0.0f) || !(l.fy > 0.0f))
+        return {RECORDING_INVALID_ARGUMENT, "a camera info needs a size and a finite lens with fx, fy > 0"};
+    const bool depth = camera == RecordedCamera::Depth;
+    CameraInfo info;
+    info.header.stamp = Time::FromNanoseconds(timeNs);
+    info.header.frame_id = depth ? kDepthFrame : kColourFrame;
+    info.width = static_cast<uint32_t>(l.width);
+    info.height = static_cast<uint32_t>(l.height);
+    info.distortion_model = "plumb_bob";
+    info.d = {l.k1, l.k2, l.p1, l.p2, l.k3};
+    info.k = {l.fx, 0, l.cx, 0, l.fy, l.cy, 0, 0, 1};
+    info.r = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    info.p = {l.fx, 0, l.cx, 0, 0, l.fy, l.cy, 0, 0, 0, 1, 0};
+    d.payload.clear();
+    Encode(info, &d.payload);
+    return d.Put(depth ? kDepthInfoChannel : kColourInfoChannel, timeNs, true);
 }
 
 RecordingStatus RecordingWriter::WritePoints(uint64_t timeNs, const float* xyz, int32_t w, int32_t h)
