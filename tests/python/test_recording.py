@@ -1,13 +1,16 @@
 """Recordings from Python: what is written reads back bit for bit, the ways to a frame
-agree, and damaged and cut-short files read as far as they can."""
+agree, damaged and cut-short files read as far as they can, and batch converts
+recordings as a serial run would, here or over Dask."""
 import os
 import shutil
+import subprocess
 import threading
 
 import numpy as np
 import pytest
 
 import qvreconstruction as qv
+from qvreconstruction import batch
 
 T0 = 1_700_000_000_000_000_000  # capture times: nanoseconds since the epoch
 WORDS = {"dual": 16 * 640 * 480, "binned": 16 * 320 * 240, "single": 4 * 320 * 240}
@@ -102,8 +105,8 @@ def test_single_stream_recordings_and_default_sequence_numbers(tmp_path):
 
 
 def test_indexing_iteration_seek_time_and_threads_agree(tmp_path):
-    captures = session(9)
-    rec = qv.Recording(write(tmp_path / "s.mcap", captures, chunk_bytes=600_000))
+    captures = session(9, kinds=("binned",))
+    rec = qv.Recording(write(tmp_path / "s.mcap", captures, chunk_bytes=5_000_000))
     times = [c[2] for c in captures]
     by_index = [rec[k] for k in range(len(rec))]
     assert [f.index for f in rec] == list(range(9)) == [f.index for f in by_index]
@@ -125,7 +128,7 @@ def test_indexing_iteration_seek_time_and_threads_agree(tmp_path):
     seen = {}
 
     def read(offset):
-        seen[offset] = [rec[(k + offset) % 9].raw.copy() for k in range(18)]
+        seen[offset] = [rec[(k + offset) % 9].raw.copy() for k in range(9)]
 
     threads = [threading.Thread(target=read, args=(k,)) for k in range(4)]
     for t in threads:
@@ -176,6 +179,8 @@ def test_a_flipped_byte_names_its_chunk_and_the_other_frames_read(tmp_path):
         assert np.array_equal(rec[k].raw, captures[k][1])
     with pytest.raises(qv.RecordingError, match="chunk"):
         rec.info
+    with pytest.raises(qv.RecordingError, match="chunk"):
+        batch.process([path], tmp_path / "out", progress=False)
 
 
 def test_bad_files_and_bad_writes_are_refused(tmp_path):
@@ -222,3 +227,95 @@ def test_bad_files_and_bad_writes_are_refused(tmp_path):
     with pytest.raises(ValueError, match="other records"):
         qv.RecordingWriter(path, binned, other, calibration_yaml=yaml, overwrite=True)
 
+
+QVRECON = os.environ.get("QVRECON")
+
+
+def dark_capture(folder, name, kind, seed):
+    """A capture whose noise lies about the amplitude threshold (a patch returns no
+    light): its depth shows how many binned frames halved the threshold before it."""
+    subprocess.run([QVRECON, "simulate", "--dark", "--noise", "2", "--seed", str(seed), "--stream",
+                    kind, "--out", str(folder / "sim")], check=True,
+                   capture_output=True)
+    folder.mkdir(parents=True, exist_ok=True)
+    os.replace(folder / "sim" / "capture.raw", folder / name)
+    return folder / name
+
+
+@pytest.fixture(scope="module")
+def mixed(tmp_path_factory):
+    """Binned and full captures as files and the same captures in one recording."""
+    folder = tmp_path_factory.mktemp("mixed")
+    kinds = ["dual", "binned", "dual", "binned", "binned", "dual", "dual", "binned", "dual"]
+    sources = {(kind, seed): dark_capture(folder / "sim", f"{kind}{seed}.raw", kind, seed)
+               for kind, seed in [("dual", 1), ("dual", 2), ("binned", 3), ("binned", 4)]}
+    files = []
+    for k, kind in enumerate(kinds):
+        files.append(folder / f"c{k}.raw")
+        shutil.copy(sources[kind, 1 + k % 2 + 2 * (kind == "binned")], files[-1])
+    captures = [(kind, np.fromfile(p, "<u2"), T0 + k * 33_333_333, k, 0, np.float32(35), 0)
+                for k, (kind, p) in enumerate(zip(kinds, files))]
+    return files, write(folder / "rec.mcap", captures, chunk_bytes=1 << 20)
+
+
+@pytest.mark.skipif(QVRECON is None, reason="needs the qvrecon tool")
+def test_batch_over_a_recording_equals_batch_over_its_captures_as_files(tmp_path, mixed):
+    files, rec = mixed
+    from_files = batch.process(files, tmp_path / "files", progress=False)
+    from_rec = batch.process([rec], tmp_path / "rec", progress=False, frames_per_task=4)
+    assert from_rec == from_files
+    assert sorted(os.listdir(tmp_path / "rec")) == sorted(f"rec_{k:06d}{s}" for k in range(9)
+                                                         for s in ("_depth.npy", ".ply"))
+    for k in range(9):
+        for suffix in ("_depth.npy", ".ply"):
+            assert (tmp_path / "rec" / f"rec_{k:06d}{suffix}").read_bytes() == \
+                (tmp_path / "files" / f"c{k}{suffix}").read_bytes(), (k, suffix)
+    # The threshold halving shows: the last full capture differs from a fresh instance's.
+    r = qv.Reconstruction()
+    r.set_type(qv.DeviceType.GENERIC, qv.StreamType.DUAL_FREQ)
+    r.init(*qv.sample_calibration())
+    r.set_flip_mode(qv.FlipMode.NONE)
+    r.open_filter(True)
+    fresh = r.calculate_depth(np.fromfile(files[8], "<u2"), 640, 480)
+    assert np.count_nonzero(np.load(tmp_path / "rec" / "rec_000008_depth.npy") != fresh) > 20
+
+
+@pytest.mark.skipif(QVRECON is None, reason="needs the qvrecon tool")
+def test_dask_over_a_recording_with_binned_and_full_frames_equals_serial(tmp_path, mixed):
+    from dask.distributed import Client, LocalCluster
+
+    files, rec = mixed
+    # A capture named like a frame of the recording, and a recording with another calibration.
+    clash = tmp_path / "in" / "rec_000002.raw"
+    clash.parent.mkdir()
+    shutil.copy(files[1], clash)
+    binned, full = qv.sample_calibration()
+    full.depth_offset_f2 += 30
+    moved = tmp_path / "in" / "moved.mcap"
+    with qv.RecordingWriter(str(moved), binned, full) as w:
+        for k in (0, 1, 2):
+            w.write_capture(np.fromfile(files[k], "<u2"), *SIZE["dual" if k != 1 else "binned"], T0 + k)
+    inputs = [files[3], rec, clash, moved, files[7]]
+    serial = batch.process(inputs, tmp_path / "serial", progress=False, frames_per_task=3)
+    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None) as cluster, \
+            Client(cluster) as client:
+        spread = batch.process(inputs, tmp_path / "dask", client=client, progress=False, frames_per_task=2)
+    assert spread == serial and len(serial) == 1 + 9 + 1 + 3 + 1
+    names = sorted(os.listdir(tmp_path / "serial"))
+    stems = ["c3", *(f"rec_{k:06d}" for k in range(9)), "rec_000002-2", *(f"moved_{k:06d}" for k in range(3)), "c7"]
+    assert names == sorted(f"{s}{suffix}" for s in stems for suffix in ("_depth.npy", ".ply"))
+    for name in names:
+        assert (tmp_path / "serial" / name).read_bytes() == (tmp_path / "dask" / name).read_bytes(), name
+    # The recording's own calibration converts its frames: a fresh instance with the
+    # moved records gives its first frame (set up afresh for the new records).
+    r = qv.Reconstruction()
+    r.set_type(qv.DeviceType.GENERIC, qv.StreamType.DUAL_FREQ)
+    r.init(binned, full)
+    r.set_flip_mode(qv.FlipMode.NONE)
+    r.open_filter(True)
+    assert np.array_equal(np.load(tmp_path / "dask" / "moved_000000_depth.npy"),
+                          r.calculate_depth(np.fromfile(files[0], "<u2"), 640, 480))
+    # Unless a calibration is given for the whole batch.
+    batch.process([moved], tmp_path / "given", calibration=qv.sample_calibration(), progress=False)
+    assert (tmp_path / "given" / "moved_000000.ply").read_bytes() != \
+        (tmp_path / "dask" / "moved_000000.ply").read_bytes()
