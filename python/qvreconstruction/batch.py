@@ -206,22 +206,24 @@ def convert(path, stem, calibration=None, filter_on=True, binned_before=0):
     return _convert_words(raw, stream, width, height, stem, _records(calibration), filter_on, binned_before)
 
 
-def convert_frames(path, frames, stems, calibration, filter_on=True, binned_before=None, kinds=None):
+def convert_frames(path, frames, stems, calibration=None, filter_on=True, binned_before=None, kinds=None):
     """Converts frames of a recording in the order given: frame `frames[i]` to
-    `stems[i]`_depth.npy and .ply, with the records `calibration` (binned, full) and
-    `binned_before[i]` binned captures before it since the serial run set the instance
-    up (zeros when None). `kinds`, when given, are the frames' kinds the caller planned
+    `stems[i]`_depth.npy and .ply, with `calibration` (the records (binned, full) or a
+    calibration file's path; the recording's own when None) and `binned_before[i]`
+    binned captures before it since the serial run set the instance up (zeros when
+    None). `kinds`, when given, are the frames' kinds the caller planned
     with ("single", "dual", "binned"): a frame of another kind (the file replaced
     meanwhile) is refused. Returns (pixels with depth, pixels) per frame."""
     from .recording import Recording
 
     results = []
     with Recording(path) as rec:
+        records = rec.calibration if calibration is None else _records(calibration)
         for i, (index, stem) in enumerate(zip(frames, stems)):
             frame = rec[index]
             if kinds is not None and frame.kind != kinds[i]:
                 raise ValueError(f"{path}: frame {index} is {frame.kind}, not {kinds[i]} as first read")
-            results.append(_convert_words(frame.raw, frame.kind, frame.width, frame.height, stem, calibration,
+            results.append(_convert_words(frame.raw, frame.kind, frame.width, frame.height, stem, records,
                                           filter_on, 0 if binned_before is None else binned_before[i]))
     return results
 

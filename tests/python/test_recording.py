@@ -278,6 +278,9 @@ def test_batch_over_a_recording_equals_batch_over_its_captures_as_files(tmp_path
     r.open_filter(True)
     fresh = r.calculate_depth(np.fromfile(files[8], "<u2"), 640, 480)
     assert np.count_nonzero(np.load(tmp_path / "rec" / "rec_000008_depth.npy") != fresh) > 20
+    # One frame alone, told the binned frames before it, with the recording's own records.
+    batch.convert_frames(rec, [8], [str(tmp_path / "alone")], binned_before=[4])
+    assert (tmp_path / "alone.ply").read_bytes() == (tmp_path / "rec" / "rec_000008.ply").read_bytes()
 
 
 @pytest.mark.skipif(QVRECON is None, reason="needs the qvrecon tool")
