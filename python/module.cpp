@@ -3,7 +3,7 @@
 // Frame inputs are read in place when they are C-contiguous arrays of the right type;
 // other integer arrays are converted when every value fits, anything else is refused.
 // Every image the library hands out becomes the numpy array's own memory, freed with
-// the array. Frame operations release the GIL.
+// the array. Frame operations and recordings' reads and writes release the GIL.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -18,9 +18,12 @@
 #include <shared_mutex>
 #include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include <qvreconstruction/calibration_file.h>
 #include <qvreconstruction/reconstruction.h>
+#include <qvreconstruction/recording.h>
 
 #include "sample_calibration.h"
 #include "simulator.h"
@@ -229,6 +232,148 @@ qvsim::SceneKind SceneOf(const std::string& name)
     if (name == "sphere")
         return qvsim::SceneKind::Sphere;
     throw py::value_error("unknown scene '" + name + "' (wall, plane, boxes, sphere)");
+}
+
+// Recordings: the recording library's reader and writer with numpy arrays. Each
+// object takes its own lock (after releasing the GIL), so that threads sharing one
+// take turns; different objects work side by side.
+py::object* g_recording_error = nullptr;
+
+// Text from a file (labels, metadata, messages naming records) need not be UTF-8.
+py::str Text(const std::string& s)
+{
+    PyObject* text = PyUnicode_DecodeUTF8(s.data(), static_cast<py::ssize_t>(s.size()), "replace");
+    if (text == nullptr)
+        throw py::error_already_set();
+    return py::reinterpret_steal<py::str>(text);
+}
+
+[[noreturn]] void RaiseRecording(const qvapi::RecordingStatus& status)
+{
+    py::object e = (*g_recording_error)(Text(status.message), status.code);
+    PyErr_SetObject(g_recording_error->ptr(), e.ptr());
+    throw py::error_already_set();
+}
+
+// A vector handed over to a 1-D numpy array, which frees it.
+template <typename T>
+py::array_t<T> FromVector(std::vector<T>&& values)
+{
+    auto* owned = new std::vector<T>(std::move(values));
+    py::capsule free(owned, [](void* p) { delete static_cast<std::vector<T>*>(p); });
+    return py::array_t<T>({static_cast<py::ssize_t>(owned->size())}, owned->data(), free);
+}
+
+// The raw frames' kind by the names simulate_capture and batch use.
+const char* KindOf(qvapi::StreamType stream, int32_t width)
+{
+    return Single(stream) ? "single" : width == 320 ? "binned" : "dual";
+}
+
+// One recorded capture as Python sees it.
+struct Frame {
+    uint64_t index = 0;
+    qvapi::StreamType stream = qvapi::STREAM_DUAL_FREQ;
+    int32_t width = 0, height = 0;
+    py::array_t<uint16_t> raw;
+    uint64_t timeNs = 0, sequence = 0;
+    uint16_t temperatureCode = 0;
+    float temperatureC = 0.0f;
+    uint32_t framesDropped = 0;
+    py::object colour = py::none(), colourTimeNs = py::none();
+    int32_t colourWidth = 0, colourHeight = 0;
+};
+
+Frame ToFrame(qvapi::RecordedFrame&& f)
+{
+    Frame out;
+    out.index = f.index;
+    out.stream = f.stream;
+    out.width = f.width;
+    out.height = f.height;
+    out.raw = FromVector(std::move(f.words));
+    out.timeNs = f.timeNs;
+    out.sequence = f.sequence;
+    out.temperatureCode = f.temperatureCode;
+    out.temperatureC = f.temperatureC;
+    out.framesDropped = f.framesDropped;
+    if (f.hasColour) {
+        out.colour = FromVector(std::move(f.nv12));
+        out.colourTimeNs = py::int_(f.colourTimeNs);
+        out.colourWidth = f.colourWidth;
+        out.colourHeight = f.colourHeight;
+    }
+    return out;
+}
+
+// A row of a recording's per-frame information.
+struct InfoRow {
+    uint64_t index, time_ns, sequence;
+    uint16_t temperature_code;
+    float temperature_c;
+    int32_t stream, width, height;
+    uint32_t frames_dropped;
+};
+
+struct Reader {
+    std::mutex lock;
+    std::unique_ptr<qvapi::RecordingReader> r;
+
+    // Runs `work` on the open reader without the GIL, under the reader's lock.
+    template <typename Work>
+    auto Use(Work&& work)
+    {
+        py::gil_scoped_release unlocked;
+        std::lock_guard<std::mutex> hold(lock);
+        if (!r)
+            throw py::value_error("the recording is closed");  // (a C++ exception: no GIL needed)
+        return work(*r);
+    }
+};
+
+struct Writer {
+    std::mutex lock;
+    std::unique_ptr<qvapi::RecordingWriter> w;
+    qvapi::StreamType stream = qvapi::STREAM_DUAL_FREQ;
+    uint64_t captures = 0;
+    bool anyCapture = false;
+    uint64_t lastTimeNs = 0;
+
+    template <typename Work>
+    void Use(Work&& work)
+    {
+        qvapi::RecordingStatus st;
+        {
+            py::gil_scoped_release unlocked;
+            std::lock_guard<std::mutex> hold(lock);
+            if (!w)
+                throw py::value_error("the recording writer is closed");
+            st = work(*w);
+        }
+        if (!st.ok())
+            RaiseRecording(st);
+    }
+};
+
+bool SameRecords(const CameraCalibrationParam& a, const CameraCalibrationParam& b)
+{
+    return a.label == b.label && std::memcmp(Numbers(a), Numbers(b), kNumberBytes) == 0;
+}
+
+// A (height, width) or (height, width, channels) image of exactly type T.
+template <typename T>
+py::array_t<T, py::array::c_style | py::array::forcecast> Image(const py::handle& arg, const char* name,
+                                                                py::ssize_t channels)
+{
+    if (!py::isinstance<py::array_t<T>>(arg))
+        throw py::type_error(std::string(name) + " must be a numpy array of " +
+                             py::str(py::object(py::dtype::of<T>())).cast<std::string>());
+    auto image = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(arg);
+    const bool shaped = channels == 1 ? image.ndim() == 2 : image.ndim() == 3 && image.shape(2) == channels;
+    if (!shaped || image.shape(0) < 1 || image.shape(1) < 1 || image.shape(0) > 1 << 15 || image.shape(1) > 1 << 15)
+        throw py::value_error(std::string(name) + " must be an image of shape (height, width" +
+                              (channels == 1 ? std::string(")") : ", " + std::to_string(channels) + ")"));
+    return image;
 }
 
 }  // namespace
@@ -552,4 +697,336 @@ PYBIND11_MODULE(_core, m)
         return nv12;
     }, py::arg("calibration"), py::arg("scene") = "boxes", py::arg("distance_mm") = 2000.0,
           "The colour camera's NV12 frame (1920 x 1080) of the same scene");
+
+    // Recordings.
+    static py::object recordingError = py::module_::import("qvreconstruction._errors").attr("RecordingError");
+    g_recording_error = &recordingError;
+    PYBIND11_NUMPY_DTYPE(InfoRow, index, time_ns, sequence, temperature_code, temperature_c, stream, width, height,
+                         frames_dropped);
+
+    m.def("parse_calibration", [](const std::string& text, const std::string& where) {
+        try {
+            const qvapi::ModuleCalibration c = qvapi::ParseCalibrationText(text, where);
+            return std::make_tuple(c.binned, c.full);
+        } catch (const qvapi::CalibrationError& e) {
+            throw py::value_error(e.what());
+        }
+    }, py::arg("text"), py::arg("where") = "calibration text",
+          "Reads a calibration file's text (YAML or JSON): returns the records (binned, full); `where` names "
+          "the text in errors");
+
+    py::class_<Frame>(m, "RecordedFrame", "One capture of a recording, as calculate_depth takes it")
+        .def_readonly("index", &Frame::index, "Its place in the recording, from 0")
+        .def_readonly("raw", &Frame::raw, "The capture's words (uint16, 1-D), exactly as recorded")
+        .def_readonly("width", &Frame::width)
+        .def_readonly("height", &Frame::height)
+        .def_readonly("stream", &Frame::stream)
+        .def_property_readonly("kind", [](const Frame& f) { return KindOf(f.stream, f.width); },
+                               "'single', 'dual' or 'binned' (the full stream's 320 x 240 read-out)")
+        .def_readonly("time_ns", &Frame::timeNs, "Capture time, nanoseconds since the epoch")
+        .def_readonly("sequence", &Frame::sequence)
+        .def_readonly("temperature_code", &Frame::temperatureCode, "The sensor's temperature word")
+        .def_readonly("temperature_c", &Frame::temperatureC, "The sensor's temperature in degrees Celsius")
+        .def_readonly("frames_dropped", &Frame::framesDropped, "Captures lost just before this one")
+        .def_readonly("colour", &Frame::colour,
+                      "The colour frame nearest in time (NV12, uint8, 1-D: the luma rows, then the "
+                      "interleaved chroma), or None")
+        .def_readonly("colour_time_ns", &Frame::colourTimeNs, "The colour frame's time, or None")
+        .def_readonly("colour_width", &Frame::colourWidth)
+        .def_readonly("colour_height", &Frame::colourHeight)
+        .def("__repr__", [](const Frame& f) {
+            return "RecordedFrame(index=" + std::to_string(f.index) + ", " + KindOf(f.stream, f.width) + " " +
+                   std::to_string(f.width) + "x" + std::to_string(f.height) + ", time_ns=" +
+                   std::to_string(f.timeNs) + ", sequence=" + std::to_string(f.sequence) + ")";
+        });
+
+    py::class_<Reader>(m, "RecordingReader",
+                       "The recording library's reader (qvreconstruction.Recording wraps it with indexing and "
+                       "iteration)")
+        .def(py::init([](const std::string& path) {
+            auto reader = std::make_unique<Reader>();
+            reader->r = std::make_unique<qvapi::RecordingReader>();
+            const qvapi::RecordingStatus st = [&] {
+                py::gil_scoped_release unlocked;
+                return reader->r->Open(PathArg(path, "path"));
+            }();
+            if (!st.ok())
+                RaiseRecording(st);
+            return reader;
+        }), py::arg("path"), "Opens a recording: through its summary, or by one scan of a file cut short")
+        .def("__len__", [](Reader& d) { return d.Use([](qvapi::RecordingReader& r) { return r.FrameCount(); }); })
+        .def("read", [](Reader& d, uint64_t index) {
+            qvapi::RecordedFrame f;
+            const qvapi::RecordingStatus st = d.Use([&](qvapi::RecordingReader& r) {
+                if (index >= r.FrameCount())
+                    throw py::index_error("no frame " + std::to_string(index) + " in a recording of " +
+                                          std::to_string(r.FrameCount()));
+                return r.ReadFrame(index, f);
+            });
+            if (!st.ok())
+                RaiseRecording(st);
+            return ToFrame(std::move(f));
+        }, py::arg("index"), "Frame `index` (from 0) with its information and nearest colour frame")
+        .def("seek_time", [](Reader& d, uint64_t timeNs) {
+            // The library puts its cursor before the frame; reading it tells which.
+            uint64_t index = 0;
+            const qvapi::RecordingStatus st = d.Use([&](qvapi::RecordingReader& r) {
+                qvapi::RecordingStatus s = r.SeekTime(timeNs);
+                if (!s.ok())
+                    return s;
+                qvapi::RecordedFrame f;
+                s = r.Next(f);
+                if (s.code == qvapi::RECORDING_END) {
+                    index = r.FrameCount();
+                    return qvapi::RecordingStatus{};
+                }
+                index = f.index;
+                return s;
+            });
+            if (!st.ok())
+                RaiseRecording(st);
+            return index;
+        }, py::arg("time_ns"),
+             "The index of the first frame captured at or after `time_ns` (len() when none is); reads that frame")
+        .def("info", [](Reader& d) {
+            std::vector<InfoRow> rows;
+            const qvapi::RecordingStatus st = d.Use([&](qvapi::RecordingReader& r) {
+                qvapi::RecordedFrame f;
+                rows.reserve(static_cast<size_t>(std::min<uint64_t>(r.FrameCount(), 1u << 20)));
+                for (uint64_t i = 0; i < r.FrameCount(); ++i) {
+                    const qvapi::RecordingStatus s = r.ReadFrame(i, f);
+                    if (!s.ok())
+                        return s;
+                    rows.push_back({f.index, f.timeNs, f.sequence, f.temperatureCode, f.temperatureC,
+                                    static_cast<int32_t>(f.stream), f.width, f.height, f.framesDropped});
+                }
+                return qvapi::RecordingStatus{};
+            });
+            if (!st.ok())
+                RaiseRecording(st);
+            py::array_t<InfoRow> out(static_cast<py::ssize_t>(rows.size()));
+            if (!rows.empty())
+                std::memcpy(out.mutable_data(), rows.data(), rows.size() * sizeof(InfoRow));
+            return out;
+        }, "Every frame's information as a structured array (reads every frame: one pass over the file)")
+        .def_property_readonly("calibration_yaml", [](Reader& d) {
+            return Text(d.Use([](qvapi::RecordingReader& r) { return r.CalibrationYaml(); }));
+        }, "The calibration file's text attached to the recording ('' when none is)")
+        .def_property_readonly("device", [](Reader& d) {
+            return d.Use([](qvapi::RecordingReader& r) { return r.Device(); });
+        })
+        .def_property_readonly("stream", [](Reader& d) {
+            return d.Use([](qvapi::RecordingReader& r) { return r.Stream(); });
+        })
+        .def_property_readonly("module_label", [](Reader& d) {
+            return Text(d.Use([](qvapi::RecordingReader& r) { return r.ModuleLabel(); }));
+        })
+        .def_property_readonly("metadata", [](Reader& d) {
+            const auto metadata = d.Use([](qvapi::RecordingReader& r) { return r.Metadata(); });
+            py::dict out;
+            for (const auto& kv : metadata)
+                out[Text(kv.first)] = Text(kv.second);
+            return out;
+        }, "The recording's metadata: device and stream types, module label, library and algorithm versions")
+        .def_property_readonly("channels", [](Reader& d) {
+            const auto channels = d.Use([](qvapi::RecordingReader& r) { return r.Channels(); });
+            py::list out;
+            for (const qvapi::RecordingChannel& c : channels)
+                out.append(py::make_tuple(c.id, Text(c.topic), Text(c.schemaName), c.messages));
+            return out;
+        }, "(id, topic, schema name, messages) of each channel")
+        .def_property_readonly("index_rebuilt", [](Reader& d) {
+            return d.Use([](qvapi::RecordingReader& r) { return r.IndexRebuilt(); });
+        }, "True when the file had no summary (cut short) and was scanned once to index it")
+        .def_property_readonly("problems", [](Reader& d) {
+            const auto problems = d.Use([](qvapi::RecordingReader& r) { return r.Problems(); });
+            py::list out;
+            for (const std::string& p : problems)
+                out.append(Text(p));
+            return out;
+        }, "What was wrong with the file but left the rest readable, one line each")
+        .def_property_readonly("first_time_ns", [](Reader& d) {
+            return d.Use([](qvapi::RecordingReader& r) { return r.FirstTimeNs(); });
+        })
+        .def_property_readonly("last_time_ns", [](Reader& d) {
+            return d.Use([](qvapi::RecordingReader& r) { return r.LastTimeNs(); });
+        })
+        .def_property_readonly("closed", [](Reader& d) {
+            py::gil_scoped_release unlocked;
+            std::lock_guard<std::mutex> hold(d.lock);
+            return !d.r;
+        })
+        .def("close", [](Reader& d) {
+            py::gil_scoped_release unlocked;
+            std::lock_guard<std::mutex> hold(d.lock);
+            d.r.reset();
+        }, "Closes the file; later calls raise ValueError");
+
+    py::class_<Writer>(m, "RecordingWriter",
+                       "Writes a recording: raw captures with their information, colour frames and processed "
+                       "images, bound to the module's calibration. Use it in a with statement, or call close()")
+        .def(py::init([](const std::string& path, const CameraCalibrationParam& binned,
+                         const CameraCalibrationParam& full, qvapi::DeviceType device, qvapi::StreamType stream,
+                         const std::string& compression, int level, uint64_t chunkBytes,
+                         const py::object& calibrationYaml, const py::object& moduleLabel, bool overwrite) {
+            qvapi::RecordingOptions options;
+            if (compression == "none") {
+                options.compression = qvapi::RecordingCompression::None;
+                if (level != 0)
+                    throw py::value_error("level: uncompressed chunks take no level (0)");
+            } else if (compression == "lz4") {
+                options.compression = qvapi::RecordingCompression::Lz4;
+                if (level < 0 || level > 12)
+                    throw py::value_error("level: LZ4 takes 0 (fast) .. 12");
+            } else if (compression == "zstd") {
+                options.compression = qvapi::RecordingCompression::Zstd;
+                if (level < 0 || level > 19)
+                    throw py::value_error("level: Zstandard takes 1 .. 19 (0: 1)");
+            } else {
+                throw py::value_error("unknown compression '" + compression + "' (none, lz4, zstd)");
+            }
+            options.level = level;
+            if (chunkBytes < 1)
+                throw py::value_error("chunk_bytes must be at least 1");
+            options.chunkBytes = chunkBytes;
+            options.overwrite = overwrite;
+            if (const std::string bad = RecordProblem(stream, binned, full); !bad.empty())
+                throw py::value_error("RecordingWriter: " + bad);
+            qvapi::RecordingSetup setup;
+            setup.device = device;
+            setup.stream = stream;
+            setup.moduleLabel = moduleLabel.is_none() ? full.label : moduleLabel.cast<std::string>();
+            try {
+                if (calibrationYaml.is_none()) {
+                    setup.calibrationYaml = qvapi::CalibrationText({binned, full}, false);
+                } else {
+                    setup.calibrationYaml = calibrationYaml.cast<std::string>();
+                    const qvapi::ModuleCalibration c =
+                        qvapi::ParseCalibrationText(setup.calibrationYaml, "calibration_yaml");
+                    if (!SameRecords(c.binned, binned) || !SameRecords(c.full, full))
+                        throw py::value_error("calibration_yaml holds other records than binned and full");
+                }
+            } catch (const qvapi::CalibrationError& e) {
+                throw py::value_error(e.what());
+            }
+            auto writer = std::make_unique<Writer>();
+            writer->stream = stream;
+            writer->w = std::make_unique<qvapi::RecordingWriter>();
+            const std::string& file = PathArg(path, "path");
+            writer->Use([&](qvapi::RecordingWriter& w) { return w.Open(file, setup, options); });
+            return writer;
+        }), py::arg("path"), py::arg("binned"), py::arg("full"), py::arg("device") = qvapi::DEVICE_GENERIC,
+             py::arg("stream") = qvapi::STREAM_DUAL_FREQ, py::arg("compression") = "lz4", py::arg("level") = 0,
+             py::arg("chunk_bytes") = uint64_t(4) << 20, py::arg("calibration_yaml") = py::none(),
+             py::arg("module_label") = py::none(), py::arg("overwrite") = false,
+             "Creates the recording (an existing file is refused unless overwrite). The calibration attached is "
+             "calibration_yaml (which must hold exactly binned and full) or the records' YAML; module_label "
+             "defaults to the full record's label. compression: 'none', 'lz4' (level 0 .. 12) or 'zstd' "
+             "(1 .. 19); a chunk is written once it holds chunk_bytes")
+        .def("write_capture", [](Writer& d, const py::object& rawArg, int32_t width, int32_t height, uint64_t timeNs,
+                                 const py::object& sequence, uint16_t temperatureCode, float temperatureC,
+                                 uint32_t framesDropped) {
+            const Words<uint16_t> raw = ToWords<uint16_t>(rawArg, "raw");
+            if (const std::string bad = RawProblem(d.stream, static_cast<size_t>(raw.size()), width, height);
+                !bad.empty())
+                throw py::value_error("write_capture: " + bad);
+            qvapi::CaptureFrame c;
+            c.stream = d.stream;
+            c.width = width;
+            c.height = height;
+            c.words = raw.data();
+            c.wordCount = static_cast<uint64_t>(raw.size());
+            c.timeNs = timeNs;
+            c.temperatureCode = temperatureCode;
+            c.temperatureC = temperatureC;
+            c.framesDropped = framesDropped;
+            const bool counted = sequence.is_none();
+            const uint64_t given = counted ? 0 : sequence.cast<uint64_t>();
+            d.Use([&](qvapi::RecordingWriter& w) {
+                // Seeking by time needs the captures in time order.
+                if (d.anyCapture && timeNs < d.lastTimeNs)
+                    throw py::value_error("write_capture: time_ns " + std::to_string(timeNs) +
+                                          " is before the last capture's " + std::to_string(d.lastTimeNs));
+                c.sequence = counted ? d.captures : given;
+                const qvapi::RecordingStatus st = w.WriteCapture(c);
+                if (st.ok()) {
+                    ++d.captures;
+                    d.anyCapture = true;
+                    d.lastTimeNs = timeNs;
+                }
+                return st;
+            });
+        }, py::arg("raw"), py::arg("width"), py::arg("height"), py::arg("time_ns"), py::arg("sequence") = py::none(),
+             py::arg("temperature_code") = 0, py::arg("temperature_c") = 0.0f, py::arg("frames_dropped") = 0,
+             "Writes a raw capture of the writer's stream (uint16 words, exactly as calculate_depth takes them) and "
+             "its information. Captures come in time order; sequence defaults to the captures written before")
+        .def("write_colour", [](Writer& d, const py::object& nv12Arg, uint64_t timeNs, int32_t width,
+                                int32_t height) {
+            const Words<uint8_t> nv12 = ToWords<uint8_t>(nv12Arg, "nv12");
+            if (width < 2 || height < 2 || width % 2 || height % 2 || width > 1 << 15 || height > 1 << 15)
+                throw py::value_error("write_colour: an NV12 frame has an even width and height");
+            const size_t needed = static_cast<size_t>(width) * height * 3 / 2;
+            if (static_cast<size_t>(nv12.size()) != needed)
+                throw py::value_error("write_colour: nv12 holds " + std::to_string(nv12.size()) + " bytes, an NV12 " +
+                                      std::to_string(width) + " x " + std::to_string(height) + " frame " +
+                                      std::to_string(needed));
+            d.Use([&](qvapi::RecordingWriter& w) { return w.WriteColour(timeNs, nv12.data(), width, height); });
+        }, py::arg("nv12"), py::arg("time_ns"), py::arg("width") = 1920, py::arg("height") = 1080,
+             "Writes a colour frame (NV12 bytes, as render_colour gives them)")
+        .def("write_depth", [](Writer& d, const py::handle& arg, uint64_t timeNs) {
+            const auto image = Image<uint16_t>(arg, "depth", 1);
+            d.Use([&](qvapi::RecordingWriter& w) {
+                return w.WriteImage(qvapi::ProcessedImage::Depth, timeNs, image.data(), int32_t(image.shape(1)),
+                                    int32_t(image.shape(0)));
+            });
+        }, py::arg("depth"), py::arg("time_ns"), "Writes a depth image (uint16 (height, width), mm) as 16UC1")
+        .def("write_ir", [](Writer& d, const py::handle& arg, uint64_t timeNs) {
+            const auto image = Image<uint16_t>(arg, "ir", 1);
+            d.Use([&](qvapi::RecordingWriter& w) {
+                return w.WriteImage(qvapi::ProcessedImage::Ir, timeNs, image.data(), int32_t(image.shape(1)),
+                                    int32_t(image.shape(0)));
+            });
+        }, py::arg("ir"), py::arg("time_ns"), "Writes an infrared image (uint16 (height, width)) as mono16")
+        .def("write_registered_depth", [](Writer& d, const py::handle& arg, uint64_t timeNs) {
+            const auto image = Image<uint16_t>(arg, "depth", 1);
+            d.Use([&](qvapi::RecordingWriter& w) {
+                return w.WriteImage(qvapi::ProcessedImage::RegisteredDepth, timeNs, image.data(),
+                                    int32_t(image.shape(1)), int32_t(image.shape(0)));
+            });
+        }, py::arg("depth"), py::arg("time_ns"), "Writes depth registered onto the colour camera (uint16, mm)")
+        .def("write_points", [](Writer& d, const py::handle& arg, uint64_t timeNs) {
+            const auto points = Image<float>(arg, "points", 3);
+            d.Use([&](qvapi::RecordingWriter& w) {
+                return w.WritePoints(timeNs, points.data(), int32_t(points.shape(1)), int32_t(points.shape(0)));
+            });
+        }, py::arg("points"), py::arg("time_ns"), "Writes points (float32 (height, width, 3), mm) as PointCloud2")
+        .def("write_undistorted_colour", [](Writer& d, const py::handle& arg, uint64_t timeNs) {
+            const auto bgr = Image<uint8_t>(arg, "bgr", 3);
+            d.Use([&](qvapi::RecordingWriter& w) {
+                return w.WriteUndistortedColour(timeNs, bgr.data(), int32_t(bgr.shape(1)), int32_t(bgr.shape(0)));
+            });
+        }, py::arg("bgr"), py::arg("time_ns"),
+             "Writes the undistorted colour image map_depth_to_rgb gives (uint8 (height, width, 3), BGR)")
+        .def_property_readonly("file_bytes", [](Writer& d) {
+            py::gil_scoped_release unlocked;
+            std::lock_guard<std::mutex> hold(d.lock);
+            return d.w ? d.w->FileBytes() : uint64_t(0);
+        }, "Bytes written to the file so far")
+        .def("close", [](Writer& d) {
+            qvapi::RecordingStatus st;
+            {
+                py::gil_scoped_release unlocked;
+                std::lock_guard<std::mutex> hold(d.lock);
+                if (!d.w)
+                    return;
+                st = d.w->Close();
+                d.w.reset();
+            }
+            if (!st.ok())
+                RaiseRecording(st);
+        }, "Writes the last chunk and the summary; later writes raise ValueError, later closes do nothing")
+        .def("__enter__", [](py::object self) { return self; })
+        .def("__exit__", [](Writer& d, const py::object&, const py::object&, const py::object&) {
+            py::cast(&d, py::return_value_policy::reference).attr("close")();
+        });
 }

@@ -10,25 +10,31 @@
     points = r.get_cloud_point(depth)               # float32 (height, width, 3), mm
 
 Refused calls raise QvError, whose ``status`` is the library's status code.
+Recordings (MCAP files of raw captures, colour frames and the calibration): ``Recording``
+reads one as a sequence of frames, ``RecordingWriter`` writes one (see ``recording``).
 Submodules: ``open3d_tools`` (Open3D intrinsics, clouds and RGBD images) and ``batch``
-(many captures, here or over a Dask cluster).
+(many captures and recordings, here or over a Dask cluster).
 """
-from ._errors import QvError
+from ._errors import QvError, RecordingError
 from ._core import (
     CalibrationRecord,
     DeviceType,
     FlipMode,
     Intrinsics,
     Reconstruction,
+    RecordedFrame,
+    RecordingWriter,
     RegistrationGeometry,
     StreamType,
     load_calibration,
+    parse_calibration,
     registration_geometry,
     render_colour,
     sample_calibration,
     save_calibration,
     simulate_capture,
 )
+from .recording import Recording
 
 __all__ = [
     "CalibrationRecord",
@@ -37,9 +43,14 @@ __all__ = [
     "Intrinsics",
     "QvError",
     "Reconstruction",
+    "RecordedFrame",
+    "Recording",
+    "RecordingError",
+    "RecordingWriter",
     "RegistrationGeometry",
     "StreamType",
     "load_calibration",
+    "parse_calibration",
     "registration_geometry",
     "render_colour",
     "sample_calibration",

@@ -1,4 +1,5 @@
-"""Many raw captures to depth and point clouds, on this machine or over a Dask cluster.
+"""Many raw captures and recordings to depth and point clouds, on this machine or over a
+Dask cluster.
 
     from qvreconstruction import batch
     batch.process(paths, "out")                                    # one after another, here
@@ -14,12 +15,19 @@ names its outputs. Captures of the same name from different folders get `x-2`,
 new file (0666 less the umask). The stream of each capture follows from its size, as
 in `qvrecon depth`.
 
+Recordings (`rec.mcap`, see qvreconstruction.Recording) may stand among the captures:
+frame k of `rec.mcap` becomes `rec_000012_depth.npy` and `rec_000012.ply` for k = 12,
+converted with the calibration the recording carries unless `calibration=` is given.
+The frames keep their place: the serial run converts the inputs in the order given,
+a recording's frames one after another.
+
 The files are those of one serial run in the order given, whoever converts what: the
 instance is set up from the calibration's content (read once, by the caller), with
 no flip and the filter as asked, whatever was set on it before; and each binned
 capture halves the library's amplitude threshold for the full-stream captures after
 it (down to 0 after three), until a single-frequency capture sets the instance up
-afresh. A worker brings its instance to that state before each capture.
+afresh, as does a change of records (a recording with another calibration). A worker
+brings its instance to that state before each capture or range of frames.
 
 Every Dask worker process keeps its own library instance, which its threads take in
 turn: run workers with one thread each (`--nthreads 1`) and as many workers as cores.
@@ -148,31 +156,25 @@ def _instance(records, stream, filter_on, binned_before):
     return r, setup, halvings
 
 
-def binned_before(streams):
+def binned_before(streams, setups=None):
     """For each capture (by stream: "single", "dual", "binned"), the binned captures
     before it in the serial run since the instance was last set up: since the batch's
-    start or its last single-frequency capture."""
-    counts, k = [], 0
-    for stream in streams:
-        if stream == "single":
+    start, its last single-frequency capture or, given each capture's `setups` (the
+    records it is converted with), the last change of records."""
+    counts, k, last = [], 0, None
+    for n, stream in enumerate(streams):
+        setup = None if setups is None else setups[n]
+        if stream == "single" or (n and setup != last):
             k = 0
+        last = setup
         counts.append(k)
         k += stream == "binned"
     return counts
 
 
-def convert(path, stem, calibration=None, filter_on=True, binned_before=0):
-    """Converts one capture: writes `stem`_depth.npy and `stem`.ply; returns (pixels with
-    depth, pixels). `stem` is the output path without suffix; `calibration` the records
-    (binned, full), a calibration file's path or None for the sample module;
-    `binned_before` the binned captures the serial run converted before this one since
-    it set the instance up (see binned_before())."""
+def _convert_words(raw, stream, width, height, stem, records, filter_on, binned_before):
+    """Converts one capture's words in the serial run's state; writes the two files."""
     global _state
-    words, stream, width, height = _stream_of(path)
-    raw = np.fromfile(path, dtype="<u2")
-    if raw.size != words:
-        raise ValueError(f"{path}: changed size while reading")
-    records = _records(calibration)
     with _lock:
         try:
             r, setup, halvings = _instance(records, stream, filter_on, binned_before)
@@ -191,17 +193,60 @@ def convert(path, stem, calibration=None, filter_on=True, binned_before=0):
     return int(np.count_nonzero(depth > 1)), int(depth.size)
 
 
-def _task(path, stem, binned_before, calibration, filter_on):
-    """convert() with the per-capture arguments first, as client.map hands them out."""
-    return convert(path, stem, calibration, filter_on, binned_before)
+def convert(path, stem, calibration=None, filter_on=True, binned_before=0):
+    """Converts one capture: writes `stem`_depth.npy and `stem`.ply; returns (pixels with
+    depth, pixels). `stem` is the output path without suffix; `calibration` the records
+    (binned, full), a calibration file's path or None for the sample module;
+    `binned_before` the binned captures the serial run converted before this one since
+    it set the instance up (see binned_before())."""
+    words, stream, width, height = _stream_of(path)
+    raw = np.fromfile(path, dtype="<u2")
+    if raw.size != words:
+        raise ValueError(f"{path}: changed size while reading")
+    return _convert_words(raw, stream, width, height, stem, _records(calibration), filter_on, binned_before)
 
 
-def output_stems(paths):
-    """Each capture's output name: its file name without its last extension, where
-    leading dots never start one (`x.raw` gives `x`, `..raw` and `.raw` stay whole), made
-    unique in the batch (x, x-2, x-3... in the order given, never another capture's own
-    name)."""
-    names = [os.path.splitext(os.path.basename(p))[0] for p in paths]
+def convert_frames(path, frames, stems, calibration=None, filter_on=True, binned_before=None, kinds=None):
+    """Converts frames of a recording in the order given: frame `frames[i]` to
+    `stems[i]`_depth.npy and .ply, with `calibration` (the records (binned, full) or a
+    calibration file's path; the recording's own when None) and `binned_before[i]`
+    binned captures before it since the serial run set the instance up (zeros when
+    None). `kinds`, when given, are the frames' kinds the caller planned
+    with ("single", "dual", "binned"): a frame of another kind (the file replaced
+    meanwhile) is refused. Returns (pixels with depth, pixels) per frame."""
+    from .recording import Recording
+
+    results = []
+    with Recording(path) as rec:
+        records = rec.calibration if calibration is None else _records(calibration)
+        for i, (index, stem) in enumerate(zip(frames, stems)):
+            frame = rec[index]
+            if kinds is not None and frame.kind != kinds[i]:
+                raise ValueError(f"{path}: frame {index} is {frame.kind}, not {kinds[i]} as first read")
+            results.append(_convert_words(frame.raw, frame.kind, frame.width, frame.height, stem, records,
+                                          filter_on, 0 if binned_before is None else binned_before[i]))
+    return results
+
+
+def _run(task, filter_on):
+    """One Dask task: a capture file ("capture", path, stem, binned before, records) or
+    a range of a recording's frames ("frames", path, frames, stems, binned before,
+    kinds, records). Returns its (pixels with depth, pixels) in order."""
+    if task[0] == "capture":
+        _, path, stem, before, records = task
+        return [convert(path, stem, records, filter_on, before)]
+    _, path, frames, stems, before, kinds, records = task
+    return convert_frames(path, frames, stems, records, filter_on, before, kinds)
+
+
+def is_recording(path):
+    """Whether batch takes `path` for a recording (its name ends in .mcap) rather than a
+    capture file."""
+    return os.fspath(path).lower().endswith(".mcap")
+
+
+def _unique(names):
+    """The names made unique in order: x, x-2, x-3..., never another input's own name."""
     own = set(names)
     taken = set()
     stems = []
@@ -214,33 +259,98 @@ def output_stems(paths):
     return stems
 
 
-def process(paths, out_dir, client=None, calibration=None, filter_on=True, progress=True):
-    """Converts captures to depth and point clouds in `out_dir` (created if missing).
+def output_stems(paths):
+    """Each capture's output name: its file name without its last extension, where
+    leading dots never start one (`x.raw` gives `x`, `..raw` and `.raw` stay whole), made
+    unique in the batch (x, x-2, x-3... in the order given, never another capture's own
+    name)."""
+    return _unique([os.path.splitext(os.path.basename(p))[0] for p in paths])
 
-    Without a client the captures are converted here, one after another. With a
-    dask.distributed Client they are mapped over its workers, each capture one task,
-    and `progress` shows Dask's progress bar; otherwise a line per capture goes to
-    stderr. `calibration` is a calibration file's path (the sample module's when None),
-    read here once: the workers get its records. Every input is checked before
-    anything is written. The files are those of the serial run (see the module's
-    documentation), whatever the partition. Returns the list of (pixels with depth,
-    pixels), one per capture, in the order given."""
+
+def frame_name(recording_path, index):
+    """The output name of a recording's frame before it is made unique: the recording's
+    name without its extension and the frame number from 0 (`rec.mcap`, 12: `rec_000012`)."""
+    return f"{os.path.splitext(os.path.basename(recording_path))[0]}_{index:06d}"
+
+
+def _plan(paths, calibration):
+    """Every capture of the batch in the serial run's order: (path, frame index or None
+    for a capture file, kind, records). A recording's frames are converted with its own
+    calibration unless `calibration` is given."""
+    from .recording import Recording
+
+    given = None if calibration is None else _records(calibration)
+    default = given if given is not None else _core.sample_calibration()
+    plan = []
+    for path in paths:
+        if not is_recording(path):
+            plan.append((path, None, _stream_of(path)[1], default))
+            continue
+        with Recording(path) as rec:
+            records = given if given is not None else rec.calibration
+            info = rec.info
+        for row in info:
+            kind = "single" if int(row["stream"]) == int(_core.StreamType.SINGLE_FREQ) else \
+                "binned" if int(row["width"]) == 320 else "dual"
+            plan.append((path, int(row["index"]), kind, records))
+    return plan
+
+
+def process(paths, out_dir, client=None, calibration=None, filter_on=True, progress=True, frames_per_task=8):
+    """Converts captures and recordings to depth and point clouds in `out_dir` (created
+    if missing).
+
+    `paths` are capture files and recordings (names ending in .mcap), in any mix. A
+    recording's frames are converted in their order, at the recording's place among
+    the inputs, and named after it and the frame number (`rec_000012_depth.npy`,
+    `rec_000012.ply`); names are made unique over the whole batch (x, x-2...).
+
+    The work is cut into tasks: each capture file one, each recording's frames in
+    ranges of `frames_per_task`. Without a client they run here, one after another,
+    and `progress` prints a line per task to stderr; with a dask.distributed Client
+    they are mapped over its workers, and `progress` shows Dask's progress bar.
+    `calibration` is a calibration file's path or the records (binned, full), read here
+    once; when None,
+    capture files use the sample module's records and recordings the calibration they
+    carry. Every input is checked before anything is written: each recording is read
+    through once here (its frames' kinds decide the serial run's state), and once more
+    where its frames are converted. The files are those of the serial run (see the
+    module's documentation), whatever the partition. Returns the list of (pixels with
+    depth, pixels), one per capture or frame, in the serial run's order."""
     paths = [os.fspath(p) for p in paths]
-    streams = [_stream_of(p)[1] for p in paths]
-    records = _records(calibration)
+    if frames_per_task < 1:
+        raise ValueError("frames_per_task must be at least 1")
+    plan = _plan(paths, calibration)
     os.makedirs(out_dir, exist_ok=True)
-    stems = [os.path.join(out_dir, s) for s in output_stems(paths)]
-    before = binned_before(streams)
+    names = [os.path.splitext(os.path.basename(p))[0] if k is None else frame_name(p, k) for p, k, _, _ in plan]
+    stems = [os.path.join(out_dir, s) for s in _unique(names)]
+    before = binned_before([kind for _, _, kind, _ in plan], [records for _, _, _, records in plan])
+    tasks, n = [], 0
+    while n < len(plan):
+        path, index, kind, records = plan[n]
+        if index is None:
+            tasks.append(("capture", path, stems[n], before[n], records))
+            n += 1
+            continue
+        end = n + 1
+        while end < len(plan) and end - n < frames_per_task and plan[end][0] == path and plan[end][1] is not None:
+            end += 1
+        part = range(n, end)
+        tasks.append(("frames", path, [plan[i][1] for i in part], [stems[i] for i in part],
+                      [before[i] for i in part], [plan[i][2] for i in part], records))
+        n = end
     if client is None:
         results = []
-        for n, (path, stem, k) in enumerate(zip(paths, stems, before), 1):
-            results.append(convert(path, stem, records, filter_on, k))
+        for task in tasks:
+            results += _run(task, filter_on)
             if progress:
-                print(f"[{n}/{len(paths)}] {os.path.basename(path)}", file=sys.stderr)
+                where = os.path.basename(task[1]) + ("" if task[0] == "capture" else
+                                                     f" frames {task[2][0]}..{task[2][-1]}")
+                print(f"[{len(results)}/{len(plan)}] {where}", file=sys.stderr)
         return results
-    futures = client.map(_task, paths, stems, before, calibration=records, filter_on=filter_on, pure=False)
+    futures = client.map(_run, tasks, filter_on=filter_on, pure=False)
     if progress:
         from dask.distributed import progress as show
 
         show(futures)
-    return client.gather(futures)
+    return [result for part in client.gather(futures) for result in part]
