@@ -49,6 +49,7 @@ Command AddDepthCommand(CLI::App& app);
 Command AddRegisterCommand(CLI::App& app);
 Command AddInfoCommand(CLI::App& app);
 Command AddDemoCommand(CLI::App& app);
+Command AddViewCommand(CLI::App& app);
 
 }  // namespace qvrecon
 
