@@ -177,7 +177,12 @@ std::string Pipeline::Playback(const Json& request, Done done)
     if (action == "play") {
         playing_ = true;
     } else if (action == "pause") {
+        // Answered once a frame being processed is done: nothing moves after the answer.
         playing_ = false;
+        waiting_.emplace(++tickets_, std::move(done));
+        lock.unlock();
+        cv_.notify_all();
+        return "";
     } else if (action == "step" || action == "seek") {
         playing_ = false;
         if (action == "seek") {
@@ -379,8 +384,9 @@ void Pipeline::Run()
             }
             target = current ? WrapIndex(static_cast<int64_t>(*current) + 1) : 0;
         } else {
-            // Paused: requests that wait for a frame while none can be shown are answered.
-            if (!waiting_.empty() && !current) {
+            // Paused: what still waits (a pause, or a change with no frame to show it on)
+            // is answered.
+            if (!waiting_.empty()) {
                 const uint64_t ticket = tickets_;
                 lock.unlock();
                 Finish(ticket);
