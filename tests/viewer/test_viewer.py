@@ -15,6 +15,7 @@ import signal
 import socket
 import struct
 import subprocess
+import time
 import zlib
 
 import pytest
@@ -435,3 +436,20 @@ def test_stream_carries_the_protocol(viewer, inputs):
     sizes = {b["name"]: (b["width"], b["height"]) for b in header["blobs"]}
     assert sizes["depth"] == (160, 120) and sizes["colour"] == (960, 540) and sizes["registered"] == (960, 540)
     ws.close()
+
+
+def test_simulation_shows_frames_as_they_are_made(viewer):
+    v = viewer("--simulate", "sphere", "--frames", "2")
+    status = v.get_json("/api/status")
+    assert status["source"]["kind"] == "simulate" and status["source"]["name"] == "sphere"
+    # A live source cannot be sought; the refusal changes nothing.
+    status_code, answer = v.post("/api/playback", {"action": "seek", "frame": 0})
+    assert status_code == 400 and "live" in answer["error"]
+    while status["frame"] is None or status["source"]["frames"] is None:
+        time.sleep(0.1)  # polling gently; no time limit but ctest's
+        status = v.get_json("/api/status")
+    assert status["source"]["frames"] == 2 and status["stream"] == "dual" and status["error"] is None
+    meta = v.get_json("/api/frame/meta.json")
+    assert meta["colour"] == {"width": 1920, "height": 1080} and meta["index"] in (0, 1)
+    res, _ = v.request("GET", "/api/frame/registered.png")
+    assert res.status == 200
