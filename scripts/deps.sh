@@ -5,7 +5,7 @@
 set -euo pipefail
 packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libyaml-cpp-dev libhwy-dev faketime
   pybind11-dev python3-dev python3-numpy python3-pytest python3-open3d python3-meshio python3-distributed python3-yaml
-  locales zlib1g-dev liblz4-dev libzstd-dev)
+  locales zlib1g-dev liblz4-dev libzstd-dev libboost-dev nlohmann-json3-dev)
 # The viewer's page is tested in Debian's Chromium, headless.
 packages+=(chromium)
 missing=()

@@ -50,6 +50,7 @@ Command AddRegisterCommand(CLI::App& app);
 Command AddInfoCommand(CLI::App& app);
 Command AddDemoCommand(CLI::App& app);
 Command AddRecordCommand(CLI::App& app);
+Command AddViewCommand(CLI::App& app);
 
 }  // namespace qvrecon
 

@@ -155,8 +155,8 @@ cv::Mat IrPicture(const std::vector<uint16_t>& ir, int width, int height)
     return out;
 }
 
-void WritePointCloud(const std::string& path, const std::vector<float>& cloud, int width, int height,
-                     const PlyOptions& options, const std::vector<uint8_t>* colours)
+std::string PointCloudPly(const std::vector<float>& cloud, int width, int height, const PlyOptions& options,
+                          const std::vector<uint8_t>* colours)
 {
     static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "PLY bodies are written in the host's byte order");
     size_t pixels = std::min(cloud.size() / 3, static_cast<size_t>(width) * static_cast<size_t>(height));
@@ -199,7 +199,13 @@ void WritePointCloud(const std::string& path, const std::vector<float>& cloud, i
     if (colours != nullptr)
         header += "property uchar red\nproperty uchar green\nproperty uchar blue\n";
     header += "end_header\n";
-    const std::string all = header + body;
+    return header + body;
+}
+
+void WritePointCloud(const std::string& path, const std::vector<float>& cloud, int width, int height,
+                     const PlyOptions& options, const std::vector<uint8_t>* colours)
+{
+    const std::string all = PointCloudPly(cloud, width, height, options, colours);
     WriteBytes(path, all.data(), all.size());
 }
 

@@ -77,9 +77,11 @@ struct PlyOptions {
     bool metres = false;
 };
 
-// Writes the cloud of a width x height depth image (x, y, z floats a pixel; z 0, or
-// the mark 1, where the pixel has no depth) as a PLY file, with each point's colour
-// (red, green, blue bytes a pixel) when `colours` is given.
+// The PLY file of the cloud of a width x height depth image (x, y, z floats a pixel; z
+// 0, or the mark 1, where the pixel has no depth), with each point's colour (red,
+// green, blue bytes a pixel) when `colours` is given; and writing it.
+std::string PointCloudPly(const std::vector<float>& cloud, int width, int height, const PlyOptions& options = {},
+                          const std::vector<uint8_t>* colours = nullptr);
 void WritePointCloud(const std::string& path, const std::vector<float>& cloud, int width, int height,
                      const PlyOptions& options = {}, const std::vector<uint8_t>* colours = nullptr);
 

@@ -23,7 +23,11 @@ int main(int argc, char** argv)
     app.set_version_flag("--version", "qvrecon " QVRECON_VERSION " (algorithms " + version + ")");
 
     const Command commands[] = {AddSimulateCommand(app), AddDepthCommand(app), AddRegisterCommand(app),
-                                AddInfoCommand(app), AddDemoCommand(app), AddRecordCommand(app)};
+                                AddInfoCommand(app), AddDemoCommand(app), AddRecordCommand(app),
+#ifdef QV_HAVE_VIEWER
+                                AddViewCommand(app),
+#endif
+    };
 
     // Exit codes: 0 done, 1 a run that failed, 2 a command line that cannot be run.
     // Every failure is one line on stderr.

@@ -1,0 +1,59 @@
+// Writes the viewer tests' inputs: N simulated full-stream captures of a boxes scene
+// at different distances, each as a raw file (capture_K.raw, for `qvrecon depth`) and
+// all of them, with a colour frame each, as one recording (session.mcap).
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <qvreconstruction/recording.h>
+
+#include "calibration_file.h"
+#include "simulator.h"
+
+int main(int argc, char** argv)
+{
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: %s FOLDER FRAMES\n", argv[0]);
+        return 2;
+    }
+    const std::string folder = argv[1];
+    const int frames = std::atoi(argv[2]);
+    const qvapi::ModuleCalibration cal = qvrecon::SampleModule();
+    qvapi::RecordingSetup setup;
+    setup.calibrationYaml = qvapi::CalibrationText(cal, false);
+    qvapi::RecordingWriter writer;
+    qvapi::RecordingStatus st = writer.Open(folder + "/session.mcap", setup, {});
+    for (int k = 0; st.ok() && k < frames; ++k) {
+        qvsim::SceneSpec scene;
+        scene.kind = qvsim::SceneKind::Boxes;
+        scene.distanceMm = 1500.0 + 250.0 * k;
+        qvsim::CaptureSpec spec;
+        spec.noiseSigma = 3.0;  // the filter then has something to change
+        spec.seed = static_cast<uint32_t>(k + 1);
+        spec.temperatureC = 30.0 + k;
+        const qvsim::Capture cap = qvsim::SimulateCapture(cal.full, scene, spec);
+        std::ofstream(folder + "/capture_" + std::to_string(k) + ".raw", std::ios::binary)
+            .write(reinterpret_cast<const char*>(cap.raw.data()), static_cast<std::streamsize>(cap.raw.size() * 2));
+        qvapi::CaptureFrame c;
+        c.width = cap.width;
+        c.height = cap.height;
+        c.words = cap.raw.data();
+        c.wordCount = cap.raw.size();
+        c.timeNs = 1000000000ull + 33333333ull * static_cast<uint64_t>(k);
+        c.sequence = static_cast<uint64_t>(k);
+        c.temperatureC = static_cast<float>(spec.temperatureC);
+        st = writer.WriteCapture(c);
+        if (st.ok()) {
+            const qvsim::ColourFrame colour = qvsim::RenderColour(cal.full, scene);
+            st = writer.WriteColour(c.timeNs, colour.nv12.data(), colour.width, colour.height);
+        }
+    }
+    if (st.ok())
+        st = writer.Close();
+    if (!st.ok()) {
+        std::fprintf(stderr, "%s\n", st.message.c_str());
+        return 1;
+    }
+    return 0;
+}

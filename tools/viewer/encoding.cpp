@@ -1,0 +1,75 @@
+#include "encoding.h"
+
+#include <stdexcept>
+
+#include <opencv2/imgcodecs.hpp>
+#include <zlib.h>
+
+namespace qvrecon::viewer {
+
+cv::Mat Decimate(const cv::Mat& image, int factor)
+{
+    if (factor <= 1)
+        return image;
+    const int rows = (image.rows + factor - 1) / factor, cols = (image.cols + factor - 1) / factor;
+    cv::Mat out(rows, cols, image.type());
+    const size_t pixelBytes = image.elemSize();
+    for (int y = 0; y < rows; ++y) {
+        const uint8_t* src = image.ptr<uint8_t>(y * factor);
+        uint8_t* dst = out.ptr<uint8_t>(y);
+        for (int x = 0; x < cols; ++x)
+            for (size_t b = 0; b < pixelBytes; ++b)
+                dst[x * pixelBytes + b] = src[static_cast<size_t>(x) * factor * pixelBytes + b];
+    }
+    return out;
+}
+
+std::string DeflateU16(const cv::Mat& image16, int level)
+{
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "words are sent in the host's byte order");
+    CV_Assert(image16.type() == CV_16UC1);
+    const cv::Mat image = image16.isContinuous() ? image16 : image16.clone();
+    const uLong bytes = static_cast<uLong>(image.total() * 2);
+    std::string out(compressBound(bytes), '\0');
+    uLongf size = static_cast<uLongf>(out.size());
+    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size, image.data, bytes, level) != Z_OK)
+        throw std::runtime_error("cannot compress a depth image");
+    out.resize(size);
+    return out;
+}
+
+std::string Png(const cv::Mat& image, bool fast)
+{
+    std::vector<uint8_t> png;
+    std::vector<int> params;
+    if (fast)
+        params = {cv::IMWRITE_PNG_COMPRESSION, 1};
+    if (!cv::imencode(".png", image, png, params))
+        throw std::runtime_error("cannot encode a PNG");
+    return std::string(png.begin(), png.end());
+}
+
+std::string Jpeg(const cv::Mat& bgr, int quality)
+{
+    std::vector<uint8_t> jpeg;
+    if (!cv::imencode(".jpg", bgr, jpeg, {cv::IMWRITE_JPEG_QUALITY, quality}))
+        throw std::runtime_error("cannot encode a JPEG");
+    return std::string(jpeg.begin(), jpeg.end());
+}
+
+std::vector<float> CloudFromRays(const cv::Mat& depth16, const std::vector<float>& rays)
+{
+    const size_t n = depth16.total();
+    CV_Assert(depth16.type() == CV_16UC1 && depth16.isContinuous() && rays.size() == 3 * n);
+    std::vector<float> cloud(3 * n);
+    const uint16_t* d = depth16.ptr<uint16_t>();
+    for (size_t i = 0; i < n; ++i) {
+        const float z = static_cast<float>(d[i]);
+        cloud[3 * i] = rays[i] * z;
+        cloud[3 * i + 1] = rays[n + i] * z;
+        cloud[3 * i + 2] = rays[2 * n + i] * z;
+    }
+    return cloud;
+}
+
+}  // namespace qvrecon::viewer

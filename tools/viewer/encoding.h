@@ -1,0 +1,33 @@
+// How the viewer puts a frame's images on the wire: 16-bit images as zlib streams of
+// little-endian words, pictures as PNG or JPEG, every-k-th-pixel decimation, and
+// point clouds from the per-pixel rays.
+#ifndef QVRECON_VIEWER_ENCODING_H
+#define QVRECON_VIEWER_ENCODING_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+namespace qvrecon::viewer {
+
+// Every `factor`-th pixel of every `factor`-th row, starting at (0, 0).
+cv::Mat Decimate(const cv::Mat& image, int factor);
+
+// A CV_16UC1 image as a zlib stream (RFC 1950) of its words, little-endian, row by row.
+std::string DeflateU16(const cv::Mat& image16, int level);
+
+// PNG (8-bit grey, BGR, or 16-bit grey) and JPEG (BGR) of an image; `fast` trades
+// size for time (zlib level 1) in pictures made for every frame.
+std::string Png(const cv::Mat& image, bool fast);
+std::string Jpeg(const cv::Mat& bgr, int quality);
+
+// The library's point of each pixel from its ray: (rayX * d, rayY * d, rayZ * d) in
+// floats, `rays` holding rayX, rayY and rayZ of every pixel one after the other
+// (GetCloudPoint of a depth image of ones: rayZ is 1, or 0 where it gives no point).
+std::vector<float> CloudFromRays(const cv::Mat& depth16, const std::vector<float>& rays);
+
+}  // namespace qvrecon::viewer
+
+#endif

@@ -1,0 +1,631 @@
+#include "frame_pipeline.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <random>
+
+#include <opencv2/imgproc.hpp>
+
+#include "encoding.h"
+#include "output_files.h"
+
+namespace qvrecon::viewer {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Json = nlohmann::json;
+
+double Ms(Clock::time_point since) { return std::chrono::duration<double, std::milli>(Clock::now() - since).count(); }
+
+// A smoothed figure: the first value as it is, later ones weighed in by a tenth.
+void Smooth(double& figure, double value) { figure = figure == 0 ? value : 0.9 * figure + 0.1 * value; }
+
+uint64_t NowNs()
+{
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch()).count());
+}
+
+std::string RandomHex(size_t bytes)
+{
+    std::random_device rd;
+    std::string out;
+    for (size_t i = 0; i < bytes; ++i) {
+        char two[3];
+        std::snprintf(two, sizeof two, "%02x", static_cast<unsigned>(rd() & 0xff));
+        out += two;
+    }
+    return out;
+}
+
+const std::string& BlobName(size_t i)
+{
+    static const std::vector<std::string> names(kBlobNames.begin(), kBlobNames.end());
+    return names[i];
+}
+
+}  // namespace
+
+Pipeline::Pipeline(std::unique_ptr<Source> source, const PipelineOptions& options)
+    : source_(std::move(source)), options_(options)
+{
+    lib_ = qvapi::Reconstruction::CreateInstance();
+    uint8_t* bar = nullptr;
+    int entries = 0;
+    lib_->GetColorBar(&bar, entries);
+    const std::unique_ptr<uint8_t[]> owned(bar);
+    for (int i = 0; bar != nullptr && i < entries; ++i)
+        colourBar_.push_back({bar[3 * i], bar[3 * i + 1], bar[3 * i + 2]});
+}
+
+Pipeline::~Pipeline()
+{
+    Stop();
+    Record({{"action", "stop"}});
+}
+
+void Pipeline::Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink)
+{
+    sink_ = std::move(sink);
+    thread_ = std::thread([this] { Run(); });
+}
+
+void Pipeline::Stop()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        stop_ = true;
+    }
+    cv_.notify_all();
+    if (thread_.joinable())
+        thread_.join();
+}
+
+Settings Pipeline::CurrentSettings() const
+{
+    std::lock_guard<std::mutex> lock(m_);
+    return settings_;
+}
+
+std::string Pipeline::UpdateSettings(const Json& update, Done done)
+{
+    std::unique_lock<std::mutex> lock(m_);
+    if (std::string error = ApplySettings(update, settings_); !error.empty())
+        return error;
+    ++settingsVersion_;
+    if (latest_ == nullptr) {
+        lock.unlock();
+        done();
+        return "";
+    }
+    refresh_ = true;
+    waiting_.emplace(++tickets_, std::move(done));
+    lock.unlock();
+    cv_.notify_all();
+    return "";
+}
+
+uint64_t Pipeline::WrapIndex(int64_t index) const
+{
+    const int64_t n = static_cast<int64_t>(std::max<uint64_t>(source_->Available(), 1));
+    return static_cast<uint64_t>(((index % n) + n) % n);
+}
+
+std::string Pipeline::Playback(const Json& request, Done done)
+{
+    if (!request.is_object())
+        return "playback takes a JSON object";
+    for (const auto& [key, value] : request.items())
+        if (key != "action" && key != "frame" && key != "delta" && key != "speed")
+            return "unknown key '" + key + "' (action, frame, delta, speed)";
+    std::string action;
+    if (request.contains("action")) {
+        if (!request["action"].is_string())
+            return "action takes \"play\", \"pause\", \"step\" or \"seek\"";
+        action = request["action"].get<std::string>();
+        if (action != "play" && action != "pause" && action != "step" && action != "seek")
+            return "unknown action '" + action + "' (play, pause, step, seek)";
+    } else if (!request.contains("speed")) {
+        return "playback needs an action (play, pause, step, seek) or a speed";
+    }
+    std::optional<double> speed;
+    if (request.contains("speed")) {
+        const Json& s = request["speed"];
+        if (!s.is_number() || !(s.get<double>() >= 0.25 && s.get<double>() <= 4.0))
+            return "speed takes a number from 0.25 to 4";
+        speed = s.get<double>();
+    }
+    if (request.contains("frame") && action != "seek")
+        return "frame goes with the seek action";
+    if (request.contains("delta") && action != "step")
+        return "delta goes with the step action";
+    int delta = 1;
+    if (action == "step" && request.contains("delta")) {
+        const Json& d = request["delta"];
+        if (!d.is_number_integer() || (d.get<int64_t>() != 1 && d.get<int64_t>() != -1))
+            return "delta takes 1 or -1";
+        delta = static_cast<int>(d.get<int64_t>());
+    }
+    uint64_t frame = 0;
+    if (action == "seek") {
+        if (source_->Live())
+            return "a live source cannot be sought";
+        const std::optional<uint64_t> frames = source_->Frames();
+        if (!request.contains("frame") || !request["frame"].is_number_integer())
+            return "seek takes a frame number";
+        const Json& f = request["frame"];
+        if (f.is_number_unsigned() ? false : f.get<int64_t>() < 0)
+            return "frame numbers start at 0";
+        frame = f.get<uint64_t>();
+        if (!frames || frame >= *frames)
+            return "frame " + std::to_string(frame) + " is past the last (" +
+                   std::to_string(frames.value_or(1) - 1) + ")";
+    }
+
+    std::unique_lock<std::mutex> lock(m_);
+    if (speed)
+        speed_ = *speed;
+    if (action == "play") {
+        playing_ = true;
+    } else if (action == "pause") {
+        // Answered once a frame being processed is done: nothing moves after the answer.
+        playing_ = false;
+        waiting_.emplace(++tickets_, std::move(done));
+        lock.unlock();
+        cv_.notify_all();
+        return "";
+    } else if (action == "step" || action == "seek") {
+        playing_ = false;
+        if (action == "seek") {
+            seek_ = frame;
+            step_ = 0;
+        } else {
+            step_ += delta;
+        }
+        waiting_.emplace(++tickets_, std::move(done));
+        lock.unlock();
+        cv_.notify_all();
+        return "";
+    }
+    lock.unlock();
+    cv_.notify_all();
+    done();
+    return "";
+}
+
+std::string Pipeline::Record(const Json& request)
+{
+    if (!request.is_object() || request.size() != 1 || !request.contains("action") || !request["action"].is_string())
+        return "record takes {\"action\": \"start\"} or {\"action\": \"stop\"}";
+    const std::string action = request["action"].get<std::string>();
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    if (action == "start") {
+        if (writer_)
+            return "";  // already recording
+        // viewer-YYYYMMDD-HHMMSS.mcap, written as a hidden exclusive temporary beside it.
+        const std::time_t now = std::time(nullptr);
+        std::tm local{};
+        localtime_r(&now, &local);
+        char stamp[32];
+        std::strftime(stamp, sizeof stamp, "viewer-%Y%m%d-%H%M%S", &local);
+        EnsureFolder(options_.recordDir);
+        auto writer = std::make_unique<qvapi::RecordingWriter>();
+        qvapi::RecordingSetup setup;
+        setup.device = source_->Device();
+        {
+            std::lock_guard<std::mutex> state(m_);
+            setup.stream = Info(configured_.value_or(StreamKind::Dual)).type;
+        }
+        try {
+            setup.calibrationYaml = qvapi::CalibrationText(source_->Calibration(), false);
+        } catch (const std::exception& e) {
+            return std::string("cannot record the calibration: ") + e.what();
+        }
+        const std::string temp = (std::filesystem::path(options_.recordDir) / ("." + std::string(stamp) + ".mcap.tmp-" + RandomHex(8))).string();
+        const qvapi::RecordingStatus st = writer->Open(temp, setup, {});
+        if (!st.ok()) {
+            unlink(temp.c_str());
+            return "cannot record: " + st.message;
+        }
+        writer_ = std::move(writer);
+        recordTemp_ = temp;
+        recordPath_ = (std::filesystem::path(options_.recordDir) / (std::string(stamp) + ".mcap")).string();
+        recordFrames_ = 0;
+        recordLastTime_ = 0;
+        return "";
+    }
+    if (action == "stop") {
+        if (!writer_)
+            return "";
+        const qvapi::RecordingStatus st = writer_->Close();
+        writer_.reset();
+        if (!st.ok()) {
+            unlink(recordTemp_.c_str());
+            return "the recording failed: " + st.message;
+        }
+        // The finished file takes the first free name: never replacing another.
+        const std::string base = recordPath_.substr(0, recordPath_.size() - 5);
+        for (int k = 1; k < 1000; ++k) {
+            const std::string name = k == 1 ? recordPath_ : base + "-" + std::to_string(k) + ".mcap";
+            if (renameat2(AT_FDCWD, recordTemp_.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) {
+                recordPath_ = name;
+                return "";
+            }
+            if (errno != EEXIST)
+                break;
+        }
+        const std::string reason = std::strerror(errno);
+        unlink(recordTemp_.c_str());
+        return "cannot name the recording: " + reason;
+    }
+    return "unknown action '" + action + "' (start, stop)";
+}
+
+Json Pipeline::RecordingStatus() const
+{
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    return {{"active", writer_ != nullptr},
+            {"path", recordPath_.empty() ? Json(nullptr) : Json(recordPath_)},
+            {"frames", recordFrames_}};
+}
+
+void Pipeline::SetWants(uint64_t client, const ClientWants& wants)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        wants_[client] = wants;
+        refresh_ = refresh_ || (!playing_ && latest_ != nullptr);  // a paused picture is sent again
+    }
+    cv_.notify_all();
+}
+
+void Pipeline::ForgetClient(uint64_t client)
+{
+    std::lock_guard<std::mutex> lock(m_);
+    wants_.erase(client);
+}
+
+std::shared_ptr<const ProcessedFrame> Pipeline::Latest() const
+{
+    std::lock_guard<std::mutex> lock(m_);
+    return latest_;
+}
+
+std::shared_ptr<const std::vector<float>> Pipeline::Rays(int& width, int& height, int& calibrationId) const
+{
+    std::lock_guard<std::mutex> lock(m_);
+    width = raysWidth_;
+    height = raysHeight_;
+    calibrationId = calibrationId_;
+    return rays_;
+}
+
+Json Pipeline::Status() const
+{
+    const std::optional<uint64_t> frames = source_->Frames();
+    std::lock_guard<std::mutex> lock(m_);
+    Json frame = nullptr;
+    if (latest_)
+        frame = {{"index", latest_->index}, {"time_ns", latest_->timeNs}, {"temperature_c", latest_->temperatureC}};
+    const StreamKind kind = latest_ ? latest_->kind : configured_.value_or(StreamKind::Dual);
+    Json stages = Json::object();
+    for (const char* s : {"depth", "ir", "register", "colour", "encode"}) {
+        const auto it = stagesMs_.find(s);
+        stages[s] = it == stagesMs_.end() ? 0.0 : it->second;
+    }
+    return {{"source",
+             {{"kind", source_->Kind()},
+              {"name", source_->Name()},
+              {"frames", frames ? Json(*frames) : Json(nullptr)},
+              {"available", source_->Available()},
+              {"playing", playing_},
+              {"speed", speed_}}},
+            {"stream", Info(kind).name},
+            {"width", Info(kind).width},
+            {"height", Info(kind).height},
+            {"frame", frame},
+            {"rates", {{"sensor_fps", sensorFps_}, {"processed_fps", processedFps_}}},
+            {"stages_ms", stages},
+            {"settings", ToJson(settings_)},
+            {"settings_version", settingsVersion_},
+            {"calibration_id", calibrationId_},
+            {"error", error_.empty() ? Json(nullptr) : Json(error_)}};
+}
+
+void Pipeline::Finish(uint64_t upToTicket)
+{
+    std::vector<Done> done;
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        while (!waiting_.empty() && waiting_.begin()->first <= upToTicket) {
+            done.push_back(std::move(waiting_.begin()->second));
+            waiting_.erase(waiting_.begin());
+        }
+    }
+    for (Done& d : done)
+        d();
+}
+
+void Pipeline::Run()
+{
+    std::optional<uint64_t> current;
+    Clock::time_point due = Clock::now(), lastShown{}, lastProcessed{};
+    uint64_t lastTimeNs = 0;
+    std::unique_lock<std::mutex> lock(m_);
+    while (!stop_) {
+        uint64_t target = 0;
+        bool advance = true;
+        if (seek_) {
+            target = *seek_;
+            seek_.reset();
+        } else if (step_ != 0) {
+            if (source_->Available() == 0) {
+                step_ = 0;
+                continue;
+            }
+            target = WrapIndex(static_cast<int64_t>(current.value_or(0)) + (current ? step_ : 0));
+            step_ = 0;
+        } else if (refresh_ && current) {
+            target = *current;
+            advance = false;
+        } else if (playing_) {
+            if (source_->Available() == 0 || Clock::now() < due) {
+                cv_.wait_until(lock, source_->Available() == 0 ? Clock::now() + std::chrono::milliseconds(20) : due);
+                continue;
+            }
+            target = current ? WrapIndex(static_cast<int64_t>(*current) + 1) : 0;
+        } else {
+            // Paused: what still waits (a pause, or a change with no frame to show it on)
+            // is answered.
+            if (!waiting_.empty()) {
+                const uint64_t ticket = tickets_;
+                lock.unlock();
+                Finish(ticket);
+                lock.lock();
+                continue;
+            }
+            cv_.wait(lock);
+            continue;
+        }
+        refresh_ = false;
+        const uint64_t ticket = tickets_;
+        const double speed = speed_;
+        lock.unlock();
+
+        const Clock::time_point started = Clock::now();
+        uint64_t timeNs = 0;
+        try {
+            Process(target, advance);
+            const auto latest = Latest();
+            timeNs = latest ? latest->timeNs : 0;
+        } catch (const std::exception& e) {
+            std::lock_guard<std::mutex> state(m_);
+            error_ = "frame " + std::to_string(target) + ": " + SingleLine(e.what());
+        }
+        Finish(ticket);
+
+        lock.lock();
+        if (lastProcessed != Clock::time_point{}) {
+            const double seconds = std::chrono::duration<double>(Clock::now() - lastProcessed).count();
+            if (seconds > 0)
+                Smooth(processedFps_, 1.0 / seconds);
+        }
+        lastProcessed = Clock::now();
+        if (advance) {
+            const Clock::time_point now = Clock::now();
+            if (lastShown != Clock::time_point{}) {
+                const double seconds = std::chrono::duration<double>(now - lastShown).count();
+                if (seconds > 0)
+                    Smooth(sensorFps_, 1.0 / seconds);
+            }
+            lastShown = now;
+            // Recordings play at their own pace, others at --fps.
+            double period = 1.0 / options_.fps;
+            if (timeNs > lastTimeNs && lastTimeNs != 0 && current && target == *current + 1 &&
+                timeNs - lastTimeNs <= 1000000000ull)
+                period = static_cast<double>(timeNs - lastTimeNs) * 1e-9;
+            lastTimeNs = timeNs;
+            due = std::max(due + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(period / speed)),
+                           started);
+            current = target;
+        }
+    }
+}
+
+void Pipeline::Process(uint64_t index, bool advance)
+{
+    SourceFrame f = source_->Get(index);
+    const StreamInfo& s = Info(f.kind);
+    Settings settings;
+    uint64_t version = 0;
+    std::map<int, uint32_t> wanted;  // decimation -> blobs
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        settings = settings_;
+        version = settingsVersion_;
+        for (const auto& [client, w] : wants_)
+            wanted[w.decimate] |= w.blobs;
+    }
+    // Binned and full frames share the full stream's Init, as in a live session.
+    if (!configured_ || Info(*configured_).type != s.type || Info(*configured_).width != s.width) {
+        const bool sameTables = configured_ && Info(*configured_).type == s.type;
+        if (!sameTables)
+            lib_ = &Configure(source_->Calibration(), source_->Device(), f.kind);
+        // The rays of this size: the library's point of a depth of 1 mm at each pixel.
+        const size_t n = static_cast<size_t>(s.width) * s.height;
+        std::vector<uint16_t> ones(n, 1);
+        std::vector<float> cloud(3 * n);
+        const int32_t st = lib_->GetCloudPoint(ones.data(), cloud.data(), s.width, s.height);
+        if (st != qvapi::STATUS_OK)
+            throw ToolError("no rays: " + StatusText(st));
+        auto rays = std::make_shared<std::vector<float>>(3 * n);
+        for (size_t i = 0; i < n; ++i) {
+            (*rays)[i] = cloud[3 * i];
+            (*rays)[n + i] = cloud[3 * i + 1];
+            (*rays)[2 * n + i] = cloud[3 * i + 2];
+        }
+        std::lock_guard<std::mutex> lock(m_);
+        configured_ = f.kind;
+        rays_ = std::move(rays);
+        raysWidth_ = s.width;
+        raysHeight_ = s.height;
+        ++calibrationId_;
+    }
+    auto out = std::make_shared<ProcessedFrame>();
+    out->index = f.index;
+    out->timeNs = f.timeNs != 0 ? f.timeNs : NowNs();
+    out->temperatureC = f.temperatureC;
+    out->kind = f.kind;
+    out->settings = settings;
+    out->settingsVersion = version;
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        out->rays = rays_;
+        out->calibrationId = calibrationId_;
+    }
+    std::map<std::string, double> stages;
+
+    Clock::time_point t = Clock::now();
+    lib_->OpenFilter(settings.filter);
+    lib_->SetFlipMode(settings.flip);
+    uint16_t* depth = nullptr;
+    const int32_t st = lib_->CalculateDepth(f.words->data(), &depth, s.width, s.height);
+    const std::unique_ptr<uint16_t[]> ownedDepth(depth);
+    if (st != qvapi::STATUS_OK)
+        throw ToolError(StatusText(st));
+    out->depth = cv::Mat(s.height, s.width, CV_16UC1, depth).clone();
+    stages["depth"] = Ms(t);
+
+    t = Clock::now();
+    std::vector<uint16_t> ir(static_cast<size_t>(s.width) * s.height);
+    lib_->GetIR(f.words->data(), ir.data(), s.width, s.height);
+    out->ir = IrPicture(ir, s.width, s.height);
+    stages["ir"] = Ms(t);
+
+    t = Clock::now();
+    if (f.nv12 && s.width == 640 && s.height == 480) {
+        std::vector<uint8_t> nv12 = *f.nv12;  // the library may write into the frame it is given
+        const Registration r = Register(*lib_, out->depth, nv12);
+        out->registered = r.depth;
+        out->colour = r.colourBgr;
+    }
+    stages["register"] = Ms(t);
+
+    t = Clock::now();
+    lib_->SetCustomDistanceRange(settings.rangeMin, settings.rangeMax);
+    uint8_t* rgb = nullptr;
+    lib_->Convert2RGB(&rgb, reinterpret_cast<uint16_t*>(out->depth.data), s.width, s.height);
+    const std::unique_ptr<uint8_t[]> ownedRgb(rgb);
+    if (rgb == nullptr)
+        throw ToolError("the library gave no false colour");
+    cv::cvtColor(cv::Mat(s.height, s.width, CV_8UC3, rgb), out->falseColour, cv::COLOR_RGB2BGR);
+    stages["colour"] = Ms(t);
+
+    t = Clock::now();
+    if (!wanted.empty())
+        Encode(*out, wanted);
+    stages["encode"] = Ms(t);
+
+    {
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        if (writer_ && advance) {  // a frame shown again (new settings) is not recorded twice
+            qvapi::CaptureFrame c;
+            c.stream = s.type;
+            c.width = s.width;
+            c.height = s.height;
+            c.words = f.words->data();
+            c.wordCount = f.words->size();
+            c.timeNs = std::max(NowNs(), recordLastTime_ + 1);
+            c.sequence = recordFrames_;
+            c.temperatureC = f.temperatureC;
+            c.temperatureCode = f.temperatureCode;
+            recordLastTime_ = c.timeNs;
+            qvapi::RecordingStatus rs = writer_->WriteCapture(c);
+            if (rs.ok() && f.nv12)
+                rs = writer_->WriteColour(c.timeNs, f.nv12->data(), 1920, 1080);
+            if (rs.ok()) {
+                ++recordFrames_;
+            } else {
+                std::lock_guard<std::mutex> state(m_);
+                error_ = "recording stopped: " + rs.message;
+                writer_.reset();
+                unlink(recordTemp_.c_str());
+            }
+        }
+    }
+
+    std::lock_guard<std::mutex> lock(m_);
+    for (const auto& [name, ms] : stages)
+        Smooth(stagesMs_[name], ms);
+    latest_ = std::move(out);
+    error_.clear();
+}
+
+void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted)
+{
+    auto e = std::make_shared<EncodedFrame>();
+    e->index = frame.index;
+    e->timeNs = frame.timeNs;
+    e->temperatureC = frame.temperatureC;
+    e->stream = Info(frame.kind).name;
+    e->width = frame.depth.cols;
+    e->height = frame.depth.rows;
+    e->calibrationId = frame.calibrationId;
+    e->settingsVersion = frame.settingsVersion;
+    for (const auto& [decimate, mask] : wanted) {
+        std::vector<Blob>& blobs = e->blobs[decimate];
+        // Colour pictures go at half size (960 x 540) unless the client takes every pixel.
+        const int colourScale = decimate == 1 ? 1 : 2;
+        for (size_t b = 0; b < kBlobNames.size(); ++b) {
+            if (!(mask & (1u << b)))
+                continue;
+            const std::string& name = BlobName(b);
+            Blob blob;
+            blob.name = name;
+            cv::Mat image;
+            if (name == "depth") {
+                image = Decimate(frame.depth, decimate);
+                blob.encoding = "u16-deflate";
+                blob.bytes = DeflateU16(image, 1);
+            } else if (name == "false_colour") {
+                image = Decimate(frame.falseColour, decimate);
+                blob.encoding = "png";
+                blob.bytes = Png(image, true);
+            } else if (name == "ir") {
+                image = Decimate(frame.ir, decimate);
+                blob.encoding = "png";
+                blob.bytes = Png(image, true);
+            } else if (name == "colour" && !frame.colour.empty()) {
+                if (colourScale == 1)
+                    image = frame.colour;
+                else
+                    cv::resize(frame.colour, image, cv::Size(frame.colour.cols / 2, frame.colour.rows / 2), 0, 0,
+                               cv::INTER_AREA);
+                blob.encoding = "jpeg";
+                blob.bytes = Jpeg(image, 80);
+            } else if (name == "registered" && !frame.registered.empty()) {
+                image = Decimate(frame.registered, colourScale);
+                blob.encoding = "u16-deflate";
+                blob.bytes = DeflateU16(image, 1);
+            } else {
+                continue;  // a part this frame lacks
+            }
+            blob.width = image.cols;
+            blob.height = image.rows;
+            blobs.push_back(std::move(blob));
+        }
+    }
+    if (sink_)
+        sink_(std::move(e));
+}
+
+}  // namespace qvrecon::viewer

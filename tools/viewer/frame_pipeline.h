@@ -1,0 +1,159 @@
+// The viewer's pipeline thread: picks the frame to show (playback), runs the library
+// on it with the browser's settings, keeps the newest result for snapshots, encodes
+// what the connected clients want once per frame, and writes recordings.
+#ifndef QVRECON_VIEWER_FRAME_PIPELINE_H
+#define QVRECON_VIEWER_FRAME_PIPELINE_H
+
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+#include <opencv2/core.hpp>
+#include <qvreconstruction/recording.h>
+
+#include "settings.h"
+#include "sources.h"
+
+namespace qvrecon::viewer {
+
+// The blobs a client can ask for, and the decimations.
+constexpr std::array<const char*, 5> kBlobNames = {"depth", "false_colour", "ir", "colour", "registered"};
+constexpr std::array<int, 3> kDecimations = {1, 2, 4};
+
+// What one client wants on the stream.
+struct ClientWants {
+    int decimate = 1;
+    uint32_t blobs = (1u << kBlobNames.size()) - 1;  // bit i: kBlobNames[i]
+};
+
+// One frame through the library: everything a snapshot needs.
+struct ProcessedFrame {
+    uint64_t index = 0, timeNs = 0;
+    float temperatureC = 0.0f;
+    StreamKind kind = StreamKind::Dual;
+    Settings settings;
+    uint64_t settingsVersion = 0;
+    int calibrationId = 0;
+    cv::Mat depth;        // CV_16UC1, mm
+    cv::Mat ir;           // CV_8UC1
+    cv::Mat falseColour;  // BGR, Convert2RGB's picture
+    cv::Mat colour;       // BGR 1920 x 1080 undistorted, empty without a colour frame
+    cv::Mat registered;   // CV_16UC1 on the colour grid, empty without a colour frame
+    std::shared_ptr<const std::vector<float>> rays;  // rayX, rayY, rayZ per pixel
+};
+
+struct Blob {
+    std::string name, encoding;
+    int width = 0, height = 0;
+    std::string bytes;
+};
+
+// A frame's blobs, encoded once for every client: per decimation, the blobs wanted.
+struct EncodedFrame {
+    uint64_t index = 0, timeNs = 0;
+    float temperatureC = 0.0f;
+    std::string stream;
+    int width = 0, height = 0, calibrationId = 0;
+    uint64_t settingsVersion = 0;
+    std::map<int, std::vector<Blob>> blobs;
+};
+
+struct PipelineOptions {
+    double fps = 30.0;
+    std::string recordDir = ".";
+};
+
+class Pipeline {
+public:
+    Pipeline(std::unique_ptr<Source> source, const PipelineOptions& options);
+    ~Pipeline();  // stops the thread and finishes a recording
+    Pipeline(const Pipeline&) = delete;
+    Pipeline& operator=(const Pipeline&) = delete;
+
+    // Every encoded frame is handed to `sink` on the pipeline thread; it must not block.
+    void Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink);
+    void Stop();
+
+    // Called when a request's effect is visible (the frame it asked for processed), on
+    // the pipeline thread, or at once when there is nothing to process.
+    using Done = std::function<void()>;
+
+    // Settings: the current ones, or "" after applying an update (else the reason).
+    Settings CurrentSettings() const;
+    std::string UpdateSettings(const nlohmann::json& update, Done done);
+    // Playback: "" when accepted, else the reason.
+    std::string Playback(const nlohmann::json& request, Done done);
+    // Recording: start or stop; "" when done, else the reason.
+    std::string Record(const nlohmann::json& request);
+    nlohmann::json RecordingStatus() const;
+
+    // What clients want from now on (the union is encoded).
+    void SetWants(uint64_t client, const ClientWants& wants);
+    void ForgetClient(uint64_t client);
+
+    std::shared_ptr<const ProcessedFrame> Latest() const;
+    // The rays of the current depth size (rayX, rayY, rayZ per pixel), and its id.
+    std::shared_ptr<const std::vector<float>> Rays(int& width, int& height, int& calibrationId) const;
+    const std::vector<std::array<uint8_t, 3>>& ColourBar() const { return colourBar_; }
+    // Status fields of the source, the frame, rates and stage times.
+    nlohmann::json Status() const;
+
+private:
+    void Run();
+    void Process(uint64_t index, bool advance);
+    void Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted);
+    void Finish(uint64_t upToTicket);
+    uint64_t WrapIndex(int64_t index) const;
+
+    std::unique_ptr<Source> source_;
+    PipelineOptions options_;
+    std::function<void(std::shared_ptr<const EncodedFrame>)> sink_;
+    std::thread thread_;
+
+    mutable std::mutex m_;
+    std::condition_variable cv_;
+    bool stop_ = false;
+    // Playback.
+    bool playing_ = true;
+    double speed_ = 1.0;
+    std::optional<uint64_t> seek_;
+    int step_ = 0;
+    bool refresh_ = false;
+    // Requests waiting for their frame: ticket -> done.
+    uint64_t tickets_ = 0;
+    std::multimap<uint64_t, Done> waiting_;
+    Settings settings_;
+    uint64_t settingsVersion_ = 1;
+    std::map<uint64_t, ClientWants> wants_;
+    // Results.
+    std::shared_ptr<const ProcessedFrame> latest_;
+    std::shared_ptr<const std::vector<float>> rays_;
+    int raysWidth_ = 0, raysHeight_ = 0, calibrationId_ = 0;
+    double sensorFps_ = 0, processedFps_ = 0;
+    std::map<std::string, double> stagesMs_;
+    std::string error_;
+    // Recording (its own lock: opened and closed from the network thread).
+    mutable std::mutex recordMutex_;
+    std::unique_ptr<qvapi::RecordingWriter> writer_;
+    std::string recordTemp_, recordPath_;
+    uint64_t recordFrames_ = 0;
+    uint64_t recordLastTime_ = 0;
+
+    // Pipeline thread only.
+    qvapi::Reconstruction* lib_ = nullptr;
+    std::optional<StreamKind> configured_;
+    std::vector<std::array<uint8_t, 3>> colourBar_;
+};
+
+}  // namespace qvrecon::viewer
+
+#endif
