@@ -1,6 +1,8 @@
 // Writes the viewer tests' inputs: N simulated full-stream captures of a boxes scene
 // at different distances, each as a raw file (capture_K.raw, for `qvrecon depth`) and
-// all of them, with a colour frame each, as one recording (session.mcap).
+// all of them, with a colour frame each, as one recording (session.mcap); and a
+// recording of binned and full frames of a scene with a dark patch (mixed.mcap), whose
+// depth depends on the binned frames before each.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -51,6 +53,30 @@ int main(int argc, char** argv)
     }
     if (st.ok())
         st = writer.Close();
+    qvapi::RecordingWriter mixed;
+    if (st.ok())
+        st = mixed.Open(folder + "/mixed.mcap", setup, {});
+    const bool binned[] = {true, false, true, true, false};
+    for (int k = 0; st.ok() && k < 5; ++k) {
+        qvsim::SceneSpec scene;
+        scene.kind = qvsim::SceneKind::Boxes;
+        scene.darkPatch = true;  // amplitudes between the halved thresholds
+        qvsim::CaptureSpec spec;
+        spec.noiseSigma = 3.0;
+        spec.seed = static_cast<uint32_t>(k + 1);
+        spec.binned = binned[k];
+        const qvsim::Capture cap = qvsim::SimulateCapture(cal.full, scene, spec);
+        qvapi::CaptureFrame c;
+        c.width = cap.width;
+        c.height = cap.height;
+        c.words = cap.raw.data();
+        c.wordCount = cap.raw.size();
+        c.timeNs = 1000000000ull + 33333333ull * static_cast<uint64_t>(k);
+        c.sequence = static_cast<uint64_t>(k);
+        st = mixed.WriteCapture(c);
+    }
+    if (st.ok())
+        st = mixed.Close();
     if (!st.ok()) {
         std::fprintf(stderr, "%s\n", st.message.c_str());
         return 1;

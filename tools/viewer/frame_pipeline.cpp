@@ -441,9 +441,62 @@ void Pipeline::Run()
     }
 }
 
+int Pipeline::HalvingsBefore(uint64_t index)
+{
+    constexpr size_t kHalvingsToZero = 3;  // a fresh threshold (5) is 0 after three
+    const bool mixes = source_->MixesStreams();
+    // Kinds of the frames before `index`, read once. A source of one stream needs them
+    // only until its third binned frame.
+    while (scan_.scanned < index && (mixes || scan_.binned.size() < kHalvingsToZero)) {
+        const uint64_t i = scan_.scanned;
+        const auto known = scan_.seen.find(i);
+        const StreamKind kind = known != scan_.seen.end() ? known->second : source_->KindAt(i);
+        if (known != scan_.seen.end())
+            scan_.seen.erase(known);
+        if (scan_.last && *scan_.last != Info(kind).type)
+            scan_.streamChanges.push_back(i);
+        scan_.last = Info(kind).type;
+        if (kind == StreamKind::Binned)
+            scan_.binned.push_back(i);
+        ++scan_.scanned;
+    }
+    // Binned frames before `index` since the stream last changed, at most three.
+    uint64_t start = 0;
+    for (uint64_t c : scan_.streamChanges)
+        if (c <= index)
+            start = c;
+    size_t count = 0;
+    for (uint64_t b : scan_.binned)
+        count += b >= start && b < index;
+    return static_cast<int>(std::min(count, kHalvingsToZero));
+}
+
+void Pipeline::CatchUp(uint64_t index, StreamKind kind)
+{
+    const int target = Info(kind).type == qvapi::STREAM_SINGLE_FREQ ? 0 : HalvingsBefore(index);
+    if (halved_ > target) {
+        lib_ = &Configure(source_->Calibration(), source_->Device(), kind);
+        halved_ = 0;
+    }
+    if (halved_ < target) {
+        // Binned frames of zeros: only their number counts.
+        const StreamInfo& b = Info(StreamKind::Binned);
+        const std::vector<uint16_t> zeros(b.words, 0);
+        for (; halved_ < target; ++halved_) {
+            uint16_t* skipped = nullptr;
+            const int32_t st = lib_->CalculateDepth(zeros.data(), &skipped, b.width, b.height);
+            delete[] skipped;
+            if (st != qvapi::STATUS_OK)
+                throw ToolError(StatusText(st));
+        }
+    }
+}
+
 void Pipeline::Process(uint64_t index, bool advance)
 {
     SourceFrame f = source_->Get(index);
+    if (f.index >= scan_.scanned && (source_->MixesStreams() || scan_.binned.size() < 3))
+        scan_.seen[f.index] = f.kind;
     const StreamInfo& s = Info(f.kind);
     Settings settings;
     uint64_t version = 0;
@@ -458,8 +511,10 @@ void Pipeline::Process(uint64_t index, bool advance)
     // Binned and full frames share the full stream's Init, as in a live session.
     if (!configured_ || Info(*configured_).type != s.type || Info(*configured_).width != s.width) {
         const bool sameTables = configured_ && Info(*configured_).type == s.type;
-        if (!sameTables)
+        if (!sameTables) {
             lib_ = &Configure(source_->Calibration(), source_->Device(), f.kind);
+            halved_ = 0;
+        }
         // The rays of this size: the library's point of a depth of 1 mm at each pixel.
         const size_t n = static_cast<size_t>(s.width) * s.height;
         std::vector<uint16_t> ones(n, 1);
@@ -495,10 +550,13 @@ void Pipeline::Process(uint64_t index, bool advance)
     std::map<std::string, double> stages;
 
     Clock::time_point t = Clock::now();
+    CatchUp(f.index, f.kind);
     lib_->OpenFilter(settings.filter);
     lib_->SetFlipMode(settings.flip);
     uint16_t* depth = nullptr;
     const int32_t st = lib_->CalculateDepth(f.words->data(), &depth, s.width, s.height);
+    if (f.kind == StreamKind::Binned)
+        halved_ = std::min(halved_ + 1, 3);
     const std::unique_ptr<uint16_t[]> ownedDepth(depth);
     if (st != qvapi::STATUS_OK)
         throw ToolError(StatusText(st));

@@ -151,6 +151,21 @@ private:
     // Pipeline thread only.
     qvapi::Reconstruction* lib_ = nullptr;
     std::optional<StreamKind> configured_;
+    // The library halves its amplitude threshold on every binned frame until the next
+    // Init. Each frame is converted as `qvrecon depth` converts it in the serial run of
+    // the source's frames, whatever was shown before (a seek, a step back, a frame shown
+    // again with new settings): halved_ counts the binned frames converted since Init
+    // (up to 3), and the scan below finds how many the serial run had met.
+    int halved_ = 0;
+    struct KindScan {
+        uint64_t scanned = 0;                 // kinds known for frames below this
+        std::vector<uint64_t> binned;         // binned frames among them
+        std::vector<uint64_t> streamChanges;  // frames whose stream differs from the one before
+        std::optional<qvapi::StreamType> last;
+        std::map<uint64_t, StreamKind> seen;  // kinds of frames read, beyond `scanned`
+    } scan_;
+    int HalvingsBefore(uint64_t index);
+    void CatchUp(uint64_t index, StreamKind kind);
     std::vector<std::array<uint8_t, 3>> colourBar_;
 };
 

@@ -1,5 +1,6 @@
 #include "sources.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
@@ -209,6 +210,12 @@ public:
         f.kind = kinds_[index];
         f.words = std::move(words);
         return f;
+    }
+    StreamKind KindAt(uint64_t index) override { return kinds_.at(index); }
+    bool MixesStreams() const override
+    {
+        return std::any_of(kinds_.begin(), kinds_.end(),
+                           [&](StreamKind k) { return Info(k).type != Info(kinds_[0]).type; });
     }
     const ModuleCalibration& Calibration() const override { return calibration_; }
     qvapi::DeviceType Device() const override { return device_; }

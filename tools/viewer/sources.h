@@ -38,6 +38,10 @@ public:
     virtual bool Live() const = 0;
     // Frame `index` (< Available()); a ToolError names what is wrong with it.
     virtual SourceFrame Get(uint64_t index) = 0;
+    // The kind of frame `index`; sources that know it without reading the frame say so.
+    virtual StreamKind KindAt(uint64_t index) { return Get(index).kind; }
+    // Whether frames of both streams (single-frequency and full) may follow each other.
+    virtual bool MixesStreams() const { return false; }
     virtual const ModuleCalibration& Calibration() const = 0;
     virtual qvapi::DeviceType Device() const = 0;
 };
