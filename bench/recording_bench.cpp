@@ -25,10 +25,10 @@ const std::vector<std::vector<uint16_t>>& Captures()
         qvsim::SceneSpec scene;
         scene.kind = qvsim::SceneKind::Boxes;
         for (int i = 0; i < kFrames; ++i) {
-            qvsim::CaptureSpec spec;
-            spec.noiseSigma = 4.0;
-            spec.seed = static_cast<uint32_t>(i + 1);
-            out.push_back(qvsim::SimulateCapture(qvsim::SampleCalibration(), scene, spec).raw);
+            qvsim::CaptureSpec setup;
+            setup.noiseSigma = 4.0;
+            setup.seed = static_cast<uint32_t>(i + 1);
+            out.push_back(qvsim::SimulateCapture(qvsim::SampleCalibration(), scene, setup).raw);
         }
         return out;
     }();

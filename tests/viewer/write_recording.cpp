@@ -30,11 +30,11 @@ int main(int argc, char** argv)
         qvsim::SceneSpec scene;
         scene.kind = qvsim::SceneKind::Boxes;
         scene.distanceMm = 1500.0 + 250.0 * k;
-        qvsim::CaptureSpec spec;
-        spec.noiseSigma = 3.0;  // the filter then has something to change
-        spec.seed = static_cast<uint32_t>(k + 1);
-        spec.temperatureC = 30.0 + k;
-        const qvsim::Capture cap = qvsim::SimulateCapture(cal.full, scene, spec);
+        qvsim::CaptureSpec sensor;
+        sensor.noiseSigma = 3.0;  // the filter then has something to change
+        sensor.seed = static_cast<uint32_t>(k + 1);
+        sensor.temperatureC = 30.0 + k;
+        const qvsim::Capture cap = qvsim::SimulateCapture(cal.full, scene, sensor);
         std::ofstream(folder + "/capture_" + std::to_string(k) + ".raw", std::ios::binary)
             .write(reinterpret_cast<const char*>(cap.raw.data()), static_cast<std::streamsize>(cap.raw.size() * 2));
         qvapi::CaptureFrame c;
@@ -44,7 +44,7 @@ int main(int argc, char** argv)
         c.wordCount = cap.raw.size();
         c.timeNs = 1000000000ull + 33333333ull * static_cast<uint64_t>(k);
         c.sequence = static_cast<uint64_t>(k);
-        c.temperatureC = static_cast<float>(spec.temperatureC);
+        c.temperatureC = static_cast<float>(sensor.temperatureC);
         st = writer.WriteCapture(c);
         if (st.ok()) {
             const qvsim::ColourFrame colour = qvsim::RenderColour(cal.full, scene);
@@ -61,11 +61,11 @@ int main(int argc, char** argv)
         qvsim::SceneSpec scene;
         scene.kind = qvsim::SceneKind::Boxes;
         scene.darkPatch = true;  // amplitudes between the halved thresholds
-        qvsim::CaptureSpec spec;
-        spec.noiseSigma = 3.0;
-        spec.seed = static_cast<uint32_t>(k + 1);
-        spec.binned = binned[k];
-        const qvsim::Capture cap = qvsim::SimulateCapture(cal.full, scene, spec);
+        qvsim::CaptureSpec sensor;
+        sensor.noiseSigma = 3.0;
+        sensor.seed = static_cast<uint32_t>(k + 1);
+        sensor.binned = binned[k];
+        const qvsim::Capture cap = qvsim::SimulateCapture(cal.full, scene, sensor);
         qvapi::CaptureFrame c;
         c.width = cap.width;
         c.height = cap.height;
