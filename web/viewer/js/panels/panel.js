@@ -25,10 +25,14 @@ export class Panel {
     // onShown (set by the page) draws the newest frame when a panel comes back into sight.
     this.visible = true;
     this.onShown = null;
+    // onVisibility (also set by the page) hears of every change.
+    this.onVisibility = null;
     new IntersectionObserver((entries) => {
       const visible = entries.at(-1).isIntersecting;
+      const changed = visible !== this.visible;
       if (visible && !this.visible) this.onShown?.();
       this.visible = visible;
+      if (changed) this.onVisibility?.(visible);
     }).observe(this.root);
   }
 
@@ -62,12 +66,15 @@ export class Panel {
 
 // An image panel: a canvas that keeps the picture's own size (CSS scales it) and a
 // read-out line under it. locate(u, v) turns a position in [0, 1) x [0, 1) into the
-// text and data of the read-out, or null.
+// text and data of the read-out, or null. With options.webgl the panel draws the
+// canvas itself (a shader) and gets no 2-D context.
 export class ImagePanel extends Panel {
-  constructor(parent, id, title, locate, options) {
+  constructor(parent, id, title, locate, options = {}) {
     super(parent, id, title, options);
     this.canvas = element('canvas', { class: 'picture', width: 4, height: 3 });
-    this.context = this.canvas.getContext('2d');
+    // Decoded pictures are handed to the canvas whole (no copy, no drawing); the
+    // other panels draw with a shader.
+    this.context = options.webgl ? null : this.canvas.getContext('bitmaprenderer');
     this.readout = element('div', { class: 'readout', text: 'point at the picture for the depth' });
     this.stage = element('div', { class: 'stage' }, this.canvas);
     this.body.append(this.stage, this.readout);
@@ -88,14 +95,12 @@ export class ImagePanel extends Panel {
     }
   }
 
+  // Shows a decoded picture; the bitmap is the canvas's afterwards (closed for others).
+  // A bitmap already shown has no size left: the canvas shows it still.
   drawBitmap(bitmap) {
+    if (!bitmap.width) return;
     this.resize(bitmap.width, bitmap.height);
-    this.context.drawImage(bitmap, 0, 0);
-  }
-
-  drawRgba(rgba, width, height) {
-    this.resize(width, height);
-    this.context.putImageData(new ImageData(rgba, width, height), 0, 0);
+    this.context.transferFromImageBitmap(bitmap);
   }
 
   // Called after every frame so that the read-out follows a still pointer too.
