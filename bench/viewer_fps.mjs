@@ -2,7 +2,7 @@
 // bytes a second over the WebSocket, for N seconds. Run by hand (a benchmark, not a test):
 //
 //   node bench/viewer_fps.mjs [--browser-dir build/browser] [--seconds 10]
-//        [--viewport 1600x1000] [--decimate 1|2|4] [--all]
+//        [--viewport 1600x1000] [--decimate 1|2|4] [--all] [--devtools]
 //
 // --browser-dir is where the build put the browser tests' harness and their npm packages
 // (ctest -R viewer_page_browser installs them). The server is the tests' mock serving
@@ -11,9 +11,8 @@
 //   QV_VIEWER_SERVER="build/bin/qvrecon view --simulate SCENE --listen 127.0.0.1:0"
 // --all scrolls every panel into sight by making the viewport tall enough for the page.
 //
-// The figures come from outside the page's own code: frames and bytes as Chromium's
-// WebSocket saw them, displayed frames as changes of the page's data-frame-index, and
-// the server's count of frames it dropped for this client from its status messages.
+// Displayed frames are counted as changes of the page's data-frame-index (set once a
+// frame is drawn).
 import path from 'node:path';
 import { pathToFileURL } from 'node:url';
 
@@ -35,20 +34,33 @@ try {
   page.on('console', (m) => { if (m.type() === 'error') errors.push(m.text()); });
   page.on('pageerror', (e) => errors.push(e.message));
   // Counts every frame the page shows (it sets data-frame-index once a drawn frame).
-  const link = { frames: 0, bytes: 0, serverDropped: null };
-  page.on('websocket', (ws) => {
-    ws.on('framereceived', ({ payload }) => {
-      if (typeof payload === 'string') {
-        try {
-          const s = JSON.parse(payload);
-          if (s.client_dropped !== undefined) link.serverDropped = s.client_dropped;
-        } catch { /* not a status message */ }
-        return;
-      }
+  // The page's own counters (window.qvViewerCounters: frames and bytes received, frames
+  // displayed and skipped); the server's count of frames dropped for this client comes
+  // from the statistics panel. --devtools counts frames and bytes through Chromium's
+  // DevTools instead (for pages without the counters; it costs the browser a lot).
+  const link = { frames: 0, bytes: 0 };
+  if (args.devtools) {
+    page.on('websocket', (ws) => ws.on('framereceived', ({ payload }) => {
+      if (typeof payload === 'string') return;
       link.frames++;
       link.bytes += payload.length;
-    });
-  });
+    }));
+  }
+  const sample = async () => {
+    const page_ = await page.evaluate(() => ({
+      shown: window.qvBenchShown,
+      counters: window.qvViewerCounters ? { ...window.qvViewerCounters } : null,
+      dropped: document.querySelector('#panel-stats [data-key=dropped]')?.textContent,
+    }));
+    const c = page_.counters;
+    return {
+      shown: page_.shown,
+      frames: c && !args.devtools ? c.received : link.frames,
+      bytes: c && !args.devtools ? c.bytes : link.bytes,
+      dropped: Number((page_.dropped || '').split(' ')[0]) || 0,
+      at: Date.now(),
+    };
+  };
   await page.goto(server.url);
   await page.evaluate(() => {
     window.qvBenchShown = 0;
@@ -65,9 +77,9 @@ try {
   // Warm up until frames flow, then measure.
   await harness.until(() => page.evaluate(() => window.qvBenchShown > 3), 'frames on the page', 60000);
   await new Promise((r) => setTimeout(r, 2000));
-  const start = { shown: await page.evaluate(() => window.qvBenchShown), ...link, at: Date.now() };
+  const start = await sample();
   await new Promise((r) => setTimeout(r, seconds * 1000));
-  const end = { shown: await page.evaluate(() => window.qvBenchShown), ...link, at: Date.now() };
+  const end = await sample();
   const span = (end.at - start.at) / 1000;
   const received = end.frames - start.frames;
   const shown = end.shown - start.shown;
@@ -78,7 +90,7 @@ try {
     displayed_fps: Number((shown / span).toFixed(1)),
     received_fps: Number((received / span).toFixed(1)),
     skipped_in_page: received - shown,
-    dropped_by_server_total: end.serverDropped,
+    dropped_by_server: end.dropped - start.dropped,
     megabytes_per_second: Number(((end.bytes - start.bytes) / span / 1e6).toFixed(2)),
     kilobytes_per_frame: received ? Number(((end.bytes - start.bytes) / received / 1e3).toFixed(0)) : null,
     slowest_panels_ms: panelTimes,

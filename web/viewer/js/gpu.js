@@ -77,6 +77,28 @@ export function raysTexture(rays) {
   return t;
 }
 
+// The textures of the decoded images of a frame, one per image name, shared by every
+// panel (one WebGL context draws them all): each image is uploaded once, whoever asks.
+class FrameTextures {
+  constructor() {
+    this.slots = new Map(); // name -> {holder, image}
+  }
+
+  of(name, image) {
+    let slot = this.slots.get(name);
+    if (!slot) {
+      slot = { holder: image.bitmap ? new BitmapTexture() : new DepthTexture(), image: null };
+      this.slots.set(name, slot);
+    }
+    if (slot.image !== image) {
+      slot.holder.set(image.bitmap || image);
+      slot.image = image;
+    }
+    return slot.holder.texture;
+  }
+}
+export const frameTextures = new FrameTextures();
+
 // GLSL shared by the shaders: the colour of depth d in mm for the range, as the
 // library's colour bar maps it (near is colour 0); 0, 1 (saturated) and depths
 // outside the range have none (alpha 0).
@@ -100,13 +122,72 @@ void main() {
 }
 `;
 
-// A canvas drawn by one fragment shader over the whole picture. fragment declares its
-// uniforms and writes fragColor from vUv (0..1, row 0 at the top).
-export class ShaderCanvas {
-  constructor(canvas, fragment, uniforms) {
-    this.canvas = canvas;
-    this.renderer = new THREE.WebGLRenderer({ canvas, antialias: false, preserveDrawingBuffer: true, alpha: false });
-    this.renderer.setPixelRatio(1);
+// One WebGL canvas over the whole window draws every picture of the page, each in the
+// rectangle of its panel's placeholder: one context and one layer to composite,
+// however many panels (a canvas per panel costs the compositor far more). It draws
+// again when something changed (a frame, a control, scrolling, resizing), once per
+// animation frame. It takes no pointer events: the placeholders under it do.
+class Surface {
+  constructor() {
+    this.canvas = document.createElement('canvas');
+    this.canvas.id = 'gpu-surface';
+    document.body.append(this.canvas);
+    this.renderer = new THREE.WebGLRenderer({ canvas: this.canvas, alpha: true, antialias: false, preserveDrawingBuffer: true });
+    this.renderer.setPixelRatio(window.devicePixelRatio);
+    this.renderer.autoClear = false;
+    // WebGL in software (no GPU): the panels then spare the rasteriser where they can.
+    const gl = this.renderer.getContext();
+    const info = gl.getExtension('WEBGL_debug_renderer_info');
+    const name = info ? gl.getParameter(info.UNMASKED_RENDERER_WEBGL) : gl.getParameter(gl.RENDERER);
+    this.software = /swiftshader|llvmpipe|software/i.test(String(name));
+    this.views = new Set();
+    this.dirty = true;
+    const touch = () => { this.dirty = true; };
+    window.addEventListener('scroll', touch, { passive: true, capture: true });
+    window.addEventListener('resize', touch);
+    new ResizeObserver(touch).observe(document.body);
+    const loop = () => {
+      requestAnimationFrame(loop);
+      this.draw();
+    };
+    requestAnimationFrame(loop);
+  }
+
+  draw() {
+    if (!this.dirty) return;
+    this.dirty = false;
+    const r = this.renderer;
+    const w = window.innerWidth;
+    const h = window.innerHeight;
+    const size = r.getSize(new THREE.Vector2());
+    if (size.x !== w || size.y !== h) r.setSize(w, h, false);
+    r.setScissorTest(false);
+    r.setClearColor(0x000000, 0);
+    r.clear();
+    r.setScissorTest(true);
+    for (const view of this.views) {
+      if (!view.ready) continue;
+      const rect = view.element.getBoundingClientRect();
+      if (rect.width < 1 || rect.height < 1 || rect.bottom < 0 || rect.top > h || rect.right < 0 || rect.left > w) continue;
+      r.setViewport(rect.left, h - rect.bottom, rect.width, rect.height);
+      r.setScissor(rect.left, h - rect.bottom, rect.width, rect.height);
+      view.render(r, rect);
+    }
+  }
+}
+
+let surface = null;
+export function gpuSurface() {
+  surface ||= new Surface();
+  return surface;
+}
+
+// A picture drawn by one fragment shader in the rectangle of element (whose aspect
+// ratio it sets to the picture's). fragment declares its uniforms and writes
+// fragColor from vUv (0..1, row 0 at the top).
+export class ShaderView {
+  constructor(element, fragment, uniforms) {
+    this.element = element;
     this.material = new THREE.ShaderMaterial({
       glslVersion: THREE.GLSL3,
       uniforms,
@@ -121,15 +202,30 @@ export class ShaderCanvas {
     this.scene.add(quad);
     this.camera = new THREE.Camera();
     this.uniforms = uniforms;
+    this.ready = false;
+    this.surface = gpuSurface();
+    this.surface.views.add(this);
   }
 
-  // Draws a picture of width x height pixels at the size the page shows it (never
-  // larger than the picture): fewer pixels to shade and to composite.
+  render(renderer) {
+    renderer.render(this.scene, this.camera);
+  }
+
+  // The picture (width x height pixels) changed: drawn at the next animation frame.
   draw(width, height) {
-    const shown = Math.round(this.canvas.clientWidth * window.devicePixelRatio);
-    const w = shown > 0 ? Math.min(width, shown) : width;
-    const h = Math.max(1, Math.round((w * height) / width));
-    if (this.canvas.width !== w || this.canvas.height !== h) this.renderer.setSize(w, h, false);
-    this.renderer.render(this.scene, this.camera);
+    const ratio = `${width} / ${height}`;
+    if (this.element.style.aspectRatio !== ratio) this.element.style.aspectRatio = ratio;
+    this.element.dataset.width = String(width);
+    this.element.dataset.height = String(height);
+    this.ready = true;
+    this.surface.dirty = true;
   }
 }
+
+// A decoded picture as it is.
+export const PICTURE_GLSL = `
+uniform sampler2D picture;
+void main() {
+  fragColor = vec4(texture(picture, vUv).rgb, 1.0);
+}
+`;

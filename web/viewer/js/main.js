@@ -5,7 +5,7 @@
 import * as api from './net/api.js';
 import { FrameStream } from './net/stream.js';
 import { describePoint } from './geometry.js';
-import { colourBarTexture, raysTexture } from './gpu.js';
+import { colourBarTexture, gpuSurface, raysTexture } from './gpu.js';
 import { DepthPanel } from './panels/depth.js';
 import { IrPanel } from './panels/ir.js';
 import { ColourPanel } from './panels/colour.js';
@@ -127,24 +127,29 @@ function onStatus(s) {
 // animation frame, older undrawn ones are skipped (counted, their pictures freed).
 let pending = null;
 let displayed = 0;
-const counters = { received: 0, decoded: 0, displayed: 0, skippedInPage: 0, skippedInWorker: 0 };
+const counters = {
+  get received() { return stream.received; }, // frame messages from the link
+  get bytes() { return stream.bytes; },
+  decoded: 0,
+  displayed: 0,
+  skippedInPage: 0,
+  skippedInWorker: 0,
+};
 window.qvViewerCounters = counters; // for benchmarks and tests
 const drawMs = new Map(); // panel id -> smoothed time of its update
-const traffic = { bytes: 0, frames: 0 };
+const traffic = { bytes: 0, frames: 0 }; // at the last second's end
 function release(frame) {
   for (const image of Object.values(frame.images)) image.bitmap?.close();
 }
 function onFrame(frame) {
   if (pending) {
     counters.skippedInPage++;
-    release(pending);
+    release(pending); // (only when a decoding again overtakes it)
   }
   pending = frame;
   counters.decoded++;
   counters.skippedInWorker = frame.skippedInWorker ?? 0;
   counters.workerMs = frame.workerMs;
-  traffic.bytes += frame.bytes;
-  traffic.frames++;
   loadRays(frame.head.calibration_id);
 }
 
@@ -153,6 +158,7 @@ function draw() {
   if (!pending) return;
   const frame = pending;
   pending = null;
+  stream.more();
   if (view.frame) release(view.frame);
   view.frame = frame;
   for (const panel of framePanels) {
@@ -164,24 +170,28 @@ function draw() {
   }
   stats.frame(frame.head, status?.source?.frames);
   playback.frame(frame.head);
+  gpuSurface().draw();
   document.body.dataset.frameIndex = String(frame.head.index);
   displayed++;
   counters.displayed++;
 }
 requestAnimationFrame(draw);
 
+// Once a second: the rates of the last second; the link's figures count every frame
+// message, decoded or not.
 let last = performance.now();
 setInterval(() => {
   const now = performance.now();
   const seconds = (now - last) / 1000;
   last = now;
-  counters.received = stream.received;
-  stats.rates(displayed / seconds, traffic.bytes / seconds, traffic.frames ? traffic.bytes / traffic.frames : 0);
+  const bytes = stream.bytes - traffic.bytes;
+  const frames = stream.received - traffic.frames;
+  traffic.bytes = stream.bytes;
+  traffic.frames = stream.received;
+  stats.rates(displayed / seconds, bytes / seconds, frames ? bytes / frames : 0);
   stats.skipped(counters.skippedInWorker + counters.skippedInPage);
   stats.drawTimes(drawMs);
   displayed = 0;
-  traffic.bytes = 0;
-  traffic.frames = 0;
 }, 1000);
 
 const stream = new FrameStream({

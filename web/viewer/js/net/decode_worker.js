@@ -1,13 +1,16 @@
 // The decoding worker: inflates depth, decodes pictures and computes the per-pixel
 // figures of the depth (pixels without depth and saturated, the temporal noise) off the
-// page's thread. Only the newest message waits: one arriving while another is decoded
-// replaces the waiting one (counted as skipped), so a slow page shows fewer frames,
-// never late ones.
+// page's thread. Only the newest message waits: one arriving while another waits
+// replaces it (counted as skipped), so a slow page shows fewer frames, never late ones.
+// The page hands out credit, one each time it takes a frame to draw: a frame is decoded
+// only when the page has none waiting (the next is decoded while the page draws), so no
+// time goes on frames nobody sees.
 import { decodeFrame } from './frame_decode.js';
 import { NoiseWindow } from '../noise_window.js';
 
 let waiting = null;
 let busy = false;
+let credit = 1;
 let skipped = 0;
 let wanted = null; // blob names to decode, null for all
 const noise = new NoiseWindow();
@@ -29,6 +32,11 @@ self.onmessage = (event) => {
     }
     return;
   }
+  if (m.type === 'more') {
+    credit++;
+    if (!busy) run();
+    return;
+  }
   if (m.type !== 'frame') return;
   if (waiting) skipped++;
   waiting = m.buffer;
@@ -38,7 +46,8 @@ let last = null; // the newest message, kept for a decoding again
 
 async function run() {
   busy = true;
-  while (waiting) {
+  while (waiting && credit > 0) {
+    credit--;
     const buffer = waiting;
     waiting = null;
     last = buffer;
@@ -64,6 +73,7 @@ async function run() {
       frame.workerMs = { decode: decoded - start, figures: performance.now() - decoded };
       self.postMessage({ type: 'frame', frame }, transfer);
     } catch (e) {
+      credit++; // nothing for the page to take
       self.postMessage({ type: 'error', message: e.message });
     }
   }

@@ -49,6 +49,11 @@ export class FrameStream {
     this.worker.postMessage({ type: 'options', ...options });
   }
 
+  // The page took a decoded frame (drew or skipped it): the worker may decode another.
+  more() {
+    this.worker.postMessage({ type: 'more' });
+  }
+
   startWorker() {
     this.worker = new Worker(new URL('./decode_worker.js', import.meta.url), { type: 'module' });
     this.worker.onmessage = (event) => {

@@ -5,7 +5,7 @@
 import * as THREE from 'three';
 import { OrbitControls } from 'three/addons/controls/OrbitControls.js';
 import { Panel, element } from './panel.js';
-import { BitmapTexture, DepthTexture, DEPTH_COLOUR_GLSL } from '../gpu.js';
+import { DEPTH_COLOUR_GLSL, frameTextures, gpuSurface } from '../gpu.js';
 
 // Camera coordinates (X right, Y down, Z ahead, mm) to the scene's (metres, Y up,
 // looking down -Z). Pixels without depth (0) or saturated (1) are put outside the view.
@@ -60,18 +60,20 @@ export class CloudPanel extends Panel {
     this.mode = element('select', { 'aria-label': 'point colour', id: 'cloud-colour' },
       ...['depth', 'ir', 'colour'].map((m) => element('option', { value: m, text: m === 'ir' ? 'IR' : m })));
     this.size = element('input', { type: 'range', min: 1, max: 8, value: 2, 'aria-label': 'point size' });
+    // Points: every pixel, or one in 4 or 16 (every 2nd or 4th each way). Where WebGL
+    // runs in software (a browser without a GPU) it starts at one in 4.
+    this.density = element('select', { 'aria-label': 'points', id: 'cloud-density' },
+      ...[1, 2, 4].map((k) => element('option', { value: k, text: k === 1 ? 'all' : `1/${k * k}` })));
     this.tools.append(element('label', { class: 'inline' }, 'colour ', this.mode),
+      element('label', { class: 'inline' }, 'points ', this.density),
       element('label', { class: 'inline' }, 'size ', this.size));
-    this.canvas = element('canvas', { class: 'picture cloud' });
-    this.body.append(element('div', { class: 'stage' }, this.canvas));
-
-    this.renderer = new THREE.WebGLRenderer({ canvas: this.canvas, antialias: false, preserveDrawingBuffer: true });
-    this.renderer.setPixelRatio(1);
+    // Drawn by the page's GPU surface in the rectangle of this placeholder.
+    this.picture = element('div', { class: 'picture cloud' });
+    this.body.append(element('div', { class: 'stage' }, this.picture));
     this.scene = new THREE.Scene();
-    this.scene.background = new THREE.Color(0x11151c);
     this.camera = new THREE.PerspectiveCamera(55, 4 / 3, 0.01, 100);
     this.camera.position.set(0, 0, 0.3);
-    this.controls = new OrbitControls(this.camera, this.canvas);
+    this.controls = new OrbitControls(this.camera, this.picture);
     this.controls.target.set(0, 0, -1.5);
     this.controls.update();
     this.material = new THREE.ShaderMaterial({
@@ -87,26 +89,31 @@ export class CloudPanel extends Panel {
     this.points = new THREE.Points(this.geometry, this.material);
     this.points.frustumCulled = false;
     this.scene.add(this.points);
-    this.depthTexture = new DepthTexture();
-    this.pictureTexture = new BitmapTexture();
-    this.size.addEventListener('input', () => { this.material.uniforms.pointSize.value = Number(this.size.value); this.render(); });
-    this.controls.addEventListener('change', () => this.render());
-    new ResizeObserver(() => this.fit()).observe(this.canvas);
+    this.surface = gpuSurface();
+    this.element = this.picture;
+    this.ready = true; // the background, before the first points
+    this.surface.views.add(this);
+    if (this.surface.software) this.density.value = '2';
+    this.density.addEventListener('change', () => this.view.frame && this.guard(() => this.update(this.view.frame)));
+    this.size.addEventListener('input', () => { this.material.uniforms.pointSize.value = Number(this.size.value); this.redraw(); });
+    this.controls.addEventListener('change', () => this.redraw());
     this.count = 0;
   }
 
-  fit() {
-    const w = this.canvas.clientWidth;
-    const h = this.canvas.clientHeight;
-    if (!w || !h) return;
-    this.renderer.setSize(w, h, false);
-    this.camera.aspect = w / h;
-    this.camera.updateProjectionMatrix();
-    this.render();
+  // Called by the surface, in this panel's rectangle.
+  render(renderer, rect) {
+    const aspect = rect.width / rect.height;
+    if (this.camera.aspect !== aspect) {
+      this.camera.aspect = aspect;
+      this.camera.updateProjectionMatrix();
+    }
+    renderer.setClearColor(0x11151c, 1);
+    renderer.clear();
+    renderer.render(this.scene, this.camera);
   }
 
-  render() {
-    this.renderer.render(this.scene, this.camera);
+  redraw() {
+    this.surface.dirty = true;
   }
 
   update(frame) {
@@ -133,15 +140,16 @@ export class CloudPanel extends Panel {
       }
     }
     if (!rays) throw new Error('waiting for the table of rays');
-    u.depth.value = this.depthTexture.set(depth);
+    u.depth.value = frameTextures.of(mode === 'colour' ? 'registered' : 'depth', depth);
     u.rays.value = rays;
     u.mode.value = picture ? 1 : 0;
-    if (picture) u.picture.value = this.pictureTexture.set(picture.bitmap);
+    if (picture) u.picture.value = frameTextures.of(mode, picture);
+    step *= Number(this.density.value);
     u.step.value = step;
     u.colourBar.value = this.view.colourBar;
     u.range.value = this.view.range();
     this.count = Math.ceil(depth.width / step) * Math.ceil(depth.height / step);
     this.geometry.setDrawRange(0, this.count);
-    this.render();
+    this.redraw();
   }
 }

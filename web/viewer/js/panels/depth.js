@@ -16,7 +16,7 @@ export class DepthPanel extends ImagePanel {
   update(frame) {
     const picture = frame.images.false_colour;
     if (!picture) throw new Error(frame.errors.false_colour || frame.errors.depth || 'the frame carries no depth');
-    this.drawBitmap(picture.bitmap);
+    this.drawPicture('false_colour', picture);
     this.showReadout();
   }
 

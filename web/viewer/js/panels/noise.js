@@ -4,7 +4,6 @@
 // follows the data.
 import * as THREE from 'three';
 import { ImagePanel, element } from './panel.js';
-import { ShaderCanvas } from '../gpu.js';
 
 const FRAGMENT = `
 uniform highp sampler2D sigma;
@@ -19,7 +18,9 @@ void main() {
 
 export class NoisePanel extends ImagePanel {
   constructor(parent, view, { onWindow }) {
-    super(parent, 'panel-noise', 'Temporal noise (σ)', (u, v) => this.describe(u, v), { webgl: true });
+    super(parent, 'panel-noise', 'Temporal noise (σ)', (u, v) => this.describe(u, v), {
+      shader: { fragment: FRAGMENT, uniforms: { sigma: { value: null }, top: { value: 1 } } },
+    });
     this.view = view;
     this.frames = element('select', { 'aria-label': 'frames' },
       ...[4, 8, 16, 32].map((n) => element('option', { value: n, text: `${n} frames` })));
@@ -30,7 +31,6 @@ export class NoisePanel extends ImagePanel {
     this.body.append(this.scaleText);
     this.noise = null;
     this.texture = null;
-    this.gpu = new ShaderCanvas(this.canvas, FRAGMENT, { sigma: { value: null }, top: { value: 1 } });
   }
 
   update(frame) {

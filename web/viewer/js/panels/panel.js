@@ -1,5 +1,6 @@
 // What every panel has: a titled box, a place for its own error (the other panels
-// keep working), and for image panels a canvas with the depth under the cursor.
+// keep working), and for image panels a picture with the depth under the cursor.
+import { frameTextures, PICTURE_GLSL, ShaderView } from '../gpu.js';
 
 export function element(tag, attributes = {}, ...children) {
   const e = document.createElement(tag);
@@ -64,43 +65,34 @@ export class Panel {
   }
 }
 
-// An image panel: a canvas that keeps the picture's own size (CSS scales it) and a
-// read-out line under it. locate(u, v) turns a position in [0, 1) x [0, 1) into the
-// text and data of the read-out, or null. With options.webgl the panel draws the
-// canvas itself (a shader) and gets no 2-D context.
+// An image panel: a picture (a placeholder whose rectangle the page's GPU surface draws
+// in, at the picture's aspect ratio; CSS sizes it) and a read-out line under it.
+// locate(u, v) turns a position in [0, 1) x [0, 1) into the text and data of the
+// read-out, or null. The picture is a decoded bitmap shown as it is, unless the panel
+// gives its own shader (options.shader: {fragment, uniforms}).
 export class ImagePanel extends Panel {
   constructor(parent, id, title, locate, options = {}) {
     super(parent, id, title, options);
-    this.canvas = element('canvas', { class: 'picture', width: 4, height: 3 });
-    // Decoded pictures are handed to the canvas whole (no copy, no drawing); the
-    // other panels draw with a shader.
-    this.context = options.webgl ? null : this.canvas.getContext('bitmaprenderer');
+    this.picture = element('div', { class: 'picture' });
     this.readout = element('div', { class: 'readout', text: 'point at the picture for the depth' });
-    this.stage = element('div', { class: 'stage' }, this.canvas);
+    this.stage = element('div', { class: 'stage' }, this.picture);
     this.body.append(this.stage, this.readout);
+    const shader = options.shader || { fragment: PICTURE_GLSL, uniforms: { picture: { value: null } } };
+    this.gpu = new ShaderView(this.picture, shader.fragment, shader.uniforms);
     this.locate = locate;
     this.pointer = null;
-    this.canvas.addEventListener('pointermove', (e) => {
-      const r = this.canvas.getBoundingClientRect();
+    this.picture.addEventListener('pointermove', (e) => {
+      const r = this.picture.getBoundingClientRect();
       this.pointer = [(e.clientX - r.left) / r.width, (e.clientY - r.top) / r.height];
       this.showReadout();
     });
-    this.canvas.addEventListener('pointerleave', () => { this.pointer = null; });
+    this.picture.addEventListener('pointerleave', () => { this.pointer = null; });
   }
 
-  resize(width, height) {
-    if (this.canvas.width !== width || this.canvas.height !== height) {
-      this.canvas.width = width;
-      this.canvas.height = height;
-    }
-  }
-
-  // Shows a decoded picture; the bitmap is the canvas's afterwards (closed for others).
-  // A bitmap already shown has no size left: the canvas shows it still.
-  drawBitmap(bitmap) {
-    if (!bitmap.width) return;
-    this.resize(bitmap.width, bitmap.height);
-    this.context.transferFromImageBitmap(bitmap);
+  // Shows a decoded picture (the frame's image called name) as it is.
+  drawPicture(name, image) {
+    this.gpu.uniforms.picture.value = frameTextures.of(name, image);
+    this.gpu.draw(image.width, image.height);
   }
 
   // Called after every frame so that the read-out follows a still pointer too.

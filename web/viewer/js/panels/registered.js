@@ -2,7 +2,7 @@
 // the undistorted colour picture; the slider sets the overlay's opacity. Coloured and
 // blended in a shader from the 16-bit registered depth.
 import { ImagePanel, element } from './panel.js';
-import { BitmapTexture, DepthTexture, DEPTH_COLOUR_GLSL, ShaderCanvas } from '../gpu.js';
+import { DEPTH_COLOUR_GLSL, frameTextures } from '../gpu.js';
 
 const FRAGMENT = `
 uniform highp usampler2D depth;
@@ -21,16 +21,18 @@ void main() {
 
 export class RegisteredPanel extends ImagePanel {
   constructor(parent, view) {
-    super(parent, 'panel-registered', 'Registered depth on colour', (u, v) => view.registeredAt(u, v), { webgl: true });
+    super(parent, 'panel-registered', 'Registered depth on colour', (u, v) => view.registeredAt(u, v), {
+      shader: {
+        fragment: FRAGMENT,
+        uniforms: {
+          depth: { value: null }, colour: { value: null }, hasColour: { value: false }, opacity: { value: 0.6 },
+          colourBar: { value: null }, range: { value: [0, 1] },
+        },
+      },
+    });
     this.view = view;
     this.opacity = element('input', { type: 'range', min: 0, max: 100, value: 60, 'aria-label': 'overlay opacity' });
     this.tools.append(element('label', { class: 'inline' }, 'opacity ', this.opacity));
-    this.depth = new DepthTexture();
-    this.colour = new BitmapTexture();
-    this.gpu = new ShaderCanvas(this.canvas, FRAGMENT, {
-      depth: { value: null }, colour: { value: null }, hasColour: { value: false }, opacity: { value: 0.6 },
-      colourBar: { value: null }, range: { value: [0, 1] },
-    });
     this.opacity.addEventListener('input', () => { if (this.size) this.redraw(); });
   }
 
@@ -40,9 +42,9 @@ export class RegisteredPanel extends ImagePanel {
     if (!reg) throw new Error(frame.errors.registered || 'this source has no registered depth');
     if (!this.view.colourBar) throw new Error('no colour bar yet');
     const u = this.gpu.uniforms;
-    u.depth.value = this.depth.set(reg);
+    u.depth.value = frameTextures.of('registered', reg);
     u.hasColour.value = !!colour;
-    if (colour) u.colour.value = this.colour.set(colour.bitmap);
+    if (colour) u.colour.value = frameTextures.of('colour', colour);
     this.size = [reg.width, reg.height];
     this.redraw();
     this.showReadout();

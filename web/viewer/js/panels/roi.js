@@ -21,7 +21,7 @@ export class RoiPanel extends Panel {
   attach(panel) {
     const box = element('div', { class: 'roi-box', hidden: '' });
     panel.stage.append(box);
-    const canvas = panel.canvas;
+    const canvas = panel.picture;
     let start = null;
     const at = (e) => {
       const r = canvas.getBoundingClientRect();

@@ -1,7 +1,7 @@
 // Where depth is missing (0) and where the sensor saturated (1), over a dim copy of the
 // depth picture, with the share of each (counted by the decoding worker).
 import { ImagePanel, element } from './panel.js';
-import { DepthTexture, ShaderCanvas } from '../gpu.js';
+import { frameTextures } from '../gpu.js';
 
 const FRAGMENT = `
 uniform highp usampler2D depth;
@@ -20,20 +20,20 @@ void main() {
 
 export class ValidityPanel extends ImagePanel {
   constructor(parent, view) {
-    super(parent, 'panel-validity', 'No depth and saturated', (u, v) => view.depthAt(u, v), { webgl: true });
+    super(parent, 'panel-validity', 'No depth and saturated', (u, v) => view.depthAt(u, v), {
+      shader: { fragment: FRAGMENT, uniforms: { depth: { value: null }, range: { value: [0, 1] } } },
+    });
     this.view = view;
     this.counts = element('div', { class: 'note' },
       element('span', { class: 'swatch none' }), ' no depth ', element('b', { 'data-key': 'none' }),
       element('span', { class: 'swatch saturated' }), ' saturated ', element('b', { 'data-key': 'saturated' }));
     this.body.append(this.counts);
-    this.depth = new DepthTexture();
-    this.gpu = new ShaderCanvas(this.canvas, FRAGMENT, { depth: { value: null }, range: { value: [0, 1] } });
   }
 
   update(frame) {
     const depth = frame.images.depth;
     if (!depth) throw new Error('the frame carries no depth');
-    this.gpu.uniforms.depth.value = this.depth.set(depth);
+    this.gpu.uniforms.depth.value = frameTextures.of('depth', depth);
     this.gpu.uniforms.range.value = this.view.range();
     this.gpu.draw(depth.width, depth.height);
     const v = frame.validity;
