@@ -37,7 +37,9 @@ export async function decodeBlob(blob) {
   const { encoding, width, height, bytes } = blob;
   if (encoding === 'u16-deflate') return { width, height, data: await inflateU16(bytes, width, height) };
   if (encoding === 'png' || encoding === 'jpeg') {
-    const bitmap = await createImageBitmap(new Blob([bytes], { type: `image/${encoding}` }));
+    // Opaque pictures, uploaded as they are: no colour-space or alpha conversion.
+    const bitmap = await createImageBitmap(new Blob([bytes], { type: `image/${encoding}` }),
+      { premultiplyAlpha: 'none', colorSpaceConversion: 'none' });
     return { width: bitmap.width, height: bitmap.height, bitmap };
   }
   throw new Error(`unknown blob encoding ${encoding}`);
