@@ -102,8 +102,9 @@ export function canvasStatistics(page, selector) {
     if (!(target instanceof HTMLCanvasElement)) {
       source = document.getElementById('gpu-surface');
       const r = target.getBoundingClientRect();
-      const k = source.width / window.innerWidth;
-      [sx, sy, sw, sh] = [r.left * k, r.top * k, r.width * k, r.height * k].map(Math.round);
+      const at = source.getBoundingClientRect();
+      const k = source.width / at.width;
+      [sx, sy, sw, sh] = [(r.left - at.left) * k, (r.top - at.top) * k, r.width * k, r.height * k].map(Math.round);
       if (sx < 0 || sy < 0 || sx + sw > source.width || sy + sh > source.height) return null; // not in sight
     }
     if (!sw || !sh) return null;

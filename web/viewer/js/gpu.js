@@ -122,7 +122,7 @@ void main() {
 }
 `;
 
-// One WebGL canvas over the whole window draws every picture of the page, each in the
+// One WebGL canvas over the window draws every picture of the page, each in the
 // rectangle of its panel's placeholder: one context and one layer to composite,
 // however many panels (a canvas per panel costs the compositor far more). It draws
 // again when something changed (a frame, a control, scrolling, resizing), once per
@@ -153,24 +153,47 @@ class Surface {
     requestAnimationFrame(loop);
   }
 
+  // The canvas covers just the union of the pictures in sight (fewer pixels to clear
+  // and to composite than the whole window).
   draw() {
     if (!this.dirty) return;
     this.dirty = false;
+    const W = window.innerWidth;
+    const H = window.innerHeight;
+    const shown = [];
+    let [x0, y0, x1, y1] = [W, H, 0, 0];
+    for (const view of this.views) {
+      if (!view.ready) continue;
+      const rect = view.element.getBoundingClientRect();
+      if (rect.width < 1 || rect.height < 1 || rect.bottom < 0 || rect.top > H || rect.right < 0 || rect.left > W) continue;
+      shown.push([view, rect]);
+      x0 = Math.min(x0, rect.left);
+      y0 = Math.min(y0, rect.top);
+      x1 = Math.max(x1, rect.right);
+      y1 = Math.max(y1, rect.bottom);
+    }
+    const area = {
+      left: Math.max(0, Math.floor(x0)), top: Math.max(0, Math.floor(y0)),
+      right: Math.min(W, Math.ceil(x1)), bottom: Math.min(H, Math.ceil(y1)),
+    };
+    const w = Math.max(1, area.right - area.left);
+    const h = Math.max(1, area.bottom - area.top);
+    this.canvas.hidden = shown.length === 0;
+    if (!shown.length) return;
+    const style = this.canvas.style;
+    if (style.left !== `${area.left}px` || style.top !== `${area.top}px`) Object.assign(style, { left: `${area.left}px`, top: `${area.top}px` });
     const r = this.renderer;
-    const w = window.innerWidth;
-    const h = window.innerHeight;
     const size = r.getSize(new THREE.Vector2());
-    if (size.x !== w || size.y !== h) r.setSize(w, h, false);
+    if (size.x !== w || size.y !== h) r.setSize(w, h, true);
     r.setScissorTest(false);
     r.setClearColor(0x000000, 0);
     r.clear();
     r.setScissorTest(true);
-    for (const view of this.views) {
-      if (!view.ready) continue;
-      const rect = view.element.getBoundingClientRect();
-      if (rect.width < 1 || rect.height < 1 || rect.bottom < 0 || rect.top > h || rect.right < 0 || rect.left > w) continue;
-      r.setViewport(rect.left, h - rect.bottom, rect.width, rect.height);
-      r.setScissor(rect.left, h - rect.bottom, rect.width, rect.height);
+    for (const [view, rect] of shown) {
+      const x = rect.left - area.left;
+      const y = area.bottom - rect.bottom;
+      r.setViewport(x, y, rect.width, rect.height);
+      r.setScissor(x, y, rect.width, rect.height);
       view.render(r, rect);
     }
   }
