@@ -13,7 +13,13 @@ export class NoiseWindow {
   setWindow(frames) {
     if (frames === this.frames) return;
     this.frames = frames;
-    this.sum = null; // starts again
+    this.restart();
+  }
+
+  // Forgets the frames so far: the next one starts a new window.
+  restart() {
+    this.sum = null;
+    this.last = null;
   }
 
   reset(n) {

@@ -22,7 +22,10 @@ self.onmessage = (event) => {
     const before = wanted;
     if (m.blobs !== undefined) wanted = m.blobs ? new Set(m.blobs) : null;
     if (m.noiseFrames) noise.setWindow(m.noiseFrames);
-    if (m.noise !== undefined) noiseOn = m.noise;
+    if (m.noise !== undefined) {
+      if (m.noise && !noiseOn) noise.restart(); // frames went by unseen: a new window
+      noiseOn = m.noise;
+    }
     // A panel come into sight: the newest frame again, with what it draws (a paused
     // source sends no other).
     const grew = before && (!wanted || [...wanted].some((b) => !before.has(b)));

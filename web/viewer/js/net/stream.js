@@ -4,8 +4,6 @@
 // shows fewer frames, never late ones.
 import { accessToken } from './api.js';
 
-export { parseFrameMessage, decodeFrame } from './frame_decode.js';
-
 export class FrameStream {
   // handlers: onFrame(frame), onStatus(status), onState('connecting'|'open'|'closed', detail)
   constructor(handlers) {
