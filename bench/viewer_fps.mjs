@@ -9,7 +9,7 @@
 // QV_VIEWER_ASSETS (default <browser-dir>/../share/qvreconstruction/viewer), or the
 // command in QV_VIEWER_SERVER, e.g.
 //   QV_VIEWER_SERVER="build/bin/qvrecon view --simulate SCENE --listen 127.0.0.1:0"
-// --all scrolls every panel into sight by making the viewport tall enough for the page.
+// --all makes the viewport as tall as the page, so that every panel is in sight.
 //
 // Displayed frames are counted as changes of the page's data-frame-index (set once a
 // frame is drawn).
@@ -33,7 +33,6 @@ try {
   const errors = [];
   page.on('console', (m) => { if (m.type() === 'error') errors.push(m.text()); });
   page.on('pageerror', (e) => errors.push(e.message));
-  // Counts every frame the page shows (it sets data-frame-index once a drawn frame).
   // The page's own counters (window.qvViewerCounters: frames and bytes received, frames
   // displayed and skipped); the server's count of frames dropped for this client comes
   // from the statistics panel. --devtools counts frames and bytes through Chromium's
@@ -62,6 +61,7 @@ try {
     };
   };
   await page.goto(server.url);
+  // Counts every frame the page shows (it sets data-frame-index once a frame is drawn).
   await page.evaluate(() => {
     window.qvBenchShown = 0;
     new MutationObserver((records) => { window.qvBenchShown += records.length; })
