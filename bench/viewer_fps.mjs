@@ -10,6 +10,9 @@
 // command in QV_VIEWER_SERVER, e.g.
 //   QV_VIEWER_SERVER="build/bin/qvrecon view --simulate SCENE --listen 127.0.0.1:0"
 // --all makes the viewport as tall as the page, so that every panel is in sight.
+// QV_CHROMIUM_ARGS adds Chromium switches: without a GPU, SwiftShader composites the
+// page, which costs more than the page's own drawing; --disable-gpu-compositing
+// composites in software instead (what a board's or laptop's GPU would spare).
 //
 // Displayed frames are counted as changes of the page's data-frame-index (set once a
 // frame is drawn).

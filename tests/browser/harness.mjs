@@ -49,11 +49,14 @@ export function startServer(command = serverCommand()) {
   });
 }
 
+// QV_CHROMIUM_ARGS adds switches (space-separated), e.g. --disable-gpu-compositing for
+// the benchmark's figures with the page composited in software.
 export async function launchBrowser() {
+  const extra = (process.env.QV_CHROMIUM_ARGS || '').split(/\s+/).filter(Boolean);
   return chromium.launch({
     executablePath: process.env.QV_CHROMIUM || '/usr/bin/chromium',
     // WebGL without a GPU: SwiftShader. (The sandbox cannot start as root in containers.)
-    args: ['--no-sandbox', '--use-angle=swiftshader', '--enable-unsafe-swiftshader'],
+    args: ['--no-sandbox', '--use-angle=swiftshader', '--enable-unsafe-swiftshader', ...extra],
   });
 }
 

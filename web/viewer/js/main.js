@@ -82,9 +82,10 @@ function decoding() {
   if (cloud.visible && cloud.mode.value === 'colour') blobs.add('registered').add('colour');
   return { blobs: [...blobs], noise: noise.visible };
 }
+// A panel come into sight gets the newest frame decoded again, with what it draws (a
+// paused source sends no other).
 for (const panel of framePanels) {
-  panel.onShown = () => view.frame && panel.guard(() => panel.update(view.frame));
-  panel.onVisibility = () => stream.setDecoding(decoding());
+  panel.onVisibility = (visible) => stream.setDecoding({ ...decoding(), again: visible });
 }
 cloud.mode.addEventListener('change', () => stream.setDecoding({ ...decoding(), again: true }));
 
@@ -159,7 +160,8 @@ function draw() {
   const frame = pending;
   pending = null;
   stream.more();
-  if (view.frame) release(view.frame);
+  // (The pictures of frames drawn are left to the collector: a texture not yet
+  // uploaded, of a panel whose picture is out of sight, may still hold one.)
   view.frame = frame;
   for (const panel of framePanels) {
     if (!panel.visible) continue;

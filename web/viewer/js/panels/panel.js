@@ -22,18 +22,15 @@ export class Panel {
     this.root = element('section', { class: wide ? 'panel wide' : 'panel', id },
       element('header', {}, element('h2', { text: title }), this.tools), this.error, this.body);
     parent.append(this.root);
-    // Panels scrolled out of sight skip their per-frame work;
-    // onShown (set by the page) draws the newest frame when a panel comes back into sight.
+    // Panels scrolled out of sight skip their per-frame work; onVisibility (set by the
+    // page) hears when a panel goes out of sight or comes back.
     this.visible = true;
-    this.onShown = null;
-    // onVisibility (also set by the page) hears of every change.
     this.onVisibility = null;
     new IntersectionObserver((entries) => {
       const visible = entries.at(-1).isIntersecting;
-      const changed = visible !== this.visible;
-      if (visible && !this.visible) this.onShown?.();
+      if (visible === this.visible) return;
       this.visible = visible;
-      if (changed) this.onVisibility?.(visible);
+      this.onVisibility?.(visible);
     }).observe(this.root);
   }
 
