@@ -49,11 +49,14 @@ export function startServer(command = serverCommand()) {
   });
 }
 
+// QV_CHROMIUM_ARGS adds switches (space-separated), e.g. --disable-gpu-compositing for
+// the benchmark's figures with the page composited in software.
 export async function launchBrowser() {
+  const extra = (process.env.QV_CHROMIUM_ARGS || '').split(/\s+/).filter(Boolean);
   return chromium.launch({
     executablePath: process.env.QV_CHROMIUM || '/usr/bin/chromium',
     // WebGL without a GPU: SwiftShader. (The sandbox cannot start as root in containers.)
-    args: ['--no-sandbox', '--use-angle=swiftshader', '--enable-unsafe-swiftshader'],
+    args: ['--no-sandbox', '--use-angle=swiftshader', '--enable-unsafe-swiftshader', ...extra],
   });
 }
 
@@ -89,24 +92,39 @@ export async function until(check, what, limitMs = 30000) {
   }
 }
 
-// Pixel statistics of a panel's canvas (2-D or WebGL): the share of pixels unlike the
-// first pixel and the number of distinct colours (in steps of 8 a channel).
+// Pixel statistics of a panel's picture: a canvas, or a placeholder in whose rectangle
+// the page's WebGL surface (#gpu-surface) draws (scrolled into sight by the caller):
+// the share of pixels unlike the first pixel, the number of distinct colours (in steps
+// of 8 a channel) and a checksum of the pixels.
 export function canvasStatistics(page, selector) {
   return page.evaluate((sel) => {
-    const source = document.querySelector(sel);
-    if (!source || !source.width || !source.height) return null;
+    const target = document.querySelector(sel);
+    if (!target) return null;
+    let source = target;
+    let [sx, sy, sw, sh] = [0, 0, target.width, target.height];
+    if (!(target instanceof HTMLCanvasElement)) {
+      source = document.getElementById('gpu-surface');
+      const r = target.getBoundingClientRect();
+      const at = source.getBoundingClientRect();
+      const k = source.width / at.width;
+      [sx, sy, sw, sh] = [(r.left - at.left) * k, (r.top - at.top) * k, r.width * k, r.height * k].map(Math.round);
+      if (sx < 0 || sy < 0 || sx + sw > source.width || sy + sh > source.height) return null; // not in sight
+    }
+    if (!sw || !sh) return null;
     const c = document.createElement('canvas');
-    c.width = source.width;
-    c.height = source.height;
+    c.width = sw;
+    c.height = sh;
     const ctx = c.getContext('2d');
-    ctx.drawImage(source, 0, 0);
-    const d = ctx.getImageData(0, 0, c.width, c.height).data;
+    ctx.drawImage(source, sx, sy, sw, sh, 0, 0, sw, sh);
+    const d = ctx.getImageData(0, 0, sw, sh).data;
     const colours = new Set();
     let unlike = 0;
+    let sum = 0;
     for (let i = 0; i < d.length; i += 4) {
       if (d[i] !== d[0] || d[i + 1] !== d[1] || d[i + 2] !== d[2]) unlike++;
       colours.add(((d[i] >> 3) << 10) | ((d[i + 1] >> 3) << 5) | (d[i + 2] >> 3));
+      sum = (Math.imul(sum, 31) + ((d[i] << 16) | (d[i + 1] << 8) | d[i + 2])) | 0;
     }
-    return { width: c.width, height: c.height, unlike: unlike / (d.length / 4), colours: colours.size };
+    return { width: sw, height: sh, unlike: unlike / (d.length / 4), colours: colours.size, sum };
   }, selector);
 }

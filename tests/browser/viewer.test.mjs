@@ -30,14 +30,14 @@ test('the page loads without errors and every panel and the 3-D view draw', asyn
   for (const name of IMAGE_PANELS) {
     await page.locator(`#panel-${name}`).scrollIntoViewIfNeeded(); // hidden panels skip their work
     const stats = await until(async () => {
-      const s = await canvasStatistics(page, `#panel-${name} canvas.picture`);
+      const s = await canvasStatistics(page, `#panel-${name} .picture`);
       return s && s.width > 4 && s.unlike > 0.05 && s.colours >= 4 ? s : null;
     }, `a picture in the ${name} panel`);
     assert.ok(stats.colours >= 4, `${name}: ${JSON.stringify(stats)}`);
   }
   await page.locator('#panel-cloud').scrollIntoViewIfNeeded();
   const cloud = await until(async () => {
-    const s = await canvasStatistics(page, '#panel-cloud canvas');
+    const s = await canvasStatistics(page, '#panel-cloud .picture');
     return s && s.unlike > 0.05 && s.colours >= 8 ? s : null;
   }, 'points in the 3-D view');
   assert.ok(cloud.unlike > 0.05);
@@ -61,8 +61,8 @@ async function pausedFrame() {
 // pixels of the depth grid, and returns the read-out's data.
 async function readoutAt(panel, row, col, width, height) {
   const { page } = viewer;
-  await page.locator(`#panel-${panel} canvas.picture`).scrollIntoViewIfNeeded();
-  const box = await page.locator(`#panel-${panel} canvas.picture`).boundingBox();
+  await page.locator(`#panel-${panel} .picture`).scrollIntoViewIfNeeded();
+  const box = await page.locator(`#panel-${panel} .picture`).boundingBox();
   await page.mouse.move(box.x + ((col + 0.5) * box.width) / width, box.y + ((row + 0.5) * box.height) / height);
   return page.$eval(`#panel-${panel} .readout`, (e) => ({ ...e.dataset, text: e.textContent }));
 }
@@ -107,7 +107,7 @@ test('the range control changes the server\'s settings and the picture', async (
   await pausedFrame();
   const before = await (await api(server, '/api/settings')).json();
   await page.locator('#panel-depth').scrollIntoViewIfNeeded();
-  const picture = () => page.$eval('#panel-depth canvas.picture', (c) => c.toDataURL());
+  const picture = async () => (await canvasStatistics(page, '#panel-depth .picture'))?.sum;
   const shown = await picture();
   const range = [before.range[0] + 100, Math.max(before.range[0] + 300, Math.floor(before.range[1] / 2))];
   await page.fill('#set-range-min', String(range[0]));

@@ -1,9 +1,11 @@
-// The viewer's page: connects the stream and the API to the panels. Each panel draws
-// the newest decoded frame once per animation frame; a panel that fails shows its
+// The viewer's page: connects the stream and the API to the panels. Frames are decoded
+// by a worker; each panel in sight draws the newest decoded frame once per animation
+// frame (older undrawn ones are skipped and counted); a panel that fails shows its
 // error and the others go on.
 import * as api from './net/api.js';
 import { FrameStream } from './net/stream.js';
 import { describePoint } from './geometry.js';
+import { colourBarTexture, gpuSurface, raysTexture } from './gpu.js';
 import { DepthPanel } from './panels/depth.js';
 import { IrPanel } from './panels/ir.js';
 import { ColourPanel } from './panels/colour.js';
@@ -17,13 +19,17 @@ import { NoisePanel } from './panels/noise.js';
 import { ValidityPanel } from './panels/validity.js';
 import { RoiPanel } from './panels/roi.js';
 
-// What the panels share: the newest frame, the colour bar, the settings, the rays.
+// What the panels share: the newest frame, the colour bar, the settings, the rays (as
+// arrays for the read-outs and as textures for the shaders).
 const view = {
   frame: null,
   colors: null,
+  colourBar: null,
   settings: null,
   depthRays: null,
   colourRays: null,
+  depthRaysTexture: null,
+  colourRaysTexture: null,
   range() {
     return this.settings?.range || [0, 65535];
   },
@@ -54,19 +60,34 @@ const record = new RecordPanel(side);
 const stats = new StatsPanel(side);
 
 const depth = new DepthPanel(grid, view);
-const framePanels = [
-  depth,
-  new IrPanel(grid, view),
-  new ColourPanel(grid, view),
-  new RegisteredPanel(grid, view),
-  new CloudPanel(grid, view),
-  new NoisePanel(grid, view),
-  new ValidityPanel(grid, view),
-];
-framePanels.push(new RoiPanel(grid, depth));
-for (const panel of framePanels) {
-  panel.onShown = () => view.frame && panel.guard(() => panel.update(view.frame));
+const ir = new IrPanel(grid, view);
+const colour = new ColourPanel(grid, view);
+const registered = new RegisteredPanel(grid, view);
+const cloud = new CloudPanel(grid, view);
+const noise = new NoisePanel(grid, view, { onWindow: (frames) => stream.setDecoding({ noiseFrames: frames }) });
+const validity = new ValidityPanel(grid, view);
+const roi = new RoiPanel(grid, depth);
+// The cloud and the overlay upload the pictures before the picture panels take them.
+const framePanels = [cloud, registered, depth, ir, colour, noise, validity, roi];
+
+// The worker decodes only what the panels in sight draw (depth always: the read-outs);
+// the cloud's colouring names its own.
+function decoding() {
+  const blobs = new Set(['depth']);
+  if (depth.visible) blobs.add('false_colour');
+  if (ir.visible) blobs.add('ir');
+  if (colour.visible) blobs.add('colour');
+  if (registered.visible) blobs.add('registered').add('colour');
+  if (cloud.visible && cloud.mode.value === 'ir') blobs.add('ir');
+  if (cloud.visible && cloud.mode.value === 'colour') blobs.add('registered').add('colour');
+  return { blobs: [...blobs], noise: noise.visible };
 }
+// A panel come into sight gets the newest frame decoded again, with what it draws (a
+// paused source sends no other).
+for (const panel of framePanels) {
+  panel.onVisibility = (visible) => stream.setDecoding({ ...decoding(), again: visible });
+}
+cloud.mode.addEventListener('change', () => stream.setDecoding({ ...decoding(), again: true }));
 
 // The rays, fetched once per calibration; the colour grid's are optional.
 let raysFor = null;
@@ -75,14 +96,19 @@ async function loadRays(calibrationId) {
   raysFor = calibrationId;
   try {
     view.depthRays = await api.getRays('depth');
+    view.depthRaysTexture?.dispose();
+    view.depthRaysTexture = raysTexture(view.depthRays);
   } catch (e) {
     raysFor = null;
     depth.showError(`rays: ${e.message}`);
   }
   try {
     view.colourRays = await api.getRays('colour');
+    view.colourRaysTexture?.dispose();
+    view.colourRaysTexture = raysTexture(view.colourRays);
   } catch {
     view.colourRays = null; // the colour panels then show millimetres without X and Y
+    view.colourRaysTexture = null;
   }
 }
 
@@ -98,16 +124,33 @@ function onStatus(s) {
   if (s.settings && changed) controls.show(s.settings);
 }
 
-// Frames: the stream hands over decoded frames; the newest is drawn at the next
-// animation frame, older undrawn ones are skipped.
+// Frames: the worker hands over decoded frames; the newest is drawn at the next
+// animation frame, older undrawn ones are skipped (counted, their pictures freed).
 let pending = null;
 let displayed = 0;
+const counters = {
+  get received() { return stream.received; }, // frame messages from the link
+  get bytes() { return stream.bytes; },
+  decoded: 0,
+  displayed: 0,
+  skippedInPage: 0,
+  skippedInWorker: 0,
+};
+window.qvViewerCounters = counters; // for benchmarks and tests
 const drawMs = new Map(); // panel id -> smoothed time of its update
-const traffic = { bytes: 0, frames: 0 };
+const traffic = { bytes: 0, frames: 0 }; // at the last second's end
+function release(frame) {
+  for (const image of Object.values(frame.images)) image.bitmap?.close();
+}
 function onFrame(frame) {
+  if (pending) {
+    counters.skippedInPage++;
+    release(pending); // (only when a decoding again overtakes it)
+  }
   pending = frame;
-  traffic.bytes += frame.bytes;
-  traffic.frames++;
+  counters.decoded++;
+  counters.skippedInWorker = frame.skippedInWorker ?? 0;
+  counters.workerMs = frame.workerMs;
   loadRays(frame.head.calibration_id);
 }
 
@@ -116,6 +159,9 @@ function draw() {
   if (!pending) return;
   const frame = pending;
   pending = null;
+  stream.more();
+  // (The pictures of frames drawn are left to the collector: a texture not yet
+  // uploaded, of a panel whose picture is out of sight, may still hold one.)
   view.frame = frame;
   for (const panel of framePanels) {
     if (!panel.visible) continue;
@@ -126,21 +172,28 @@ function draw() {
   }
   stats.frame(frame.head, status?.source?.frames);
   playback.frame(frame.head);
+  gpuSurface().draw();
   document.body.dataset.frameIndex = String(frame.head.index);
   displayed++;
+  counters.displayed++;
 }
 requestAnimationFrame(draw);
 
+// Once a second: the rates of the last second; the link's figures count every frame
+// message, decoded or not.
 let last = performance.now();
 setInterval(() => {
   const now = performance.now();
   const seconds = (now - last) / 1000;
   last = now;
-  stats.rates(displayed / seconds, traffic.bytes / seconds, traffic.frames ? traffic.bytes / traffic.frames : 0);
+  const bytes = stream.bytes - traffic.bytes;
+  const frames = stream.received - traffic.frames;
+  traffic.bytes = stream.bytes;
+  traffic.frames = stream.received;
+  stats.rates(displayed / seconds, bytes / seconds, frames ? bytes / frames : 0);
+  stats.skipped(counters.skippedInWorker + counters.skippedInPage);
   stats.drawTimes(drawMs);
   displayed = 0;
-  traffic.bytes = 0;
-  traffic.frames = 0;
 }, 1000);
 
 const stream = new FrameStream({
@@ -152,11 +205,13 @@ const stream = new FrameStream({
   },
   onError: (message) => stats.showError(`stream: ${message}`),
 });
+stream.setDecoding(decoding());
 
 // The colour bar and the settings, once at the start.
 (async () => {
   try {
     view.colors = await api.getColormap();
+    view.colourBar = colourBarTexture(view.colors);
   } catch (e) {
     depth.showError(`colour bar: ${e.message}`);
   }

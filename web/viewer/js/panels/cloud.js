@@ -1,171 +1,155 @@
-// The 3-D point cloud, built in the page from the 16-bit depth and the table of rays
-// (never floats per point on the wire). Orbit with the mouse, zoom with the wheel;
-// point size and colouring (depth, IR or the registered colour) in the panel's tools.
+// The 3-D point cloud, built on the GPU from the 16-bit depth and the table of rays
+// (never floats per point on the wire, nor per point in the page): a vertex shader
+// places point i at (rayX*d, rayY*d, d) of pixel i. Orbit with the mouse, zoom with the
+// wheel; point size and colouring (depth, IR or the registered colour) in the tools.
 import * as THREE from 'three';
 import { OrbitControls } from 'three/addons/controls/OrbitControls.js';
 import { Panel, element } from './panel.js';
-import { colourOf } from '../colour_scale.js';
-import { rayIndex } from '../geometry.js';
+import { DEPTH_COLOUR_GLSL, frameTextures, gpuSurface } from '../gpu.js';
+
+// Camera coordinates (X right, Y down, Z ahead, mm) to the scene's (metres, Y up,
+// looking down -Z). Pixels without depth (0) or saturated (1) are put outside the view.
+const VERTEX = `
+precision highp float;
+precision highp usampler2D;
+uniform highp usampler2D depth;
+uniform highp sampler2D rays;
+uniform sampler2D picture;
+uniform int mode; // 0: the colour bar, 1: the picture's colour at the pixel
+uniform int step; // one point every step pixels each way
+uniform float pointSize;
+out vec3 vColour;
+${DEPTH_COLOUR_GLSL}
+void main() {
+  ivec2 size = textureSize(depth, 0);
+  int columns = (size.x + step - 1) / step;
+  ivec2 p = ivec2(gl_VertexID % columns, gl_VertexID / columns) * step;
+  uint d = texelFetch(depth, p, 0).r;
+  if (d <= 1u) {
+    gl_Position = vec4(2.0, 2.0, 2.0, 1.0);
+    gl_PointSize = 0.0;
+    return;
+  }
+  int f = max(1, (textureSize(rays, 0).x + size.x / 2) / size.x); // the depth's decimation
+  vec2 ray = texelFetch(rays, p * f, 0).rg;
+  float z = float(d);
+  gl_Position = projectionMatrix * modelViewMatrix * vec4(vec3(ray.x * z, -ray.y * z, -z) / 1000.0, 1.0);
+  gl_PointSize = pointSize;
+  if (mode == 0) {
+    vec4 c = depthColour(d);
+    vColour = c.a > 0.0 ? c.rgb : vec3(90.0 / 255.0);
+  } else {
+    vColour = texture(picture, (vec2(p) + 0.5) / vec2(size)).rgb;
+  }
+}
+`;
+
+const FRAGMENT = `
+precision highp float;
+in vec3 vColour;
+out vec4 fragColor;
+void main() {
+  fragColor = vec4(vColour, 1.0);
+}
+`;
 
 export class CloudPanel extends Panel {
   constructor(parent, view) {
     super(parent, 'panel-cloud', '3-D points');
     this.view = view;
-    this.mode = element('select', { 'aria-label': 'point colour' },
+    this.mode = element('select', { 'aria-label': 'point colour', id: 'cloud-colour' },
       ...['depth', 'ir', 'colour'].map((m) => element('option', { value: m, text: m === 'ir' ? 'IR' : m })));
     this.size = element('input', { type: 'range', min: 1, max: 8, value: 2, 'aria-label': 'point size' });
+    // Points: every pixel, or one in 4 or 16 (every 2nd or 4th each way). Where WebGL
+    // runs in software (a browser without a GPU) it starts at one in 4.
+    this.density = element('select', { 'aria-label': 'points', id: 'cloud-density' },
+      ...[1, 2, 4].map((k) => element('option', { value: k, text: k === 1 ? 'all' : `1/${k * k}` })));
     this.tools.append(element('label', { class: 'inline' }, 'colour ', this.mode),
+      element('label', { class: 'inline' }, 'points ', this.density),
       element('label', { class: 'inline' }, 'size ', this.size));
-    this.canvas = element('canvas', { class: 'picture cloud' });
-    this.body.append(element('div', { class: 'stage' }, this.canvas));
-    this.scratch = document.createElement('canvas');
-
-    this.renderer = new THREE.WebGLRenderer({ canvas: this.canvas, antialias: false, preserveDrawingBuffer: true });
-    this.renderer.setPixelRatio(1);
+    // Drawn by the page's GPU surface in the rectangle of this placeholder.
+    this.picture = element('div', { class: 'picture cloud' });
+    this.body.append(element('div', { class: 'stage' }, this.picture));
     this.scene = new THREE.Scene();
-    this.scene.background = new THREE.Color(0x11151c);
     this.camera = new THREE.PerspectiveCamera(55, 4 / 3, 0.01, 100);
     this.camera.position.set(0, 0, 0.3);
-    this.controls = new OrbitControls(this.camera, this.canvas);
+    this.controls = new OrbitControls(this.camera, this.picture);
     this.controls.target.set(0, 0, -1.5);
     this.controls.update();
-    this.geometry = new THREE.BufferGeometry();
-    this.material = new THREE.PointsMaterial({ size: 2, sizeAttenuation: false, vertexColors: true });
+    this.material = new THREE.ShaderMaterial({
+      glslVersion: THREE.GLSL3,
+      vertexShader: VERTEX,
+      fragmentShader: FRAGMENT,
+      uniforms: {
+        depth: { value: null }, rays: { value: null }, picture: { value: null }, mode: { value: 0 },
+        step: { value: 1 }, pointSize: { value: 2 }, colourBar: { value: null }, range: { value: [0, 1] },
+      },
+    });
+    this.geometry = new THREE.BufferGeometry(); // no attributes: the shader reads textures
     this.points = new THREE.Points(this.geometry, this.material);
     this.points.frustumCulled = false;
     this.scene.add(this.points);
-    this.size.addEventListener('input', () => { this.material.size = Number(this.size.value); this.render(); });
-    this.controls.addEventListener('change', () => this.render());
-    new ResizeObserver(() => this.fit()).observe(this.canvas);
+    this.surface = gpuSurface();
+    this.element = this.picture;
+    this.ready = true; // the background, before the first points
+    this.surface.views.add(this);
+    if (this.surface.software) this.density.value = '2';
+    this.density.addEventListener('change', () => this.view.frame && this.guard(() => this.update(this.view.frame)));
+    this.size.addEventListener('input', () => { this.material.uniforms.pointSize.value = Number(this.size.value); this.redraw(); });
+    this.controls.addEventListener('change', () => this.redraw());
     this.count = 0;
   }
 
-  fit() {
-    const w = this.canvas.clientWidth;
-    const h = this.canvas.clientHeight;
-    if (!w || !h) return;
-    this.renderer.setSize(w, h, false);
-    this.camera.aspect = w / h;
-    this.camera.updateProjectionMatrix();
-    this.render();
-  }
-
-  render() {
-    this.renderer.render(this.scene, this.camera);
-  }
-
-  // The colour of each depth pixel for the chosen mode, as a function of the pixel.
-  colouring(frame, depth) {
-    const mode = this.mode.value;
-    const colors = this.view.colors;
-    const range = this.view.range();
-    if (mode === 'depth' || !colors) {
-      return (i, d) => colourOf(d, colors || [[255, 255, 255]], range) || [90, 90, 90];
+  // Called by the surface, in this panel's rectangle.
+  render(renderer, rect) {
+    const aspect = rect.width / rect.height;
+    if (this.camera.aspect !== aspect) {
+      this.camera.aspect = aspect;
+      this.camera.updateProjectionMatrix();
     }
-    const source = mode === 'ir' ? frame.images.ir : frame.images.colour;
-    if (!source) throw new Error(`the frame carries no ${mode} picture`);
-    const pixels = this.pixelsOf(source.bitmap);
-    if (mode === 'ir') {
-      const f = source.width / depth.width;
-      return (i) => {
-        const r = Math.floor(i / depth.width) * f;
-        const c = (i % depth.width) * f;
-        const o = 4 * (r * source.width + c);
-        return [pixels[o], pixels[o + 1], pixels[o + 2]];
-      };
-    }
-    // Colour: through the registered depth, every colour pixel names the depth it
-    // shows; the depth point takes the colour of the colour pixel nearest in depth.
-    return this.registeredColouring(frame, depth, pixels, source);
+    renderer.setClearColor(0x11151c, 1);
+    renderer.clear();
+    renderer.render(this.scene, this.camera);
   }
 
-  registeredColouring(frame, depth, pixels, source) {
-    const reg = frame.images.registered;
-    if (!reg) throw new Error('the frame carries no registered depth');
-    const colourRays = this.view.colourRays;
-    if (!colourRays) throw new Error('the server offers no rays of the colour grid');
-    // Builds the cloud from the registered depth instead: each point has its colour.
-    this.fromRegistered = { reg, pixels, source, rays: colourRays };
-    return null;
-  }
-
-  pixelsOf(bitmap) {
-    this.scratch.width = bitmap.width;
-    this.scratch.height = bitmap.height;
-    const ctx = this.scratch.getContext('2d', { willReadFrequently: true });
-    ctx.drawImage(bitmap, 0, 0);
-    return ctx.getImageData(0, 0, bitmap.width, bitmap.height).data;
+  redraw() {
+    this.surface.dirty = true;
   }
 
   update(frame) {
-    const depth = frame.images.depth;
-    const rays = this.view.depthRays;
-    if (!depth) throw new Error(frame.errors.depth || 'the frame carries no depth');
-    if (!rays) throw new Error('waiting for the table of rays');
-    this.fromRegistered = null;
-    const colourAt = this.colouring(frame, depth);
-    let positions;
-    let colours;
-    let k = 0;
-    if (this.fromRegistered) {
-      const { reg, pixels, source, rays: cr } = this.fromRegistered;
-      const step = 2;
-      const n = Math.ceil(reg.width / step) * Math.ceil(reg.height / step);
-      [positions, colours] = this.buffers(n);
-      const fx = source.width / reg.width;
-      for (let r = 0; r < reg.height; r += step) {
-        for (let c = 0; c < reg.width; c += step) {
-          const d = reg.data[r * reg.width + c];
-          if (d <= 1) continue;
-          const i = rayIndex(cr, reg, r, c);
-          this.put(positions, k, cr.x[i] * d, cr.y[i] * d, d);
-          const o = 4 * (Math.floor(r * fx) * source.width + Math.floor(c * fx));
-          colours[3 * k] = pixels[o] / 255;
-          colours[3 * k + 1] = pixels[o + 1] / 255;
-          colours[3 * k + 2] = pixels[o + 2] / 255;
-          k++;
-        }
-      }
+    const mode = this.mode.value;
+    const u = this.material.uniforms;
+    let depth = frame.images.depth;
+    let rays = this.view.depthRaysTexture;
+    let step = 1;
+    let picture = null;
+    if (mode === 'colour') {
+      // Points of the registered depth (on the colour grid), each with its colour.
+      depth = frame.images.registered;
+      picture = frame.images.colour;
+      if (!depth) throw new Error('the frame carries no registered depth');
+      if (!picture) throw new Error('the frame carries no colour picture');
+      rays = this.view.colourRaysTexture;
+      if (!rays) throw new Error('the server offers no rays of the colour grid');
+      step = 2;
     } else {
-      [positions, colours] = this.buffers(depth.width * depth.height);
-      for (let r = 0; r < depth.height; r++) {
-        for (let c = 0; c < depth.width; c++) {
-          const p = r * depth.width + c;
-          const d = depth.data[p];
-          if (d <= 1) continue;
-          const i = rayIndex(rays, depth, r, c);
-          this.put(positions, k, rays.x[i] * d, rays.y[i] * d, d);
-          const col = colourAt(p, d);
-          colours[3 * k] = col[0] / 255;
-          colours[3 * k + 1] = col[1] / 255;
-          colours[3 * k + 2] = col[2] / 255;
-          k++;
-        }
+      if (!depth) throw new Error(frame.errors.depth || 'the frame carries no depth');
+      if (mode === 'ir') {
+        picture = frame.images.ir;
+        if (!picture) throw new Error('the frame carries no IR picture');
       }
     }
-    this.geometry.attributes.position.needsUpdate = true;
-    this.geometry.attributes.color.needsUpdate = true;
-    this.geometry.setDrawRange(0, k);
-    this.count = k;
-    this.render();
-  }
-
-  // The geometry's arrays, kept while the number of pixels stays.
-  buffers(n) {
-    const position = this.geometry.attributes.position;
-    if (!position || position.count !== n) {
-      this.geometry.dispose();
-      this.geometry.setAttribute('position', new THREE.BufferAttribute(new Float32Array(3 * n), 3));
-      this.geometry.setAttribute('color', new THREE.BufferAttribute(new Float32Array(3 * n), 3));
-    }
-    return [this.geometry.attributes.position.array, this.geometry.attributes.color.array];
-  }
-
-  // Camera coordinates (X right, Y down, Z ahead, mm) to the scene's (metres, Y up,
-  // looking down -Z).
-  put(positions, k, x, y, z) {
-    positions[3 * k] = Math.fround(x) / 1000;
-    positions[3 * k + 1] = -Math.fround(y) / 1000;
-    positions[3 * k + 2] = -z / 1000;
+    if (!rays) throw new Error('waiting for the table of rays');
+    u.depth.value = frameTextures.of(mode === 'colour' ? 'registered' : 'depth', depth);
+    u.rays.value = rays;
+    u.mode.value = picture ? 1 : 0;
+    if (picture) u.picture.value = frameTextures.of(mode, picture);
+    step *= Number(this.density.value);
+    u.step.value = step;
+    u.colourBar.value = this.view.colourBar;
+    u.range.value = this.view.range();
+    this.count = Math.ceil(depth.width / step) * Math.ceil(depth.height / step);
+    this.geometry.setDrawRange(0, this.count);
+    this.redraw();
   }
 }

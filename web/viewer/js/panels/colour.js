@@ -9,7 +9,7 @@ export class ColourPanel extends ImagePanel {
   update(frame) {
     const colour = frame.images.colour;
     if (!colour) throw new Error(frame.errors.colour || 'this source has no colour camera');
-    this.drawBitmap(colour.bitmap);
+    this.drawPicture('colour', colour);
     this.showReadout();
   }
 }

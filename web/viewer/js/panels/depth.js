@@ -1,7 +1,6 @@
 // False-colour depth (the library's colouring, sent as a picture) with its legend:
 // the colour bar and the range of the settings.
 import { ImagePanel, element } from './panel.js';
-import { colourDepth } from '../colour_scale.js';
 import { describePoint } from '../geometry.js';
 
 export class DepthPanel extends ImagePanel {
@@ -12,23 +11,12 @@ export class DepthPanel extends ImagePanel {
     this.legendMin = element('span');
     this.legendMax = element('span');
     this.body.append(element('div', { class: 'legend' }, this.legendMin, this.legendBar, this.legendMax));
-    this.rgba = null;
   }
 
   update(frame) {
     const picture = frame.images.false_colour;
-    const depth = frame.images.depth;
-    if (picture) {
-      this.drawBitmap(picture.bitmap);
-    } else if (depth && this.view.colors) {
-      // Not sent (the client asked for depth only): coloured here from the same bar.
-      const n = depth.width * depth.height;
-      if (!this.rgba || this.rgba.length !== 4 * n) this.rgba = new Uint8ClampedArray(4 * n);
-      colourDepth(depth.data, this.rgba, this.view.colors, this.view.range());
-      this.drawRgba(this.rgba, depth.width, depth.height);
-    } else {
-      throw new Error(frame.errors.false_colour || frame.errors.depth || 'the frame carries no depth');
-    }
+    if (!picture) throw new Error(frame.errors.false_colour || frame.errors.depth || 'the frame carries no depth');
+    this.drawPicture('false_colour', picture);
     this.showReadout();
   }
 

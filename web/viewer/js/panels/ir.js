@@ -9,7 +9,7 @@ export class IrPanel extends ImagePanel {
   update(frame) {
     const ir = frame.images.ir;
     if (!ir) throw new Error(frame.errors.ir || 'the frame carries no IR picture');
-    this.drawBitmap(ir.bitmap);
+    this.drawPicture('ir', ir);
     this.showReadout();
   }
 }

@@ -1,79 +1,65 @@
-// Temporal noise: the standard deviation of each pixel's depth over the last N frames,
-// computed here from the frames the page received (pixels without depth in any of them
-// are left out). Grey from 0 to the scale's top; the scale follows the data.
+// Temporal noise: the standard deviation of each pixel's depth over the last N frames
+// the page received, computed by the decoding worker (pixels without depth in any of
+// them are left out) and shaded here on the GPU: grey from 0 to the scale's top, which
+// follows the data.
+import * as THREE from 'three';
 import { ImagePanel, element } from './panel.js';
 
+const FRAGMENT = `
+uniform highp sampler2D sigma;
+uniform float top;
+void main() {
+  ivec2 size = textureSize(sigma, 0);
+  float s = texelFetch(sigma, min(ivec2(vUv * vec2(size)), size - 1), 0).r;
+  if (s < 0.0) fragColor = vec4(60.0, 20.0, 30.0, 255.0) / 255.0; // dark red: no depth
+  else fragColor = vec4(vec3(floor(255.0 * min(1.0, s / top)) / 255.0), 1.0);
+}
+`;
+
 export class NoisePanel extends ImagePanel {
-  constructor(parent, view) {
-    super(parent, 'panel-noise', 'Temporal noise (σ)', (u, v) => this.describe(u, v));
+  constructor(parent, view, { onWindow }) {
+    super(parent, 'panel-noise', 'Temporal noise (σ)', (u, v) => this.describe(u, v), {
+      shader: { fragment: FRAGMENT, uniforms: { sigma: { value: null }, top: { value: 1 } } },
+    });
     this.view = view;
     this.frames = element('select', { 'aria-label': 'frames' },
       ...[4, 8, 16, 32].map((n) => element('option', { value: n, text: `${n} frames` })));
     this.frames.value = '16';
     this.tools.append(this.frames);
-    this.frames.addEventListener('change', () => { this.sum = null; });
+    this.frames.addEventListener('change', () => onWindow(Number(this.frames.value)));
     this.scaleText = element('div', { class: 'note' });
     this.body.append(this.scaleText);
-    this.history = [];
-    this.sum = null;
-    this.sigma = null;
+    this.noise = null;
+    this.texture = null;
   }
 
-  // Running sums over the window: each frame adds its depths and removes the oldest's,
-  // so the cost is two passes a frame whatever the window.
   update(frame) {
-    const depth = frame.images.depth;
-    if (!depth) throw new Error('the frame carries no depth');
-    const n = depth.width * depth.height;
-    const last = this.history[this.history.length - 1];
-    if (!this.sum || this.sum.length !== n || (last && last.width !== depth.width)) this.reset(n);
-    else if (last && last.index === frame.head.index) return; // a repeated frame (paused) adds nothing
-    this.history.push({ data: depth.data, width: depth.width, index: frame.head.index });
-    this.account(depth.data, 1);
-    while (this.history.length > Number(this.frames.value)) this.account(this.history.shift().data, -1);
-
-    const k = this.history.length;
-    let top = 0;
-    for (let i = 0; i < n; i++) {
-      const mean = this.sum[i] / k;
-      const s = this.invalid[i] === 0 && k > 1 ? Math.sqrt(Math.max(0, this.sum2[i] / k - mean * mean)) : -1;
-      this.sigma[i] = s;
-      if (s > top) top = s;
+    const noise = frame.noise;
+    if (!frame.images.depth) throw new Error('the frame carries no depth');
+    if (!noise) return; // figured only while the panel is in sight: the next frame brings them
+    this.noise = noise;
+    const { width, height, sigma } = noise;
+    if (!this.texture || this.texture.image.width !== width || this.texture.image.height !== height) {
+      this.texture?.dispose();
+      this.texture = new THREE.DataTexture(sigma, width, height, THREE.RedFormat, THREE.FloatType);
+      this.texture.minFilter = this.texture.magFilter = THREE.NearestFilter;
+    } else {
+      this.texture.image.data = sigma;
     }
-    const scale = Math.max(1, top);
-    const rgba = new Uint8ClampedArray(4 * n);
-    const pixels = new Uint32Array(rgba.buffer);
-    for (let i = 0; i < n; i++) {
-      const s = this.sigma[i];
-      const g = (255 * Math.min(1, s / scale)) | 0;
-      pixels[i] = s < 0 ? 0xff1e143c : 0xff000000 | (g << 16) | (g << 8) | g; // dark red: no depth
-    }
-    this.drawRgba(rgba, depth.width, depth.height);
-    this.scaleText.textContent = `black 0 – white ${scale.toFixed(1)} mm over ${k} frames; dark red: no depth`;
+    this.texture.needsUpdate = true;
+    const scale = Math.max(1, noise.top);
+    this.gpu.uniforms.sigma.value = this.texture;
+    this.gpu.uniforms.top.value = scale;
+    this.gpu.draw(width, height);
+    this.scaleText.textContent = `black 0 – white ${scale.toFixed(1)} mm over ${noise.frames} frames; dark red: no depth`;
     this.showReadout();
-  }
-
-  reset(n) {
-    this.history = [];
-    this.sum = new Float64Array(n);
-    this.sum2 = new Float64Array(n);
-    this.invalid = new Uint16Array(n);
-    this.sigma = new Float32Array(n);
-  }
-
-  account(data, sign) {
-    for (let i = 0; i < data.length; i++) {
-      const d = data[i];
-      if (d <= 1) this.invalid[i] += sign;
-      else { this.sum[i] += sign * d; this.sum2[i] += sign * d * d; }
-    }
   }
 
   describe(u, v) {
     const base = this.view.depthAt(u, v);
-    const depth = this.view.frame?.images.depth;
-    if (!base || !depth || !this.sigma) return base;
-    const s = this.sigma[Math.floor(v * depth.height) * depth.width + Math.floor(u * depth.width)];
+    const noise = this.noise;
+    if (!base || !noise) return base;
+    const s = noise.sigma[Math.floor(v * noise.height) * noise.width + Math.floor(u * noise.width)];
     return { text: `${base.text}   σ ${s < 0 ? '–' : s.toFixed(2)} mm`, data: { ...base.data, sigma: s } };
   }
 }

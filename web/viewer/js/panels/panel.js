@@ -1,5 +1,6 @@
 // What every panel has: a titled box, a place for its own error (the other panels
-// keep working), and for image panels a canvas with the depth under the cursor.
+// keep working), and for image panels a picture with the depth under the cursor.
+import { frameTextures, PICTURE_GLSL, ShaderView } from '../gpu.js';
 
 export function element(tag, attributes = {}, ...children) {
   const e = document.createElement(tag);
@@ -21,14 +22,15 @@ export class Panel {
     this.root = element('section', { class: wide ? 'panel wide' : 'panel', id },
       element('header', {}, element('h2', { text: title }), this.tools), this.error, this.body);
     parent.append(this.root);
-    // Panels scrolled out of sight skip their per-frame work;
-    // onShown (set by the page) draws the newest frame when a panel comes back into sight.
+    // Panels scrolled out of sight skip their per-frame work; onVisibility (set by the
+    // page) hears when a panel goes out of sight or comes back.
     this.visible = true;
-    this.onShown = null;
+    this.onVisibility = null;
     new IntersectionObserver((entries) => {
       const visible = entries.at(-1).isIntersecting;
-      if (visible && !this.visible) this.onShown?.();
+      if (visible === this.visible) return;
       this.visible = visible;
+      this.onVisibility?.(visible);
     }).observe(this.root);
   }
 
@@ -60,42 +62,34 @@ export class Panel {
   }
 }
 
-// An image panel: a canvas that keeps the picture's own size (CSS scales it) and a
-// read-out line under it. locate(u, v) turns a position in [0, 1) x [0, 1) into the
-// text and data of the read-out, or null.
+// An image panel: a picture (a placeholder whose rectangle the page's GPU surface draws
+// in, at the picture's aspect ratio; CSS sizes it) and a read-out line under it.
+// locate(u, v) turns a position in [0, 1) x [0, 1) into the text and data of the
+// read-out, or null. The picture is a decoded bitmap shown as it is, unless the panel
+// gives its own shader (options.shader: {fragment, uniforms}).
 export class ImagePanel extends Panel {
-  constructor(parent, id, title, locate, options) {
+  constructor(parent, id, title, locate, options = {}) {
     super(parent, id, title, options);
-    this.canvas = element('canvas', { class: 'picture', width: 4, height: 3 });
-    this.context = this.canvas.getContext('2d');
+    this.picture = element('div', { class: 'picture' });
     this.readout = element('div', { class: 'readout', text: 'point at the picture for the depth' });
-    this.stage = element('div', { class: 'stage' }, this.canvas);
+    this.stage = element('div', { class: 'stage' }, this.picture);
     this.body.append(this.stage, this.readout);
+    const shader = options.shader || { fragment: PICTURE_GLSL, uniforms: { picture: { value: null } } };
+    this.gpu = new ShaderView(this.picture, shader.fragment, shader.uniforms);
     this.locate = locate;
     this.pointer = null;
-    this.canvas.addEventListener('pointermove', (e) => {
-      const r = this.canvas.getBoundingClientRect();
+    this.picture.addEventListener('pointermove', (e) => {
+      const r = this.picture.getBoundingClientRect();
       this.pointer = [(e.clientX - r.left) / r.width, (e.clientY - r.top) / r.height];
       this.showReadout();
     });
-    this.canvas.addEventListener('pointerleave', () => { this.pointer = null; });
+    this.picture.addEventListener('pointerleave', () => { this.pointer = null; });
   }
 
-  resize(width, height) {
-    if (this.canvas.width !== width || this.canvas.height !== height) {
-      this.canvas.width = width;
-      this.canvas.height = height;
-    }
-  }
-
-  drawBitmap(bitmap) {
-    this.resize(bitmap.width, bitmap.height);
-    this.context.drawImage(bitmap, 0, 0);
-  }
-
-  drawRgba(rgba, width, height) {
-    this.resize(width, height);
-    this.context.putImageData(new ImageData(rgba, width, height), 0, 0);
+  // Shows a decoded picture (the frame's image called name) as it is.
+  drawPicture(name, image) {
+    this.gpu.uniforms.picture.value = frameTextures.of(name, image);
+    this.gpu.draw(image.width, image.height);
   }
 
   // Called after every frame so that the read-out follows a still pointer too.

@@ -21,7 +21,7 @@ export class RoiPanel extends Panel {
   attach(panel) {
     const box = element('div', { class: 'roi-box', hidden: '' });
     panel.stage.append(box);
-    const canvas = panel.canvas;
+    const canvas = panel.picture;
     let start = null;
     const at = (e) => {
       const r = canvas.getBoundingClientRect();
@@ -71,6 +71,8 @@ export class RoiPanel extends Panel {
     for (const d of values) v2 += (d - mean) ** 2;
     this.summary.textContent = `${c1 - c0}x${r1 - r0} pixels, ${values.length} with depth: mean ${mean.toFixed(1)} mm, ` +
       `σ ${Math.sqrt(v2 / values.length).toFixed(1)}, ${lo}–${hi} mm`;
+    // The region in pixels of the depth image (end exclusive) and the figures, exact.
+    Object.assign(this.summary.dataset, { index: frame.head.index, c0, r0, c1, r1, count: values.length, mean, lo, hi });
     this.drawHistogram(values, lo, hi);
     if (this.series.at(-1)?.index !== frame.head.index) {
       this.series.push({ index: frame.head.index, mean, temperature: frame.head.temperature_c });
@@ -110,7 +112,7 @@ export class RoiPanel extends Panel {
       ctx.strokeStyle = colour;
       ctx.beginPath();
       this.series.forEach((s, i) => {
-        const x = (i * width) / (HISTORY - 1);
+        const x = (i * width) / Math.max(1, this.series.length - 1); // the series fills the width
         const y = height - 4 - ((height - 8) * (s[key] - lo)) / span;
         if (i) ctx.lineTo(x, y); else ctx.moveTo(x, y);
       });

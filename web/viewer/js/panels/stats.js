@@ -13,7 +13,8 @@ export class StatsPanel extends Panel {
     for (const [key, label] of [
       ['source', 'source'], ['frame', 'frame'], ['time', 'frame time'], ['temperature', 'temperature'],
       ['sensor', 'sensor fps'], ['processed', 'processed fps'], ['displayed', 'displayed fps'],
-      ['stages', 'stage times (ms)'], ['draw', 'page drawing (ms)'], ['dropped', 'frames dropped (this page)'], ['bytes', 'link'],
+      ['stages', 'stage times (ms)'], ['draw', 'page drawing (ms)'], ['dropped', 'frames dropped (this page)'],
+      ['skipped', 'frames skipped in the page'], ['bytes', 'link'],
       ['clients', 'clients'],
     ]) {
       const value = element('dd', { 'data-key': key, text: '–' });
@@ -48,6 +49,11 @@ export class StatsPanel extends Panel {
   drawTimes(msById) {
     const slowest = [...msById].sort((a, b) => b[1] - a[1]).slice(0, 3);
     this.set('draw', slowest.map(([id, ms]) => `${id.replace('panel-', '')} ${fixed(ms)}`).join(' · ') || '–');
+  }
+
+  // Frames that reached the page but were replaced by newer ones before being drawn.
+  skipped(n) {
+    this.set('skipped', String(n));
   }
 
   rates(displayedFps, bytesPerSecond, bytesPerFrame) {

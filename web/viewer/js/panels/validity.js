@@ -1,10 +1,28 @@
 // Where depth is missing (0) and where the sensor saturated (1), over a dim copy of the
-// depth picture, with the share of each.
+// depth picture, with the share of each (counted by the decoding worker).
 import { ImagePanel, element } from './panel.js';
+import { frameTextures } from '../gpu.js';
+
+const FRAGMENT = `
+uniform highp usampler2D depth;
+uniform vec2 range;
+void main() {
+  ivec2 size = textureSize(depth, 0);
+  uint d = texelFetch(depth, min(ivec2(vUv * vec2(size)), size - 1), 0).r;
+  if (d == 0u) fragColor = vec4(40.0, 110.0, 255.0, 255.0) / 255.0;
+  else if (d == 1u) fragColor = vec4(255.0, 40.0, 200.0, 255.0) / 255.0;
+  else {
+    float t = clamp((float(d) - range.x) / max(1.0, range.y - range.x), 0.0, 1.0);
+    fragColor = vec4(vec3((20.0 + floor(80.0 * t)) / 255.0), 1.0);
+  }
+}
+`;
 
 export class ValidityPanel extends ImagePanel {
   constructor(parent, view) {
-    super(parent, 'panel-validity', 'No depth and saturated', (u, v) => view.depthAt(u, v));
+    super(parent, 'panel-validity', 'No depth and saturated', (u, v) => view.depthAt(u, v), {
+      shader: { fragment: FRAGMENT, uniforms: { depth: { value: null }, range: { value: [0, 1] } } },
+    });
     this.view = view;
     this.counts = element('div', { class: 'note' },
       element('span', { class: 'swatch none' }), ' no depth ', element('b', { 'data-key': 'none' }),
@@ -15,26 +33,15 @@ export class ValidityPanel extends ImagePanel {
   update(frame) {
     const depth = frame.images.depth;
     if (!depth) throw new Error('the frame carries no depth');
-    const n = depth.width * depth.height;
-    const rgba = new Uint8ClampedArray(4 * n);
-    const pixels = new Uint32Array(rgba.buffer); // one write a pixel (little-endian RGBA)
-    const [lo, hi] = this.view.range();
-    const shade = 80 / Math.max(1, hi - lo);
-    const NONE = 0xffff6e28, SATURATED = 0xffc828ff;
-    let none = 0, saturated = 0;
-    for (let i = 0; i < n; i++) {
-      const d = depth.data[i];
-      if (d === 0) { pixels[i] = NONE; none++; }
-      else if (d === 1) { pixels[i] = SATURATED; saturated++; }
-      else {
-        const g = 20 + (d <= lo ? 0 : d >= hi ? 80 : ((d - lo) * shade) | 0);
-        pixels[i] = 0xff000000 | (g << 16) | (g << 8) | g;
-      }
+    this.gpu.uniforms.depth.value = frameTextures.of('depth', depth);
+    this.gpu.uniforms.range.value = this.view.range();
+    this.gpu.draw(depth.width, depth.height);
+    const v = frame.validity;
+    if (v) {
+      const share = (k) => `${((100 * k) / v.pixels).toFixed(2)} %`;
+      this.counts.querySelector('[data-key=none]').textContent = share(v.none);
+      this.counts.querySelector('[data-key=saturated]').textContent = share(v.saturated);
     }
-    this.drawRgba(rgba, depth.width, depth.height);
-    const share = (k) => `${((100 * k) / n).toFixed(2)} %`;
-    this.counts.querySelector('[data-key=none]').textContent = share(none);
-    this.counts.querySelector('[data-key=saturated]').textContent = share(saturated);
     this.showReadout();
   }
 }
