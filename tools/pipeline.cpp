@@ -82,6 +82,15 @@ SensorTemperature TemperatureOf(const uint16_t* words)
     return {code, static_cast<float>((code - 296) * 0.18518518518518517 + 25.0)};
 }
 
+qvsim::SceneKind ParseScene(const std::string& name)
+{
+    if (name == "wall") return qvsim::SceneKind::Wall;
+    if (name == "plane") return qvsim::SceneKind::TiltedPlane;
+    if (name == "boxes") return qvsim::SceneKind::Boxes;
+    if (name == "sphere") return qvsim::SceneKind::Sphere;
+    throw ToolError("unknown scene '" + name + "' (wall, plane, boxes or sphere)");
+}
+
 StreamKind ParseStream(const std::string& name)
 {
     for (const StreamInfo& s : kStreams)

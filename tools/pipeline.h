@@ -13,6 +13,7 @@
 #include <qvreconstruction/reconstruction.h>
 
 #include "calibration_file.h"
+#include "simulator.h"
 
 namespace qvrecon {
 
@@ -32,6 +33,8 @@ const StreamInfo& Info(StreamKind kind);
 std::optional<StreamKind> StreamForBytes(size_t bytes);
 // "single", "dual" or "binned".
 StreamKind ParseStream(const std::string& name);
+// The simulator's scene of that name (wall, plane, boxes or sphere); a ToolError otherwise.
+qvsim::SceneKind ParseScene(const std::string& name);
 // "single 614400, binned 2457600, dual 9830400 bytes": for messages.
 std::string StreamSizes();
 

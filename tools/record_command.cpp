@@ -112,15 +112,6 @@ private:
     Clock::duration writing_{};
 };
 
-qvsim::SceneKind SceneKind(const std::string& s)
-{
-    if (s == "wall") return qvsim::SceneKind::Wall;
-    if (s == "plane") return qvsim::SceneKind::TiltedPlane;
-    if (s == "boxes") return qvsim::SceneKind::Boxes;
-    if (s == "sphere") return qvsim::SceneKind::Sphere;
-    throw ToolError("unknown scene '" + s + "' (wall, plane, boxes or sphere)");
-}
-
 // Capture k's time: the start plus k frame periods, to the nanosecond.
 uint64_t TimeOf(uint64_t startNs, uint64_t k, double fps)
 {
@@ -178,7 +169,7 @@ int RunRecord(const RecordArgs& a)
     if (simulate) {
         const StreamKind kind = kinds[0];
         qvsim::SessionSpec session;
-        session.scene.kind = SceneKind(a.scene);
+        session.scene.kind = ParseScene(a.scene);
         session.scene.distanceMm = a.distance;
         session.setup.device = static_cast<qvapi::DeviceType>(a.common.device);
         session.setup.stream = Info(kind).type;

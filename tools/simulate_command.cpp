@@ -24,15 +24,6 @@ struct SimulateArgs {
     bool bright = false, dark = false;
 };
 
-qvsim::SceneKind ParseScene(const std::string& s)
-{
-    if (s == "wall") return qvsim::SceneKind::Wall;
-    if (s == "plane") return qvsim::SceneKind::TiltedPlane;
-    if (s == "boxes") return qvsim::SceneKind::Boxes;
-    if (s == "sphere") return qvsim::SceneKind::Sphere;
-    throw ToolError("unknown scene '" + s + "' (wall, plane, boxes or sphere)");
-}
-
 int RunSimulate(const SimulateArgs& a)
 {
     const ModuleCalibration cal = LoadCalibration(a.common);

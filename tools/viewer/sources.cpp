@@ -19,15 +19,6 @@ namespace {
 
 constexpr size_t kNv12Bytes = 1920u * 1080u * 3u / 2u;
 
-qvsim::SceneKind ParseScene(const std::string& s)
-{
-    if (s == "wall") return qvsim::SceneKind::Wall;
-    if (s == "plane") return qvsim::SceneKind::TiltedPlane;
-    if (s == "boxes") return qvsim::SceneKind::Boxes;
-    if (s == "sphere") return qvsim::SceneKind::Sphere;
-    throw ToolError("unknown scene '" + s + "' (wall, plane, boxes or sphere)");
-}
-
 class Simulated final : public Source {
 public:
     Simulated(const SimulateOptions& o, const ModuleCalibration& cal, qvapi::DeviceType device)
