@@ -424,7 +424,9 @@ def test_stalled_client_neither_queues_nor_holds_up_another(viewer, inputs):
     assert slow["sent"] + slow["dropped"] + 1 >= 120
     assert status["dropped"] >= slow["dropped"]
     # 120 frames of about 0.5 MB each held for the stalled client would show here.
-    assert rss_kib() - rss_before < 32 * 1024
+    # (Under a sanitizer, freed memory stays resident in its quarantine: not measured there.)
+    if not os.environ.get("QV_SANITIZED"):
+        assert rss_kib() - rss_before < 32 * 1024
     stalled.close()
     good.close()
 
