@@ -22,16 +22,6 @@ major=$(node -p 'process.versions.node.split(".")[0]')
 if [ -z "${QV_VIEWER_SERVER:-}" ]; then
     [ -f "${QV_VIEWER_ASSETS:-}/index.html" ] || skip "the viewer's page was not assembled (npm missing at build time?)"
 fi
-stamp=$dir/node_modules/.qv-installed
-if ! cmp -s "$dir/package-lock.json" "$stamp" 2>/dev/null; then
-    command -v npm >/dev/null || skip "npm is not installed"
-    command -v flock >/dev/null || skip "flock is not installed"
-    (
-        flock 9
-        if ! cmp -s "$dir/package-lock.json" "$stamp" 2>/dev/null; then
-            npm ci --prefix "$dir" --no-audit --no-fund --loglevel=error >&2 || exit 1
-            cp "$dir/package-lock.json" "$stamp"
-        fi
-    ) 9>"$dir/.install.lock" || skip "npm ci could not install the packages of $dir/package-lock.json (no registry?)"
-fi
+. "$(dirname "${BASH_SOURCE[0]}")/../npm_packages.sh"
+npm_packages "$dir"
 cd "$dir" && exec node --test --test-concurrency=1 ./*.test.mjs
