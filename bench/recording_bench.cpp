@@ -57,68 +57,70 @@ const std::vector<std::vector<uint16_t>>& Depths()
 
 std::string Path() { return "/tmp/qv_recording_bench_" + std::to_string(::getpid()) + ".mcap"; }
 
-void Write(benchmark::State& state, bool depth)
+// The compression of the benchmark's arguments, replacing any file of a former run.
+qvapi::RecordingOptions OptionsOf(const benchmark::State& state)
 {
-    const auto compression = static_cast<qvapi::RecordingCompression>(state.range(0));
-    const int level = static_cast<int>(state.range(1));
-    const auto& frames = depth ? Depths() : Captures();
-    double fileBytes = 0, messageBytes = 0;
-    for (auto _ : state) {
-        qvapi::RecordingWriter w;
-        qvapi::RecordingOptions options;
-        options.compression = compression;
-        options.level = level;
-        options.overwrite = true;
-        qvapi::RecordingSetup setup;
-        setup.algorithmVersion = "bench";
-        if (!w.Open(Path(), setup, options).ok()) state.SkipWithError("open");
-        for (int i = 0; i < kFrames; ++i) {
-            const uint64_t t = 33333333ull * static_cast<uint64_t>(i + 1);
-            qvapi::RecordingStatus s;
-            if (depth) {
-                s = w.WriteImage(qvapi::ProcessedImage::Depth, t, frames[i].data(), 640, 480);
-            } else {
-                qvapi::CaptureFrame c;
-                c.width = 640;
-                c.height = 480;
-                c.words = frames[i].data();
-                c.wordCount = frames[i].size();
-                c.timeNs = t;
-                s = w.WriteCapture(c);
-            }
-            if (!s.ok()) state.SkipWithError(s.message.c_str());
-        }
-        if (!w.Close().ok()) state.SkipWithError("close");
-        fileBytes = static_cast<double>(w.FileBytes());
-        messageBytes = static_cast<double>(w.MessageBytes());
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(messageBytes) * state.iterations());
-    state.counters["frames/s"] = benchmark::Counter(kFrames * static_cast<double>(state.iterations()),
-                                                    benchmark::Counter::kIsRate);
-    state.counters["ratio"] = messageBytes / fileBytes;
-}
-
-void Read(benchmark::State& state)
-{
-    qvapi::RecordingWriter w;
     qvapi::RecordingOptions options;
     options.compression = static_cast<qvapi::RecordingCompression>(state.range(0));
     options.level = static_cast<int>(state.range(1));
     options.overwrite = true;
+    return options;
+}
+
+struct Written {
+    double fileBytes = 0, messageBytes = 0;
+};
+
+// Writes `count` frames to `path`, the simulated captures in turn (or their depth
+// images), 30 a second.
+Written WriteFrames(benchmark::State& state, const std::string& path, int count, bool depth)
+{
+    const auto& frames = depth ? Depths() : Captures();
+    qvapi::RecordingWriter w;
     qvapi::RecordingSetup setup;
     setup.algorithmVersion = "bench";
-    w.Open(Path(), setup, options);
-    for (int i = 0; i < kFrames; ++i) {
-        qvapi::CaptureFrame c;
-        c.width = 640;
-        c.height = 480;
-        c.words = Captures()[i].data();
-        c.wordCount = Captures()[i].size();
-        c.timeNs = 33333333ull * static_cast<uint64_t>(i + 1);
-        w.WriteCapture(c);
+    if (!w.Open(path, setup, OptionsOf(state)).ok()) state.SkipWithError("open");
+    for (int i = 0; i < count; ++i) {
+        const std::vector<uint16_t>& frame = frames[i % kFrames];
+        const uint64_t t = 33333333ull * static_cast<uint64_t>(i + 1);
+        qvapi::RecordingStatus s;
+        if (depth) {
+            s = w.WriteImage(qvapi::ProcessedImage::Depth, t, frame.data(), 640, 480);
+        } else {
+            qvapi::CaptureFrame c;
+            c.width = 640;
+            c.height = 480;
+            c.words = frame.data();
+            c.wordCount = frame.size();
+            c.timeNs = t;
+            s = w.WriteCapture(c);
+        }
+        if (!s.ok()) state.SkipWithError(s.message.c_str());
     }
-    w.Close();
-    const double bytes = static_cast<double>(w.MessageBytes());
+    if (!w.Close().ok()) state.SkipWithError("close");
+    return {static_cast<double>(w.FileBytes()), static_cast<double>(w.MessageBytes())};
+}
+
+void Rates(benchmark::State& state, const Written& written)
+{
+    state.SetBytesProcessed(static_cast<int64_t>(written.messageBytes) * state.iterations());
+    state.counters["frames/s"] = benchmark::Counter(kFrames * static_cast<double>(state.iterations()),
+                                                    benchmark::Counter::kIsRate);
+    state.counters["ratio"] = written.messageBytes / written.fileBytes;
+}
+
+void Write(benchmark::State& state, bool depth)
+{
+    Written written;
+    for (auto _ : state)
+        written = WriteFrames(state, Path(), kFrames, depth);
+    std::remove(Path().c_str());
+    Rates(state, written);
+}
+
+void Read(benchmark::State& state)
+{
+    const Written written = WriteFrames(state, Path(), kFrames, false);
     for (auto _ : state) {
         qvapi::RecordingReader r;
         if (!r.Open(Path()).ok()) state.SkipWithError("open");
@@ -126,10 +128,7 @@ void Read(benchmark::State& state)
         while (r.Next(f).ok()) benchmark::DoNotOptimize(f.words.data());
     }
     std::remove(Path().c_str());
-    state.SetBytesProcessed(static_cast<int64_t>(bytes) * state.iterations());
-    state.counters["frames/s"] = benchmark::Counter(kFrames * static_cast<double>(state.iterations()),
-                                                    benchmark::Counter::kIsRate);
-    state.counters["ratio"] = bytes / static_cast<double>(w.FileBytes());
+    Rates(state, written);
 }
 
 // One seek to a frame and its read: the index look-up and one chunk's decompression,
@@ -137,27 +136,7 @@ void Read(benchmark::State& state)
 void SeekAndRead(benchmark::State& state)
 {
     const std::string path = Path();
-    {
-        qvapi::RecordingWriter w;
-        qvapi::RecordingOptions options;
-        options.compression = static_cast<qvapi::RecordingCompression>(state.range(0));
-        options.level = static_cast<int>(state.range(1));
-        options.overwrite = true;
-        qvapi::RecordingSetup setup;
-        setup.algorithmVersion = "bench";
-        w.Open(path, setup, options);
-        for (int i = 0; i < 4 * kFrames; ++i) {
-            const std::vector<uint16_t>& raw = Captures()[i % kFrames];
-            qvapi::CaptureFrame c;
-            c.width = 640;
-            c.height = 480;
-            c.words = raw.data();
-            c.wordCount = raw.size();
-            c.timeNs = 33333333ull * static_cast<uint64_t>(i + 1);
-            w.WriteCapture(c);
-        }
-        w.Close();
-    }
+    WriteFrames(state, path, 4 * kFrames, false);
     qvapi::RecordingReader r;
     if (!r.Open(path).ok()) state.SkipWithError("open");
     qvapi::RecordedFrame f;
