@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 #include <zlib.h>
 
 namespace qvrecon::viewer {
@@ -55,6 +56,52 @@ std::string Jpeg(const cv::Mat& bgr, int quality)
     if (!cv::imencode(".jpg", bgr, jpeg, {cv::IMWRITE_JPEG_QUALITY, quality}))
         throw std::runtime_error("cannot encode a JPEG");
     return std::string(jpeg.begin(), jpeg.end());
+}
+
+std::vector<Blob> EncodeBlobs(const FrameImages& images, int decimate, uint32_t mask)
+{
+    std::vector<Blob> blobs;
+    // Colour pictures go at half size (960 x 540) unless the client takes every pixel.
+    const int colourScale = decimate == 1 ? 1 : 2;
+    for (size_t b = 0; b < kBlobNames.size(); ++b) {
+        if (!(mask & (1u << b)))
+            continue;
+        const std::string name = kBlobNames[b];
+        Blob blob;
+        blob.name = name;
+        cv::Mat image;
+        if (name == "depth") {
+            image = Decimate(images.depth, decimate);
+            blob.encoding = "u16-deflate";
+            blob.bytes = DeflateU16(image, 1);
+        } else if (name == "false_colour") {
+            image = Decimate(images.falseColour, decimate);
+            blob.encoding = "png";
+            blob.bytes = Png(image, true);
+        } else if (name == "ir") {
+            image = Decimate(images.ir, decimate);
+            blob.encoding = "png";
+            blob.bytes = Png(image, true);
+        } else if (name == "colour" && !images.colour.empty()) {
+            if (colourScale == 1)
+                image = images.colour;
+            else
+                cv::resize(images.colour, image, cv::Size(images.colour.cols / 2, images.colour.rows / 2), 0, 0,
+                           cv::INTER_AREA);
+            blob.encoding = "jpeg";
+            blob.bytes = Jpeg(image, 80);
+        } else if (name == "registered" && !images.registered.empty()) {
+            image = Decimate(images.registered, colourScale);
+            blob.encoding = "u16-deflate";
+            blob.bytes = DeflateU16(image, 1);
+        } else {
+            continue;  // a part this frame lacks
+        }
+        blob.width = image.cols;
+        blob.height = image.rows;
+        blobs.push_back(std::move(blob));
+    }
+    return blobs;
 }
 
 std::vector<float> CloudFromRays(const cv::Mat& depth16, const std::vector<float>& rays)

@@ -4,6 +4,7 @@
 #ifndef QVRECON_VIEWER_ENCODING_H
 #define QVRECON_VIEWER_ENCODING_H
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,6 +12,32 @@
 #include <opencv2/core.hpp>
 
 namespace qvrecon::viewer {
+
+// The blobs a client can ask for, in the order a frame message carries them, and the
+// decimations.
+constexpr std::array<const char*, 5> kBlobNames = {"depth", "false_colour", "ir", "colour", "registered"};
+constexpr std::array<int, 3> kDecimations = {1, 2, 4};
+
+struct Blob {
+    std::string name, encoding;
+    int width = 0, height = 0;
+    std::string bytes;
+};
+
+// The pictures of one processed frame that blobs are made from.
+struct FrameImages {
+    cv::Mat depth;        // CV_16UC1, mm
+    cv::Mat falseColour;  // BGR
+    cv::Mat ir;           // CV_8UC1
+    cv::Mat colour;       // BGR 1920 x 1080, empty without a colour frame
+    cv::Mat registered;   // CV_16UC1 on the colour grid, empty without a colour frame
+};
+
+// The blobs of `mask` (bit i: kBlobNames[i]) at one decimation, as a client receives
+// them: depth as u16-deflate, false colour and IR as PNG, colour as JPEG and registered
+// depth as u16-deflate, the colour grid's two at half size unless `decimate` is 1.
+// Blobs of parts the frame lacks are left out.
+std::vector<Blob> EncodeBlobs(const FrameImages& images, int decimate, uint32_t mask);
 
 // Every `factor`-th pixel of every `factor`-th row, starting at (0, 0).
 cv::Mat Decimate(const cv::Mat& image, int factor);

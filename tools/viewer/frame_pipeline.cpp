@@ -47,12 +47,6 @@ std::string RandomHex(size_t bytes)
     return out;
 }
 
-const std::string& BlobName(size_t i)
-{
-    static const std::vector<std::string> names(kBlobNames.begin(), kBlobNames.end());
-    return names[i];
-}
-
 }  // namespace
 
 Pipeline::Pipeline(std::unique_ptr<Source> source, const PipelineOptions& options)
@@ -639,49 +633,9 @@ void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>
     e->height = frame.depth.rows;
     e->calibrationId = frame.calibrationId;
     e->settingsVersion = frame.settingsVersion;
-    for (const auto& [decimate, mask] : wanted) {
-        std::vector<Blob>& blobs = e->blobs[decimate];
-        // Colour pictures go at half size (960 x 540) unless the client takes every pixel.
-        const int colourScale = decimate == 1 ? 1 : 2;
-        for (size_t b = 0; b < kBlobNames.size(); ++b) {
-            if (!(mask & (1u << b)))
-                continue;
-            const std::string& name = BlobName(b);
-            Blob blob;
-            blob.name = name;
-            cv::Mat image;
-            if (name == "depth") {
-                image = Decimate(frame.depth, decimate);
-                blob.encoding = "u16-deflate";
-                blob.bytes = DeflateU16(image, 1);
-            } else if (name == "false_colour") {
-                image = Decimate(frame.falseColour, decimate);
-                blob.encoding = "png";
-                blob.bytes = Png(image, true);
-            } else if (name == "ir") {
-                image = Decimate(frame.ir, decimate);
-                blob.encoding = "png";
-                blob.bytes = Png(image, true);
-            } else if (name == "colour" && !frame.colour.empty()) {
-                if (colourScale == 1)
-                    image = frame.colour;
-                else
-                    cv::resize(frame.colour, image, cv::Size(frame.colour.cols / 2, frame.colour.rows / 2), 0, 0,
-                               cv::INTER_AREA);
-                blob.encoding = "jpeg";
-                blob.bytes = Jpeg(image, 80);
-            } else if (name == "registered" && !frame.registered.empty()) {
-                image = Decimate(frame.registered, colourScale);
-                blob.encoding = "u16-deflate";
-                blob.bytes = DeflateU16(image, 1);
-            } else {
-                continue;  // a part this frame lacks
-            }
-            blob.width = image.cols;
-            blob.height = image.rows;
-            blobs.push_back(std::move(blob));
-        }
-    }
+    const FrameImages images{frame.depth, frame.falseColour, frame.ir, frame.colour, frame.registered};
+    for (const auto& [decimate, mask] : wanted)
+        e->blobs[decimate] = EncodeBlobs(images, decimate, mask);
     if (sink_)
         sink_(std::move(e));
 }

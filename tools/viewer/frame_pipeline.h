@@ -20,14 +20,11 @@
 #include <opencv2/core.hpp>
 #include <qvreconstruction/recording.h>
 
+#include "encoding.h"
 #include "settings.h"
 #include "sources.h"
 
 namespace qvrecon::viewer {
-
-// The blobs a client can ask for, and the decimations.
-constexpr std::array<const char*, 5> kBlobNames = {"depth", "false_colour", "ir", "colour", "registered"};
-constexpr std::array<int, 3> kDecimations = {1, 2, 4};
 
 // What one client wants on the stream.
 struct ClientWants {
@@ -49,12 +46,6 @@ struct ProcessedFrame {
     cv::Mat colour;       // BGR 1920 x 1080 undistorted, empty without a colour frame
     cv::Mat registered;   // CV_16UC1 on the colour grid, empty without a colour frame
     std::shared_ptr<const std::vector<float>> rays;  // rayX, rayY, rayZ per pixel
-};
-
-struct Blob {
-    std::string name, encoding;
-    int width = 0, height = 0;
-    std::string bytes;
 };
 
 // A frame's blobs, encoded once for every client: per decimation, the blobs wanted.
