@@ -13,6 +13,14 @@
 //                        (each call also copies the 640 x 480 depth it consumes)
 //   record               RecordingWriter::WriteCapture of the full capture with the
 //                        default options (LZ4 chunks), into a temporary file
+//   encode_light         the viewer's blobs for one client (tools/viewer/encoding.h) of
+//                        the full capture with sensor noise and its colour frame: depth,
+//                        false colour and IR at decimation 2
+//   encode_half          every blob at decimation 2 (colour and registered depth at
+//                        960 x 540), what the page receives at "1/2"
+//   encode_full          every blob at decimation 1 (the 1920 x 1080 colour JPEG and
+//                        registered depth), what the page asks for by default
+// (The encode operations are there where the tool is built.)
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +29,11 @@
 #include <vector>
 
 #include <opencv2/core/utility.hpp>
+#ifdef QV_FRAME_OPS_ENCODE
+#include <opencv2/imgproc.hpp>
+
+#include "encoding.h"
+#endif
 #include <qvreconstruction/depth_filters.h>
 #include <qvreconstruction/reconstruction.h>
 #include <qvreconstruction/recording.h>
@@ -41,7 +54,10 @@ int Fail(const std::string& message)
 
 int main(int argc, char** argv)
 {
-    const std::string ops = "dual dual_nofilter binned single edge ir cloud colour register record";
+    std::string ops = "dual dual_nofilter binned single edge ir cloud colour register record";
+#ifdef QV_FRAME_OPS_ENCODE
+    ops += " encode_light encode_half encode_full";
+#endif
     if (argc != 3)
         return Fail("usage: qv_frame_ops OP N, OP one of: " + ops);
     const std::string op = argv[1];
@@ -70,6 +86,9 @@ int main(int argc, char** argv)
     qvsim::CaptureSpec setup;
     setup.stream = single ? qvapi::STREAM_SINGLE_FREQ : qvapi::STREAM_DUAL_FREQ;
     setup.binned = op == "binned";
+    // The viewer's blobs compress as a real sensor's would: with noise.
+    const bool encode = op.rfind("encode_", 0) == 0;
+    setup.noiseSigma = encode ? 1.0 : 0.0;
     const qvsim::Capture cap = qvsim::SimulateCapture(single ? binnedCal : fullCal, scene, setup);
     const int w = cap.width, h = cap.height;
     const size_t pixels = size_t(w) * h;
@@ -81,8 +100,37 @@ int main(int argc, char** argv)
     std::vector<uint16_t> depthCopy(depth, depth + pixels), work(pixels), ir(pixels);
     std::vector<float> cloud(3 * pixels);
     std::vector<uint8_t> nv12, frame;
-    if (op == "register")
+    if (op == "register" || encode)
         nv12 = qvsim::RenderColour(fullCal, scene).nv12;
+
+#ifdef QV_FRAME_OPS_ENCODE
+    // The pictures the viewer's pipeline keeps of a frame, made once.
+    qvrecon::viewer::FrameImages images;
+    if (encode) {
+        images.depth = cv::Mat(h, w, CV_16UC1, depthCopy.data());
+        r.GetIR(cap.raw.data(), ir.data(), w, h);
+        cv::Mat(h, w, CV_16UC1, ir.data()).convertTo(images.ir, CV_8UC1);
+        uint8_t* rgb = nullptr;
+        r.Convert2RGB(&rgb, depthCopy.data(), w, h);
+        if (rgb == nullptr)
+            return Fail("Convert2RGB gave no picture");
+        cv::cvtColor(cv::Mat(h, w, CV_8UC3, rgb), images.falseColour, cv::COLOR_RGB2BGR);
+        delete[] rgb;
+        uint16_t* entry = new uint16_t[pixels];
+        std::memcpy(entry, depthCopy.data(), pixels * sizeof(uint16_t));
+        uint8_t* colour = nullptr;
+        int cw = 0, ch = 0;
+        if (r.MapDepthToRGB(&colour, &entry, nv12.data(), 1920, 1080, cw, ch) != qvapi::STATUS_OK)
+            return Fail("MapDepthToRGB refused the simulated frame");
+        images.registered = cv::Mat(ch, cw, CV_16UC1, entry).clone();
+        images.colour = cv::Mat(ch, cw, CV_8UC3, colour).clone();
+        delete[] colour;
+        delete[] entry;
+    }
+    const int decimate = op == "encode_full" ? 1 : 2;
+    const uint32_t everyBlob = (1u << qvrecon::viewer::kBlobNames.size()) - 1;
+    const uint32_t blobs = op == "encode_light" ? 0b111u : everyBlob;  // depth, false colour, IR
+#endif
 
     // The recording's file, opened before the calls and closed (and removed) after them.
     qvapi::RecordingWriter writer;
@@ -122,6 +170,11 @@ int main(int argc, char** argv)
             r.Convert2RGB(&rgb, depthCopy.data(), w, h);
             checksum += rgb != nullptr ? rgb[3 * (pixels / 2)] : 0;
             delete[] rgb;
+#ifdef QV_FRAME_OPS_ENCODE
+        } else if (encode) {
+            for (const qvrecon::viewer::Blob& b : qvrecon::viewer::EncodeBlobs(images, decimate, blobs))
+                checksum += b.bytes.size();
+#endif
         } else if (op == "record") {
             qvapi::CaptureFrame capture;
             capture.width = w;

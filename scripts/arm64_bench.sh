@@ -6,6 +6,7 @@
 # same counts on any host, however busy.
 #
 #   scripts/arm64_bench.sh [OP...]      (default: every operation)
+# (The viewer's encode_* operations need the tool, which the arm64 build has.)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 counter=${ARM64_INSNS:-$(realpath -m ../shared/tools/arm64-insns/arm64-insns)}
@@ -23,7 +24,8 @@ env_path="LD_LIBRARY_PATH=$PWD/$build/lib:$libs/blas:$libs/lapack"
 n1=${N1:-1}
 n2=${N2:-5}
 ops=("$@")
-[ ${#ops[@]} -gt 0 ] || ops=(dual dual_nofilter binned single edge ir cloud colour register record)
+[ ${#ops[@]} -gt 0 ] || ops=(dual dual_nofilter binned single edge ir cloud colour register record encode_light encode_half
+  encode_full)
 count() {
   "$counter" -L "$sysroot" -E "$env_path" "$build/bench/qv_frame_ops" "$1" "$2" 2>&1 >/dev/null |
     awk '/^instructions / { n = $2 } END { print n }'
