@@ -17,7 +17,11 @@ CPU time per frame does not depend on other load the way wall-clock rates do; th
 frames a second do. Prints a table.
 
     python3 bench/viewer_server_cpu.py [--qvrecon build/bin/qvrecon] [--seconds 10]
-        [--frames 60] [--clients 0,1,4] [--options full,half,light]
+        [--frames 60] [--clients 0,1,4] [--options full,half,light] [--recording FILE]
+
+(--recording plays a recording made before, with `qvrecon record --simulate boxes
+--frames 60 --fps 30 --noise 1 --out FILE`, instead of making one: simulating the colour
+frames takes most of a minute.)
 """
 
 import argparse
@@ -229,7 +233,8 @@ def main():
     p.add_argument("--seconds", type=float, default=10.0, help="measured seconds a configuration")
     p.add_argument("--warmup", type=float, default=2.0, help="seconds run before measuring")
     p.add_argument("--frames", type=int, default=60,
-                   help="frames of the recording, played in a loop (more than 3 a poll of /api/status, every 0.1 s)")
+                   help="frames of the recording, played in a loop (at least 10)")
+    p.add_argument("--recording", help="a recording to play instead of a new simulated one")
     p.add_argument("--clients", default="0,1,4")
     p.add_argument("--options", default="full,half,light", help=f"client options among {','.join(OPTIONS)}")
     a = p.parse_args()
@@ -239,9 +244,10 @@ def main():
         p.error("clients take 0 to 16, options " + ", ".join(OPTIONS) + ", frames at least 10")
 
     with tempfile.TemporaryDirectory(prefix="qv_viewer_bench_") as folder:
-        recording = os.path.join(folder, "session.mcap")
-        subprocess.run([a.qvrecon, "record", "--simulate", "boxes", "--frames", str(a.frames), "--fps", "30",
-                        "--noise", "1", "--out", recording], check=True, stdout=subprocess.DEVNULL)
+        recording = a.recording or os.path.join(folder, "session.mcap")
+        if not a.recording:
+            subprocess.run([a.qvrecon, "record", "--simulate", "boxes", "--frames", str(a.frames), "--fps", "30",
+                            "--noise", "1", "--out", recording], check=True, stdout=subprocess.DEVNULL)
         load = os.getloadavg()
         rows = []
         viewer = Viewer(a.qvrecon, recording, folder)
@@ -257,7 +263,8 @@ def main():
     def f(v, fmt):
         return "-" if v is None else fmt % v
 
-    print(f"qvrecon view on a recording of the full stream with colour at 30 fps; {a.seconds:g} s a row; "
+    played = a.recording or "a simulated recording of the full stream with colour at 30 fps"
+    print(f"qvrecon view on {played}; {a.seconds:g} s a row; "
           f"{os.cpu_count()} cores, load average {load[0]:.1f} before, {load_end[0]:.1f} after")
     print("| clients | options | frames/s | server CPU ms/frame | server CPU (cores) "
           "| received frames/s per client | dropped/s per client | KB/frame per client |")
