@@ -26,14 +26,14 @@ HttpResponse Snapshot(const HttpRequest& req, const ProcessedFrame& f, const std
 {
     HttpResponse res;
     if (name == "depth.png") {
-        res = Binary(req, "image/png", Png(f.depth, false));
+        res = Binary(req, "image/png", Png(f.depth));
     } else if (name == "ir.png") {
-        res = Binary(req, "image/png", Png(f.ir, false));
+        res = Binary(req, "image/png", Png(f.ir));
     } else if (name == "colour.png" || name == "registered.png") {
         const cv::Mat& image = name == "colour.png" ? f.colour : f.registered;
         if (image.empty())
             return ErrorReply(req, http::status::not_found, "frame " + std::to_string(f.index) + " has no colour");
-        res = Binary(req, "image/png", Png(image, false));
+        res = Binary(req, "image/png", Png(image));
     } else if (name == "cloud.ply") {
         const std::vector<float> cloud = CloudFromRays(f.depth, *f.rays);
         res = Binary(req, "application/octet-stream", PointCloudPly(cloud, f.depth.cols, f.depth.rows));

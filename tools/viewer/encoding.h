@@ -45,9 +45,9 @@ cv::Mat Decimate(const cv::Mat& image, int factor);
 // A CV_16UC1 image as a zlib stream (RFC 1950) of its words, little-endian, row by row.
 std::string DeflateU16(const cv::Mat& image16, int level);
 
-// PNG (8-bit grey, BGR, or 16-bit grey) and JPEG (BGR) of an image; `fast` trades
-// size for time (zlib level 1) in pictures made for every frame.
-std::string Png(const cv::Mat& image, bool fast);
+// PNG (8-bit grey, BGR, or 16-bit grey) and JPEG (BGR) of an image; the PNG made fast
+// enough for every frame.
+std::string Png(const cv::Mat& image);
 std::string Jpeg(const cv::Mat& bgr, int quality);
 
 // The library's point of each pixel from its ray: (rayX * d, rayY * d, rayZ * d) in
