@@ -64,9 +64,9 @@ std::string DeflateU16(const cv::Mat& image16, int level)
 
 std::string Png(const cv::Mat& image)
 {
-    // OpenCV's defaults are its fast ones: zlib level 1 with run-length matches after
-    // the Sub filter. (Setting the level alone would also bring back libpng's trial of
-    // every filter on every row: up to three times the time, and larger IR pictures.)
+    // OpenCV's defaults (4.6) are its fast ones: zlib level 1 with run-length matches
+    // after the Sub filter. (Setting the level alone would also bring back libpng's trial
+    // of every filter on every row: up to three times the time, and larger IR pictures.)
     std::vector<uint8_t> png;
     if (!cv::imencode(".png", image, png))
         throw std::runtime_error("cannot encode a PNG");
