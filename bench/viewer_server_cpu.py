@@ -2,7 +2,7 @@
 """The viewer server's CPU per frame and bytes per frame per client.
 
 Records a simulated session of the full stream with colour at 30 frames a second
-(`qvrecon record --simulate boxes`, with sensor noise) into a temporary folder, then for
+(`qvrecon record --simulate boxes`, with sensor noise) into a temporary folder, then
 starts the real `qvrecon view` on it and, for each configuration in turn, lets it run and
 measures over SECONDS: the server process's CPU time (user + system, all its threads, from
 /proc/PID/stat) and the frames its pipeline processed (from /api/status), with no client
