@@ -524,6 +524,28 @@ void Pipeline::Process(uint64_t index, bool advance)
         for (const auto& [client, w] : wants_)
             wanted[w.decimate] |= w.blobs;
     }
+    // B: the same capture with B's filter and calibration, converted as the serial run
+    // with B's settings converts it. A's results are kept when B fails. With two
+    // calibrations, the side whose calibration the library holds goes first: one Init a
+    // frame rather than two.
+    cv::Mat depthB;
+    std::string errorB;
+    double msB = 0;
+    const ModuleCalibration& calibrationB = settings.b.calibrationB ? *options_.calibrationB : source_->Calibration();
+    const auto convertB = [&] {
+        const Clock::time_point started = Clock::now();
+        try {
+            Prepare(calibrationB, f.index, f.kind);
+            depthB = Convert(f, settings.b.filter, settings.flip);
+        } catch (const std::exception& e) {
+            errorB = "frame " + std::to_string(f.index) + ", B: " + SingleLine(e.what());
+        }
+        msB = Ms(started);
+    };
+    const bool bFirst = settings.ab && &calibrationB != &source_->Calibration() && loaded_ == &calibrationB;
+    if (bFirst)
+        convertB();
+
     // Binned and full frames share the full stream's Init, as in a live session.
     Clock::time_point t = Clock::now();
     Prepare(source_->Calibration(), f.index, f.kind);
@@ -590,18 +612,11 @@ void Pipeline::Process(uint64_t index, bool advance)
     cv::cvtColor(cv::Mat(s.height, s.width, CV_8UC3, rgb), out->falseColour, cv::COLOR_RGB2BGR);
     stages["colour"] = Ms(t);
 
-    // B: the same capture with B's filter and calibration, converted as the serial run
-    // with B's settings converts it. A's results are kept when B fails.
-    std::string errorB;
     if (settings.ab) {
-        t = Clock::now();
-        try {
-            Prepare(settings.b.calibrationB ? *options_.calibrationB : source_->Calibration(), f.index, f.kind);
-            out->depthB = Convert(f, settings.b.filter, settings.flip);
-        } catch (const std::exception& e) {
-            errorB = "frame " + std::to_string(f.index) + ", B: " + SingleLine(e.what());
-        }
-        stages["depth_b"] = Ms(t);
+        if (!bFirst)
+            convertB();
+        out->depthB = depthB;
+        stages["depth_b"] = msB;
     }
 
     t = Clock::now();
