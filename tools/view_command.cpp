@@ -27,7 +27,7 @@ struct ViewArgs {
     std::string simulate;
     std::vector<std::string> inputs;  // a recording, or capture files
     std::string listen = "127.0.0.1:8080";
-    std::string assets, recordDir = ".";
+    std::string assets, recordDir = ".", calibB;
     bool readOnly = false, token = false;
     double fps = 30;
     int frames = 24;
@@ -62,6 +62,10 @@ int RunView(const ViewArgs& a)
     server.readOnly = a.readOnly;
     server.alwaysToken = a.token;
     const auto device = static_cast<qvapi::DeviceType>(a.common.device);
+    // Read as --calib reads its file; the page can choose it for B, never name another.
+    std::optional<ModuleCalibration> calibrationB;
+    if (!a.calibB.empty())
+        calibrationB = ReadCalibration(a.calibB);
 
     std::unique_ptr<Source> source;
     if (!a.simulate.empty()) {
@@ -88,6 +92,7 @@ int RunView(const ViewArgs& a)
     PipelineOptions options;
     options.fps = a.fps;
     options.recordDir = a.recordDir;
+    options.calibrationB = std::move(calibrationB);
     Pipeline pipeline(std::move(source), options);
     boost::asio::io_context io(1);
     Server http(io, pipeline, server);
@@ -126,6 +131,7 @@ Command AddViewCommand(CLI::App& app)
     cmd->add_option("--fps", a->fps, "Frames a second of simulations and captures")->default_val(30)->check(Within(0.1, 120));
     cmd->add_option("--listen", a->listen, "HOST:PORT to serve on; port 0 takes a free one")->default_val("127.0.0.1:8080");
     cmd->add_option("--assets", a->assets, "The page's folder (default: the installed page)");
+    cmd->add_option("--calib-b", a->calibB, "A second calibration file, for B of the A/B comparison");
     cmd->add_option("--record-dir", a->recordDir, "Where the page's recordings go")->default_val(".");
     cmd->add_flag("--read-only", a->readOnly, "Refuse every change of settings, playback and recording");
     cmd->add_flag("--token", a->token, "Ask for the access token even on loopback (always asked elsewhere)");

@@ -32,7 +32,7 @@ function mockDepth(k, r, c) {
 
 // ------------------------------------------------------------------ state
 const state = {
-  settings: { filter: true, flip: 'none', range: [200, 5000] },
+  settings: { filter: true, flip: 'none', range: [200, 5000], ab: false, b: { filter: false, range: [200, 5000], calibration: 'a' } },
   settingsVersion: 1,
   playing: true,
   speed: 1,
@@ -58,11 +58,11 @@ function status() {
     stream: 'dual', width: W, height: H,
     frame: { index: state.index, time_ns: state.timeNs, temperature_c: temperature(state.index) },
     rates: { sensor_fps: FPS, processed_fps: FPS },
-    stages_ms: { depth: 4.2, ir: 0.6, register: 7.5, colour: 3.1, encode: 2.0 },
+    stages_ms: { depth: 4.2, ir: 0.6, register: 7.5, colour: 3.1, encode: 2.0, depth_b: state.settings.ab ? 4.4 : 0 },
     clients: state.clients.size, dropped: state.dropped,
     settings: state.settings,
     recording: state.recording,
-    read_only: false, calibration_id: 1,
+    read_only: false, calibration_id: 1, calibration_b: true,
   };
 }
 const temperature = (k) => 38 + 0.05 * k;
@@ -133,6 +133,20 @@ function registeredImage(d) {
   return out;
 }
 
+// B of A/B: A's depth (after the flip) with the filter off (a deterministic -3..+3 mm
+// jitter), 30 mm farther on calibration "b", and no depth in a 20x10 block at (400, 500).
+function depthB(d) {
+  const b = state.settings.b;
+  const out = new Uint16Array(d.length);
+  for (let i = 0; i < d.length; i++) {
+    const r = Math.floor(i / W), c = i % W;
+    if (d[i] <= 1 || (r >= 400 && r < 410 && c >= 500 && c < 520)) continue;
+    const jitter = b.filter ? 0 : (Math.imul(i, 2654435761) >>> 29) - 3;
+    out[i] = d[i] + jitter + (b.calibration === 'b' ? 30 : 0);
+  }
+  return out;
+}
+
 const u16Deflate = (a) => zlib.deflateSync(Buffer.from(a.buffer, a.byteOffset, a.byteLength));
 
 // Encoded frames are cached per frame, settings version and decimation: the loop is short.
@@ -152,6 +166,8 @@ function encodedFrame(k, dec) {
     ['colour', 'png', CW, CH, encodePng(colourImage(k), CW, CH, 'rgb8')],
     ['registered', 'u16-deflate', CW, CH, u16Deflate(registeredImage(d))],
   ];
+  const db = state.settings.ab ? depthB(d) : null;
+  if (db) blobs.push(['depth_b', 'u16-deflate', w, h, u16Deflate(decimate(db, W, H, dec))]);
   let offset = 0;
   const head = {
     index: k, time_ns: k * Math.round(1e9 / 30), stream: 'dual', width: W, height: H,
@@ -162,7 +178,7 @@ function encodedFrame(k, dec) {
       return b;
     }),
   };
-  m = { head, blobs: Object.fromEntries(blobs.map((b) => [b[0], b[4]])), depth: d };
+  m = { head, blobs: Object.fromEntries(blobs.map((b) => [b[0], b[4]])), depth: d, depthB: db };
   cache.set(key, m);
   return m;
 }
@@ -206,6 +222,18 @@ function readBody(req) {
   });
 }
 
+function applyB(old, body) {
+  const b = { ...old };
+  for (const [key, v] of Object.entries(body)) {
+    if (key === 'filter' && typeof v === 'boolean') b.filter = v;
+    else if (key === 'calibration' && ['a', 'b'].includes(v)) b.calibration = v;
+    else if (key === 'range' && Array.isArray(v) && v.length === 2 && v.every(Number.isInteger) &&
+             v[0] >= 0 && v[0] < v[1] && v[1] <= 65535) b.range = v;
+    else throw new Error(`bad setting b.${key}`);
+  }
+  return b;
+}
+
 function applySettings(body) {
   const next = { ...state.settings };
   for (const [key, v] of Object.entries(body)) {
@@ -213,6 +241,8 @@ function applySettings(body) {
     else if (key === 'flip' && ['none', 'horizontal', 'vertical', 'both'].includes(v)) next.flip = v;
     else if (key === 'range' && Array.isArray(v) && v.length === 2 && v.every(Number.isInteger) &&
              v[0] >= 0 && v[0] < v[1] && v[1] <= 65535) next.range = v;
+    else if (key === 'ab' && typeof v === 'boolean') next.ab = v;
+    else if (key === 'b' && v && typeof v === 'object' && !Array.isArray(v)) next.b = applyB(next.b, v);
     else throw new Error(`bad setting ${key}`);
   }
   state.settings = next;
@@ -274,13 +304,16 @@ async function api(req, res, url) {
     else return fail(res, 400, 'unknown action');
     return sendJson(res, 200, { active: state.recording.active, path: state.recording.path });
   }
-  const part = p.match(/^\/api\/frame\/([a-z]+\.(png|ply|json))$/);
+  const part = p.match(/^\/api\/frame\/([a-z_]+\.(png|ply|json))$/);
   if (part && !post) {
     const m = encodedFrame(state.index, 1);
     const headers = { 'X-Frame-Index': state.index };
     const d = m.depth;
     switch (part[1]) {
       case 'depth.png': return send(res, 200, encodePng(Buffer.from(d.buffer), W, H, 'grey16'), 'image/png', headers);
+      case 'depth_b.png':
+        if (!m.depthB) return fail(res, 404, 'A/B is off');
+        return send(res, 200, encodePng(Buffer.from(m.depthB.buffer), W, H, 'grey16'), 'image/png', headers);
       case 'ir.png': return send(res, 200, encodePng(irImage(state.index), W, H, 'grey8'), 'image/png', headers);
       case 'colour.png': return send(res, 200, m.blobs.colour, 'image/png', headers);
       case 'registered.png': return send(res, 200, encodePng(Buffer.from(registeredImage(d).buffer), CW, CH, 'grey16'), 'image/png', headers);

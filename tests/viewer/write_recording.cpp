@@ -2,7 +2,8 @@
 // at different distances, each as a raw file (capture_K.raw, for `qvrecon depth`) and
 // all of them, with a colour frame each, as one recording (session.mcap); and a
 // recording of binned and full frames of a scene with a dark patch (mixed.mcap), whose
-// depth depends on the binned frames before each.
+// depth depends on the binned frames before each; and a second calibration of the
+// module whose distances are 30 mm longer (calib_b.yaml, B of the A/B comparison).
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -22,6 +23,10 @@ int main(int argc, char** argv)
     const std::string folder = argv[1];
     const int frames = std::atoi(argv[2]);
     const qvapi::ModuleCalibration cal = qvrecon::SampleModule();
+    qvapi::ModuleCalibration other = cal;
+    other.binned.depthOffsetF1 += 0.03f;  // metres, as the sample module gives it
+    other.full.depthOffsetF1 += 0.03f;
+    qvapi::WriteCalibration(folder + "/calib_b.yaml", other);
     qvapi::RecordingSetup setup;
     setup.calibrationYaml = qvapi::CalibrationText(cal, false);
     qvapi::RecordingWriter writer;

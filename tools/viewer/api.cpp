@@ -27,6 +27,10 @@ HttpResponse Snapshot(const HttpRequest& req, const ProcessedFrame& f, const std
     HttpResponse res;
     if (name == "depth.png") {
         res = Binary(req, "image/png", Png(f.depth));
+    } else if (name == "depth_b.png") {
+        if (f.depthB.empty())
+            return ErrorReply(req, http::status::not_found, "frame " + std::to_string(f.index) + " has no B (A/B is off)");
+        res = Binary(req, "image/png", Png(f.depthB));
     } else if (name == "ir.png") {
         res = Binary(req, "image/png", Png(f.ir));
     } else if (name == "colour.png" || name == "registered.png") {
@@ -50,7 +54,7 @@ HttpResponse Snapshot(const HttpRequest& req, const ProcessedFrame& f, const std
         res = JsonReply(req, http::status::ok, meta);
     } else {
         return ErrorReply(req, http::status::not_found,
-                          "no such part (depth.png, ir.png, colour.png, registered.png, cloud.ply, meta.json)");
+                          "no such part (depth.png, depth_b.png, ir.png, colour.png, registered.png, cloud.ply, meta.json)");
     }
     res.set("X-Frame-Index", std::to_string(f.index));
     return res;

@@ -117,6 +117,10 @@ std::vector<Blob> EncodeBlobs(const FrameImages& images, int decimate, uint32_t 
             image = Decimate(images.registered, colourScale);
             blob.encoding = "u16-deflate";
             blob.bytes = DeflateU16(image, 1);
+        } else if (name == "depth_b" && !images.depthB.empty()) {
+            image = Decimate(images.depthB, decimate);
+            blob.encoding = "u16-deflate";
+            blob.bytes = DeflateU16(image, 1);
         } else {
             continue;  // a part this frame lacks
         }

@@ -15,7 +15,7 @@ namespace qvrecon::viewer {
 
 // The blobs a client can ask for, in the order a frame message carries them, and the
 // decimations.
-constexpr std::array<const char*, 5> kBlobNames = {"depth", "false_colour", "ir", "colour", "registered"};
+constexpr std::array<const char*, 6> kBlobNames = {"depth", "false_colour", "ir", "colour", "registered", "depth_b"};
 constexpr std::array<int, 3> kDecimations = {1, 2, 4};
 
 struct Blob {
@@ -31,11 +31,12 @@ struct FrameImages {
     cv::Mat ir;           // CV_8UC1
     cv::Mat colour;       // BGR 1920 x 1080, empty without a colour frame
     cv::Mat registered;   // CV_16UC1 on the colour grid, empty without a colour frame
+    cv::Mat depthB;       // CV_16UC1, mm: the A/B comparison's B side, empty while it is off
 };
 
 // The blobs of `mask` (bit i: kBlobNames[i]) at one decimation, as a client receives
 // them: depth as u16-deflate, false colour and IR as PNG, colour as JPEG and registered
-// depth as u16-deflate, the colour grid's two at half size unless `decimate` is 1.
+// depth and B's depth as u16-deflate, the colour grid's two at half size unless `decimate` is 1.
 // Blobs of parts the frame lacks are left out.
 std::vector<Blob> EncodeBlobs(const FrameImages& images, int decimate, uint32_t mask);
 

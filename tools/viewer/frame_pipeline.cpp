@@ -50,7 +50,7 @@ std::string RandomHex(size_t bytes)
 }  // namespace
 
 Pipeline::Pipeline(std::unique_ptr<Source> source, const PipelineOptions& options)
-    : source_(std::move(source)), options_(options)
+    : source_(std::move(source)), options_(options), settings_(InitialSettings(options.calibrationB.has_value()))
 {
     lib_ = qvapi::Reconstruction::CreateInstance();
     uint8_t* bar = nullptr;
@@ -93,7 +93,7 @@ Settings Pipeline::CurrentSettings() const
 std::string Pipeline::UpdateSettings(const Json& update, Done done)
 {
     std::unique_lock<std::mutex> lock(m_);
-    if (std::string error = ApplySettings(update, settings_); !error.empty())
+    if (std::string error = ApplySettings(update, settings_, options_.calibrationB.has_value()); !error.empty())
         return error;
     ++settingsVersion_;
     if (latest_ == nullptr) {
@@ -312,7 +312,7 @@ Json Pipeline::Status() const
         frame = {{"index", latest_->index}, {"time_ns", latest_->timeNs}, {"temperature_c", latest_->temperatureC}};
     const StreamKind kind = latest_ ? latest_->kind : configured_.value_or(StreamKind::Dual);
     Json stages = Json::object();
-    for (const char* s : {"depth", "ir", "register", "colour", "encode"}) {
+    for (const char* s : {"depth", "ir", "register", "colour", "encode", "depth_b"}) {
         const auto it = stagesMs_.find(s);
         stages[s] = it == stagesMs_.end() ? 0.0 : it->second;
     }
@@ -332,6 +332,7 @@ Json Pipeline::Status() const
             {"settings", ToJson(settings_)},
             {"settings_version", settingsVersion_},
             {"calibration_id", calibrationId_},
+            {"calibration_b", options_.calibrationB.has_value()},
             {"error", error_.empty() ? Json(nullptr) : Json(error_)}};
 }
 
@@ -465,11 +466,26 @@ int Pipeline::HalvingsBefore(uint64_t index)
     return static_cast<int>(std::min(count, kHalvingsToZero));
 }
 
+void Pipeline::Prepare(const ModuleCalibration& calibration, uint64_t index, StreamKind kind)
+{
+    if (loaded_ != &calibration || loadedType_ != Info(kind).type) {
+        loaded_ = nullptr;  // until Init has taken it
+        lib_ = &Configure(calibration, source_->Device(), kind);
+        loaded_ = &calibration;
+        loadedType_ = Info(kind).type;
+        halved_ = 0;
+    }
+    CatchUp(index, kind);
+}
+
 void Pipeline::CatchUp(uint64_t index, StreamKind kind)
 {
     const int target = Info(kind).type == qvapi::STREAM_SINGLE_FREQ ? 0 : HalvingsBefore(index);
     if (halved_ > target) {
-        lib_ = &Configure(source_->Calibration(), source_->Device(), kind);
+        const ModuleCalibration* calibration = loaded_;
+        loaded_ = nullptr;
+        lib_ = &Configure(*calibration, source_->Device(), kind);
+        loaded_ = calibration;
         halved_ = 0;
     }
     if (halved_ < target) {
@@ -502,13 +518,32 @@ void Pipeline::Process(uint64_t index, bool advance)
         for (const auto& [client, w] : wants_)
             wanted[w.decimate] |= w.blobs;
     }
-    // Binned and full frames share the full stream's Init, as in a live session.
-    if (!configured_ || Info(*configured_).type != s.type || Info(*configured_).width != s.width) {
-        const bool sameTables = configured_ && Info(*configured_).type == s.type;
-        if (!sameTables) {
-            lib_ = &Configure(source_->Calibration(), source_->Device(), f.kind);
-            halved_ = 0;
+    // B: the same capture with B's filter and calibration, converted as the serial run
+    // with B's settings converts it. A's results are kept when B fails. With two
+    // calibrations, the side whose calibration the library holds goes first: one Init a
+    // frame rather than two.
+    cv::Mat depthB;
+    std::string errorB;
+    double msB = 0;
+    const ModuleCalibration& calibrationB = settings.b.calibrationB ? *options_.calibrationB : source_->Calibration();
+    const auto convertB = [&] {
+        const Clock::time_point started = Clock::now();
+        try {
+            Prepare(calibrationB, f.index, f.kind);
+            depthB = Convert(f, settings.b.filter, settings.flip);
+        } catch (const std::exception& e) {
+            errorB = "frame " + std::to_string(f.index) + ", B: " + SingleLine(e.what());
         }
+        msB = Ms(started);
+    };
+    const bool bFirst = settings.ab && &calibrationB != &source_->Calibration() && loaded_ == &calibrationB;
+    if (bFirst)
+        convertB();
+
+    // Binned and full frames share the full stream's Init, as in a live session.
+    Clock::time_point t = Clock::now();
+    Prepare(source_->Calibration(), f.index, f.kind);
+    if (!configured_ || Info(*configured_).type != s.type || Info(*configured_).width != s.width) {
         // The rays of this size: the library's point of a depth of 1 mm at each pixel.
         const size_t n = static_cast<size_t>(s.width) * s.height;
         std::vector<uint16_t> ones(n, 1);
@@ -543,18 +578,7 @@ void Pipeline::Process(uint64_t index, bool advance)
     }
     std::map<std::string, double> stages;
 
-    Clock::time_point t = Clock::now();
-    CatchUp(f.index, f.kind);
-    lib_->OpenFilter(settings.filter);
-    lib_->SetFlipMode(settings.flip);
-    uint16_t* depth = nullptr;
-    const int32_t st = lib_->CalculateDepth(f.words->data(), &depth, s.width, s.height);
-    if (f.kind == StreamKind::Binned)
-        halved_ = std::min(halved_ + 1, 3);
-    const std::unique_ptr<uint16_t[]> ownedDepth(depth);
-    if (st != qvapi::STATUS_OK)
-        throw ToolError(StatusText(st));
-    out->depth = cv::Mat(s.height, s.width, CV_16UC1, depth).clone();
+    out->depth = Convert(f, settings.filter, settings.flip);
     stages["depth"] = Ms(t);
 
     t = Clock::now();
@@ -581,6 +605,13 @@ void Pipeline::Process(uint64_t index, bool advance)
         throw ToolError("the library gave no false colour");
     cv::cvtColor(cv::Mat(s.height, s.width, CV_8UC3, rgb), out->falseColour, cv::COLOR_RGB2BGR);
     stages["colour"] = Ms(t);
+
+    if (settings.ab) {
+        if (!bFirst)
+            convertB();
+        out->depthB = depthB;
+        stages["depth_b"] = msB;
+    }
 
     t = Clock::now();
     if (!wanted.empty())
@@ -618,8 +649,25 @@ void Pipeline::Process(uint64_t index, bool advance)
     std::lock_guard<std::mutex> lock(m_);
     for (const auto& [name, ms] : stages)
         Smooth(stagesMs_[name], ms);
+    if (!settings.ab)
+        stagesMs_.erase("depth_b");
     latest_ = std::move(out);
-    error_.clear();
+    error_ = errorB;
+}
+
+cv::Mat Pipeline::Convert(const SourceFrame& f, bool filter, qvapi::FlipMode flip)
+{
+    const StreamInfo& s = Info(f.kind);
+    lib_->OpenFilter(filter);
+    lib_->SetFlipMode(flip);
+    uint16_t* depth = nullptr;
+    const int32_t st = lib_->CalculateDepth(f.words->data(), &depth, s.width, s.height);
+    if (f.kind == StreamKind::Binned)
+        halved_ = std::min(halved_ + 1, 3);
+    const std::unique_ptr<uint16_t[]> owned(depth);
+    if (st != qvapi::STATUS_OK)
+        throw ToolError(StatusText(st));
+    return cv::Mat(s.height, s.width, CV_16UC1, depth).clone();
 }
 
 void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted)
@@ -633,7 +681,7 @@ void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>
     e->height = frame.depth.rows;
     e->calibrationId = frame.calibrationId;
     e->settingsVersion = frame.settingsVersion;
-    const FrameImages images{frame.depth, frame.falseColour, frame.ir, frame.colour, frame.registered};
+    const FrameImages images{frame.depth, frame.falseColour, frame.ir, frame.colour, frame.registered, frame.depthB};
     for (const auto& [decimate, mask] : wanted)
         e->blobs[decimate] = EncodeBlobs(images, decimate, mask);
     if (sink_)

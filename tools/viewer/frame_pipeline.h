@@ -45,6 +45,7 @@ struct ProcessedFrame {
     cv::Mat falseColour;  // BGR, Convert2RGB's picture
     cv::Mat colour;       // BGR 1920 x 1080 undistorted, empty without a colour frame
     cv::Mat registered;   // CV_16UC1 on the colour grid, empty without a colour frame
+    cv::Mat depthB;       // CV_16UC1, mm, with B's settings; empty with A/B off
     std::shared_ptr<const std::vector<float>> rays;  // rayX, rayY, rayZ per pixel
 };
 
@@ -61,6 +62,7 @@ struct EncodedFrame {
 struct PipelineOptions {
     double fps = 30.0;
     std::string recordDir = ".";
+    std::optional<ModuleCalibration> calibrationB;  // --calib-b, for A/B
 };
 
 class Pipeline {
@@ -104,6 +106,8 @@ private:
     void Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted);
     void Finish(uint64_t upToTicket);
     uint64_t WrapIndex(int64_t index) const;
+    // Frame f's depth with the library as prepared, the filter on or off.
+    cv::Mat Convert(const SourceFrame& f, bool filter, qvapi::FlipMode flip);
 
     std::unique_ptr<Source> source_;
     PipelineOptions options_;
@@ -139,9 +143,13 @@ private:
     uint64_t recordFrames_ = 0;
     uint64_t recordLastTime_ = 0;
 
-    // Pipeline thread only.
+    // Pipeline thread only. The library has one instance per process: A and B share it,
+    // and it is initialised again whenever the calibration that converts next is not
+    // the one it holds (with A/B on and two calibrations, twice a frame).
     qvapi::Reconstruction* lib_ = nullptr;
     std::optional<StreamKind> configured_;
+    const ModuleCalibration* loaded_ = nullptr;  // the calibration lib_ was initialised with
+    std::optional<qvapi::StreamType> loadedType_;
     // The library halves its amplitude threshold on every binned frame until the next
     // Init. Each frame is converted as `qvrecon depth` converts it in the serial run of
     // the source's frames, whatever was shown before (a seek, a step back, a frame shown
@@ -156,6 +164,9 @@ private:
         std::map<uint64_t, StreamKind> seen;  // kinds of frames read, beyond `scanned`
     } scan_;
     int HalvingsBefore(uint64_t index);
+    // Makes the library hold `calibration` for the stream of `kind`, with the threshold
+    // the serial run has before frame `index`.
+    void Prepare(const ModuleCalibration& calibration, uint64_t index, StreamKind kind);
     void CatchUp(uint64_t index, StreamKind kind);
     std::vector<std::array<uint8_t, 3>> colourBar_;
 };

@@ -374,7 +374,7 @@ private:
                     while (b < kBlobNames.size() && !(name.is_string() && name == kBlobNames[b]))
                         ++b;
                     if (b == kBlobNames.size())
-                        return "unknown blob (depth, false_colour, ir, colour, registered)";
+                        return "unknown blob (depth, false_colour, ir, colour, registered, depth_b)";
                     next.blobs |= 1u << b;
                 }
             } else {

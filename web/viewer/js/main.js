@@ -18,6 +18,7 @@ import { RecordPanel } from './panels/record.js';
 import { NoisePanel } from './panels/noise.js';
 import { ValidityPanel } from './panels/validity.js';
 import { RoiPanel } from './panels/roi.js';
+import { AbPanel } from './panels/ab.js';
 
 // What the panels share: the newest frame, the colour bar, the settings, the rays (as
 // arrays for the read-outs and as textures for the shaders).
@@ -52,6 +53,7 @@ const controls = new ControlsPanel(side, {
   onSettings: (s) => {
     view.settings = s;
     if (view.colors) depth.legend(view.colors, s.range);
+    ab.show(s);
   },
   onDecimate: (f) => stream.setOptions({ decimate: f }),
 });
@@ -67,8 +69,9 @@ const cloud = new CloudPanel(grid, view);
 const noise = new NoisePanel(grid, view, { onWindow: (frames) => stream.setDecoding({ noiseFrames: frames }) });
 const validity = new ValidityPanel(grid, view);
 const roi = new RoiPanel(grid, depth);
+const ab = new AbPanel(grid, view, { onSettings: (s) => controls.show(s) });
 // The cloud and the overlay upload the pictures before the picture panels take them.
-const framePanels = [cloud, registered, depth, ir, colour, noise, validity, roi];
+const framePanels = [cloud, registered, depth, ir, colour, noise, validity, roi, ab];
 
 // The worker decodes only what the panels in sight draw (depth always: the read-outs);
 // the cloud's colouring names its own.
@@ -80,6 +83,7 @@ function decoding() {
   if (registered.visible) blobs.add('registered').add('colour');
   if (cloud.visible && cloud.mode.value === 'ir') blobs.add('ir');
   if (cloud.visible && cloud.mode.value === 'colour') blobs.add('registered').add('colour');
+  if (ab.visible) blobs.add('depth_b');
   return { blobs: [...blobs], noise: noise.visible };
 }
 // A panel come into sight gets the newest frame decoded again, with what it draws (a
@@ -120,6 +124,7 @@ function onStatus(s) {
   playback.status(s);
   record.status(s);
   controls.readOnly(!!s.read_only);
+  ab.status(s);
   const changed = JSON.stringify(s.settings) !== JSON.stringify(view.settings);
   if (s.settings && changed) controls.show(s.settings);
 }
