@@ -31,8 +31,8 @@ npm_packages "$dir"
 if [ -n "${QV_VIEWER_INPUTS:-}" ] && [ -z "${QV_VIEWER_SERVER:-}" ]; then
     inputs=$(mktemp -d "${TMPDIR:-/tmp}/qv-browser.XXXXXX") || exit 1
     trap 'rm -rf "$inputs"' EXIT
-    # Six frames of a boxes scene at different distances, with colour.
-    "$QV_VIEWER_INPUTS" "$inputs" 6 || exit 1
+    # Five frames of a boxes scene at different distances, with colour.
+    "$QV_VIEWER_INPUTS" "$inputs" 5 --session-only || exit 1
     export QV_VIEWER_RECORDING=$inputs/session.mcap
 fi
 [ $# -gt 0 ] || set -- ./*.test.mjs

@@ -2,7 +2,8 @@
 // at different distances, each as a raw file (capture_K.raw, for `qvrecon depth`) and
 // all of them, with a colour frame each, as one recording (session.mcap); and a
 // recording of binned and full frames of a scene with a dark patch (mixed.mcap), whose
-// depth depends on the binned frames before each.
+// depth depends on the binned frames before each. With --session-only, session.mcap
+// alone (the browser tests' recording).
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -15,8 +16,9 @@
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s FOLDER FRAMES\n", argv[0]);
+    const bool sessionOnly = argc == 4 && std::string(argv[3]) == "--session-only";
+    if (argc != 3 && !sessionOnly) {
+        std::fprintf(stderr, "usage: %s FOLDER FRAMES [--session-only]\n", argv[0]);
         return 2;
     }
     const std::string folder = argv[1];
@@ -35,8 +37,9 @@ int main(int argc, char** argv)
         sensor.seed = static_cast<uint32_t>(k + 1);
         sensor.temperatureC = 30.0 + k;
         const qvsim::Capture cap = qvsim::SimulateCapture(cal.full, scene, sensor);
-        std::ofstream(folder + "/capture_" + std::to_string(k) + ".raw", std::ios::binary)
-            .write(reinterpret_cast<const char*>(cap.raw.data()), static_cast<std::streamsize>(cap.raw.size() * 2));
+        if (!sessionOnly)
+            std::ofstream(folder + "/capture_" + std::to_string(k) + ".raw", std::ios::binary)
+                .write(reinterpret_cast<const char*>(cap.raw.data()), static_cast<std::streamsize>(cap.raw.size() * 2));
         qvapi::CaptureFrame c;
         c.width = cap.width;
         c.height = cap.height;
@@ -54,10 +57,10 @@ int main(int argc, char** argv)
     if (st.ok())
         st = writer.Close();
     qvapi::RecordingWriter mixed;
-    if (st.ok())
+    if (st.ok() && !sessionOnly)
         st = mixed.Open(folder + "/mixed.mcap", setup, {});
     const bool binned[] = {true, false, true, true, false};
-    for (int k = 0; st.ok() && k < 5; ++k) {
+    for (int k = 0; st.ok() && !sessionOnly && k < 5; ++k) {
         qvsim::SceneSpec scene;
         scene.kind = qvsim::SceneKind::Boxes;
         scene.darkPatch = true;  // amplitudes between the halved thresholds
@@ -75,7 +78,7 @@ int main(int argc, char** argv)
         c.sequence = static_cast<uint64_t>(k);
         st = mixed.WriteCapture(c);
     }
-    if (st.ok())
+    if (st.ok() && !sessionOnly)
         st = mixed.Close();
     if (!st.ok()) {
         std::fprintf(stderr, "%s\n", st.message.c_str());
