@@ -28,7 +28,8 @@ export const serverKind = process.env.QV_VIEWER_SERVER ? 'other' : recording ? '
 const WAIT_LIMIT_MS = 180000;
 
 export function serverCommand() {
-  if (process.env.QV_VIEWER_SERVER) return process.env.QV_VIEWER_SERVER;
+  // (exec: the shell becomes the server, which then gets the stop's SIGTERM itself.)
+  if (process.env.QV_VIEWER_SERVER) return `exec ${process.env.QV_VIEWER_SERVER}`;
   const assets = process.env.QV_VIEWER_ASSETS;
   if (!assets) throw new Error('QV_VIEWER_ASSETS (the assembled page) or QV_VIEWER_SERVER must be set');
   const q = JSON.stringify;
@@ -94,9 +95,13 @@ export function startServer(command = serverCommand()) {
         url: m[1],
         origin: url.origin,
         token: url.searchParams.get('token'),
-        stop: () => new Promise((done) => {
-          if (child.exitCode !== null) return done();
-          child.once('exit', done);
+        // Stops the server; fails unless it ends cleanly (status 0), e.g. when a
+        // sanitizer found a fault or a leak in the real server.
+        stop: () => new Promise((done, fail) => {
+          const ended = () => (child.exitCode === 0 ? done()
+            : fail(new Error(`the server ended with ${child.exitCode ?? child.signalCode}`)));
+          if (child.exitCode !== null || child.signalCode !== null) return ended();
+          child.once('exit', ended);
           child.kill('SIGTERM');
         }),
       });
