@@ -1,23 +1,82 @@
-// What the browser tests share: the server under test, headless Chromium, and a page
-// that records every console error and page error.
+// What the browser tests share: the server under test, headless Chromium, a page that
+// records every console error and page error, and the library's own outputs of a frame.
 //
-// The server is the mock (mock_server.mjs, serving QV_VIEWER_ASSETS) unless
-// QV_VIEWER_SERVER gives a command, e.g.
+// The server is the mock (mock_server.mjs, serving QV_VIEWER_ASSETS); or, when QVRECON
+// and QV_VIEWER_RECORDING are set (run.sh sets the recording), the real `qvrecon view`
+// playing that recording with the same page; or the command QV_VIEWER_SERVER gives, e.g.
 //   QV_VIEWER_SERVER="build/bin/qvrecon view rec.mcap --listen 127.0.0.1:0"
-// Either prints "qvrecon view: URL" as its first line naming the address.
-import { spawn } from 'node:child_process';
+// Each prints "qvrecon view: URL" as its first line naming the address.
+import { execFile, spawn } from 'node:child_process';
+import fs from 'node:fs';
+import os from 'node:os';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
+import { promisify } from 'node:util';
 import { chromium } from 'playwright-core';
+import { decodePng } from './png.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
+const recording = process.env.QVRECON && process.env.QV_VIEWER_RECORDING ? process.env.QV_VIEWER_RECORDING : null;
+
+// 'mock', 'real' (qvrecon view of the test recording, whose frames the library's tool
+// can convert too) or 'other' (QV_VIEWER_SERVER).
+export const serverKind = process.env.QV_VIEWER_SERVER ? 'other' : recording ? 'real' : 'mock';
+
+// How long a wait for a condition of the page or the server may last before the test
+// fails. It only keeps a broken page from hanging the suite, so it is generous: the
+// real server under a sanitizer, beside other tests on two cores, takes seconds a frame.
+const WAIT_LIMIT_MS = 180000;
 
 export function serverCommand() {
-  if (process.env.QV_VIEWER_SERVER) return process.env.QV_VIEWER_SERVER;
+  // (exec: the shell becomes the server, which then gets the stop's SIGTERM itself.)
+  if (process.env.QV_VIEWER_SERVER) return `exec ${process.env.QV_VIEWER_SERVER}`;
   const assets = process.env.QV_VIEWER_ASSETS;
   if (!assets) throw new Error('QV_VIEWER_ASSETS (the assembled page) or QV_VIEWER_SERVER must be set');
-  return `exec node ${JSON.stringify(path.join(here, 'mock_server.mjs'))} --assets ${JSON.stringify(assets)} ` +
-    '--listen 127.0.0.1:0';
+  const q = JSON.stringify;
+  if (recording) {
+    // The page's recordings go beside the test recording, into run.sh's temporary folder.
+    return `exec ${q(process.env.QVRECON)} view ${q(recording)} --listen 127.0.0.1:0 --assets ${q(assets)} ` +
+      `--record-dir ${q(path.dirname(recording))}`;
+  }
+  return `exec node ${q(path.join(here, 'mock_server.mjs'))} --assets ${q(assets)} --listen 127.0.0.1:0`;
+}
+
+// The library's outputs of frame k of the recording the real server plays, made by
+// `qvrecon depth REC --start k --end k`: {bytes, png} of the 16-bit depth PNG and
+// points (x, y, z of every pixel, row by row, NaN without depth, from the organised
+// PLY). Null against any other server: the mock's frames are not the library's.
+export async function toolFrame(k) {
+  if (serverKind !== 'real') return null;
+  const out = fs.mkdtempSync(path.join(os.tmpdir(), 'qv-tool-'));
+  try {
+    await promisify(execFile)(process.env.QVRECON, ['depth', recording, '--start', String(k), '--end', String(k),
+      '--outputs', 'depth', 'ply', '--ply-layout', 'organised', '--out', out]);
+    const stem = `${path.basename(recording, '.mcap')}_${String(k).padStart(6, '0')}`;
+    const bytes = fs.readFileSync(path.join(out, `${stem}_depth.png`));
+    const png = decodePng(bytes);
+    return { bytes, png, points: readOrganisedPly(fs.readFileSync(path.join(out, `${stem}.ply`)), png.width * png.height) };
+  } finally {
+    fs.rmSync(out, { recursive: true, force: true });
+  }
+}
+
+// The x, y, z of every vertex of an organised binary little-endian PLY of n vertices
+// (float x, y, z first, then perhaps red, green and blue bytes).
+function readOrganisedPly(buf, n) {
+  const end = buf.indexOf('end_header\n');
+  const header = buf.subarray(0, end).toString('latin1');
+  const properties = [...header.matchAll(/^property (\w+) (\w+)$/gm)].map((m) => [m[1], m[2]]);
+  const sizes = { float: 4, uchar: 1 };
+  const stride = properties.reduce((a, [type]) => a + (sizes[type] ?? NaN), 0);
+  if (!header.startsWith('ply\nformat binary_little_endian 1.0\n') || !header.includes(`\nelement vertex ${n}\n`) ||
+      properties.slice(0, 3).join() !== 'float,x,float,y,float,z' || !stride) {
+    throw new Error(`not an organised PLY of ${n} points: ${header}`);
+  }
+  const body = buf.subarray(end + 'end_header\n'.length);
+  if (body.length !== stride * n) throw new Error(`PLY body of ${body.length} bytes for ${n} points`);
+  const points = new Float32Array(3 * n);
+  for (let i = 0; i < n; i++) for (let k = 0; k < 3; k++) points[3 * i + k] = body.readFloatLE(i * stride + 4 * k);
+  return points;
 }
 
 // Starts the server; resolves to {url, origin, token, stop()} once it prints its address.
@@ -36,9 +95,13 @@ export function startServer(command = serverCommand()) {
         url: m[1],
         origin: url.origin,
         token: url.searchParams.get('token'),
-        stop: () => new Promise((done) => {
-          if (child.exitCode !== null) return done();
-          child.once('exit', done);
+        // Stops the server; fails unless it ends cleanly (status 0), e.g. when a
+        // sanitizer found a fault or a leak in the real server.
+        stop: () => new Promise((done, fail) => {
+          const ended = () => (child.exitCode === 0 ? done()
+            : fail(new Error(`the server ended with ${child.exitCode ?? child.signalCode}`)));
+          if (child.exitCode !== null || child.signalCode !== null) return ended();
+          child.once('exit', ended);
           child.kill('SIGTERM');
         }),
       });
@@ -63,6 +126,8 @@ export async function launchBrowser() {
 // A page of the viewer; problems collects console errors and uncaught page errors.
 export async function openViewer(browser, server, viewport = { width: 1600, height: 1000 }) {
   const page = await browser.newPage({ viewport });
+  // Clicks and loads wait for the page as long as until() waits for a condition.
+  page.setDefaultTimeout(WAIT_LIMIT_MS);
   const problems = [];
   page.on('console', (m) => { if (m.type() === 'error') problems.push(`console: ${m.text()}`); });
   page.on('pageerror', (e) => problems.push(`page error: ${e.message}`));
@@ -80,9 +145,15 @@ export async function api(server, pathName, body) {
   return response;
 }
 
-// Polls until check() gives a truthy value (a condition, not a measured time; the
-// limit only keeps a broken page from hanging the suite).
-export async function until(check, what, limitMs = 30000) {
+// Moves a paused recording to frame k with the page's seek control, and waits until
+// the page shows that frame.
+export async function seekWithPage(page, k) {
+  await page.$eval('#seek', (e, to) => { e.value = String(to); e.dispatchEvent(new Event('change')); }, k);
+  await until(() => page.evaluate((to) => document.body.dataset.frameIndex === String(to), k), `frame ${k} after a seek`);
+}
+
+// Polls until check() gives a truthy value (a condition, not a measured time).
+export async function until(check, what, limitMs = WAIT_LIMIT_MS) {
   const end = Date.now() + limitMs;
   for (;;) {
     const value = await check();

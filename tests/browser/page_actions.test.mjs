@@ -1,11 +1,13 @@
-// What the page's controls do, in headless Chromium against the server (the mock by
-// default): the snapshot's four files name one frame and hold its data, record start
+// What the page's controls do, in headless Chromium against the server (the mock, or
+// the real `qvrecon view` of a recording): a snapshot of a frame sought with the page's
+// control gives four files naming that frame and holding its data (against the real
+// server, the depth PNG of `qvrecon depth` of that frame, byte for byte), record start
 // and stop post to the server and show its state, a dragged region of interest gives
 // the depth's figures and draws its plots, the cloud's colourings draw, and the
 // decimation reaches the server and keeps the read-out exact. Any console error fails.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { api, canvasStatistics, launchBrowser, openViewer, startServer, until } from './harness.mjs';
+import { api, canvasStatistics, launchBrowser, openViewer, seekWithPage, startServer, toolFrame, until } from './harness.mjs';
 import { decodePng } from './png.mjs';
 
 let server;
@@ -34,12 +36,15 @@ async function pausedFrame() {
 
 async function depthOfServer() {
   const response = await api(server, '/api/frame/depth.png');
-  return { index: response.headers.get('X-Frame-Index'), png: decodePng(Buffer.from(await response.arrayBuffer())) };
+  const bytes = Buffer.from(await response.arrayBuffer());
+  return { index: response.headers.get('X-Frame-Index'), bytes, png: decodePng(bytes) };
 }
 
-test('a snapshot downloads depth, colour, points and metadata of one frame', async () => {
+test('a snapshot of a frame sought from the page downloads its depth, colour, points and metadata', async () => {
   const { page, problems } = viewer;
-  const index = await pausedFrame();
+  const shown = await pausedFrame();
+  const index = shown === 3 ? 4 : 3;
+  await seekWithPage(page, index);
   const downloads = [];
   const onDownload = (d) => downloads.push(d);
   page.on('download', onDownload);
@@ -54,13 +59,17 @@ test('a snapshot downloads depth, colour, points and metadata of one frame', asy
     for await (const c of await d.createReadStream()) chunks.push(c);
     return Buffer.concat(chunks);
   };
-  // The files are the server's parts of that frame.
+  // The files are the server's parts of that frame; against the real server, the
+  // depth is the library's, as `qvrecon depth` writes it.
   const server16 = await depthOfServer();
   assert.equal(server16.index, String(index));
-  const saved = decodePng(await file('depth.png'));
+  const savedBytes = await file('depth.png');
+  const saved = decodePng(savedBytes);
   assert.equal(saved.bitDepth, 16);
   assert.deepEqual([saved.width, saved.height], [server16.png.width, server16.png.height]);
-  assert.ok(Buffer.from(saved.data.buffer).equals(Buffer.from(server16.png.data.buffer)), 'the depth PNG is the server\'s');
+  assert.ok(savedBytes.equals(server16.bytes), 'the depth PNG is the server\'s');
+  const tool = await toolFrame(index);
+  if (tool) assert.ok(savedBytes.equals(tool.bytes), `the depth PNG is qvrecon depth's of frame ${index}`);
   const meta = JSON.parse((await file('meta.json')).toString('utf8'));
   assert.equal(meta.index, index);
   assert.match((await file('cloud.ply')).subarray(0, 4).toString('latin1'), /^ply/);

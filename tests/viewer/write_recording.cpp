@@ -4,6 +4,7 @@
 // recording of binned and full frames of a scene with a dark patch (mixed.mcap), whose
 // depth depends on the binned frames before each; and a second calibration of the
 // module whose distances are 30 mm longer (calib_b.yaml, B of the A/B comparison).
+// With --session-only, session.mcap alone (the browser tests' recording).
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -16,8 +17,9 @@
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s FOLDER FRAMES\n", argv[0]);
+    const bool sessionOnly = argc == 4 && std::string(argv[3]) == "--session-only";
+    if (argc != 3 && !sessionOnly) {
+        std::fprintf(stderr, "usage: %s FOLDER FRAMES [--session-only]\n", argv[0]);
         return 2;
     }
     const std::string folder = argv[1];
@@ -40,8 +42,9 @@ int main(int argc, char** argv)
         sensor.seed = static_cast<uint32_t>(k + 1);
         sensor.temperatureC = 30.0 + k;
         const qvsim::Capture cap = qvsim::SimulateCapture(cal.full, scene, sensor);
-        std::ofstream(folder + "/capture_" + std::to_string(k) + ".raw", std::ios::binary)
-            .write(reinterpret_cast<const char*>(cap.raw.data()), static_cast<std::streamsize>(cap.raw.size() * 2));
+        if (!sessionOnly)
+            std::ofstream(folder + "/capture_" + std::to_string(k) + ".raw", std::ios::binary)
+                .write(reinterpret_cast<const char*>(cap.raw.data()), static_cast<std::streamsize>(cap.raw.size() * 2));
         qvapi::CaptureFrame c;
         c.width = cap.width;
         c.height = cap.height;
@@ -59,10 +62,10 @@ int main(int argc, char** argv)
     if (st.ok())
         st = writer.Close();
     qvapi::RecordingWriter mixed;
-    if (st.ok())
+    if (st.ok() && !sessionOnly)
         st = mixed.Open(folder + "/mixed.mcap", setup, {});
     const bool binned[] = {true, false, true, true, false};
-    for (int k = 0; st.ok() && k < 5; ++k) {
+    for (int k = 0; st.ok() && !sessionOnly && k < 5; ++k) {
         qvsim::SceneSpec scene;
         scene.kind = qvsim::SceneKind::Boxes;
         scene.darkPatch = true;  // amplitudes between the halved thresholds
@@ -80,7 +83,7 @@ int main(int argc, char** argv)
         c.sequence = static_cast<uint64_t>(k);
         st = mixed.WriteCapture(c);
     }
-    if (st.ok())
+    if (st.ok() && !sessionOnly)
         st = mixed.Close();
     if (!st.ok()) {
         std::fprintf(stderr, "%s\n", st.message.c_str());

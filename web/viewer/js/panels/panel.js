@@ -100,6 +100,8 @@ export class ImagePanel extends Panel {
     const at = this.locate(u, v);
     if (!at) return;
     this.readout.textContent = at.text;
+    // A pixel without depth has no X, Y, Z: none of the last pixel's may stay.
+    for (const k of Object.keys(this.readout.dataset)) if (!(k in at.data)) delete this.readout.dataset[k];
     for (const [k, value] of Object.entries(at.data)) this.readout.dataset[k] = String(value);
   }
 }
