@@ -387,10 +387,14 @@ public:
 
     Json Figures() const
     {
-        return {{"id", id_},           {"sent", sent_},
-                {"dropped", dropped_}, {"bytes", bytes_},
-                {"pending", pending_ != nullptr}, {"decimate", wants_.decimate},
-                {"auto", auto_.has_value()}, {"credit", credit_ ? Json(*credit_) : Json(nullptr)}};
+        return {{"id", id_},
+                {"sent", sent_},
+                {"dropped", dropped_},
+                {"bytes", bytes_},
+                {"pending", pending_ != nullptr},
+                {"decimate", wants_.decimate},
+                {"auto", auto_.has_value()},
+                {"credit", credit_ ? Json(*credit_) : Json(nullptr)}};
     }
     uint64_t Dropped() const { return dropped_; }
 
