@@ -15,7 +15,11 @@
 // composites in software instead (what a board's or laptop's GPU would spare).
 //
 // Displayed frames are counted as changes of the page's data-frame-index (set once a
-// frame is drawn).
+// frame is drawn). CPU time (user + system, from /proc) of Chromium's processes and of
+// the server's is reported per displayed frame: on a loaded machine it moves much less
+// than the rates do. --trace FILE writes a Chromium trace of the measured seconds, and
+// prints the busiest threads' time per displayed frame.
+import fs from 'node:fs';
 import path from 'node:path';
 import { pathToFileURL } from 'node:url';
 
@@ -27,6 +31,49 @@ const browserDir = path.resolve(args['browser-dir'] || 'build/browser');
 const seconds = Number(args.seconds || 10);
 const [vw, vh] = (args.viewport || '1600x1000').split('x').map(Number);
 process.env.QV_VIEWER_ASSETS ||= path.resolve(browserDir, '../share/qvreconstruction/viewer');
+
+// CPU seconds of every thread of Chromium's processes: "process-type/thread-name" -> s.
+function browserThreads() {
+  const out = {};
+  for (const pid of fs.readdirSync('/proc').filter((d) => /^\d+$/.test(d))) {
+    try {
+      const cmd = fs.readFileSync(`/proc/${pid}/cmdline`, 'utf8');
+      if (!/chrom/.test(cmd.split('\0')[0])) continue;
+      const type = (cmd.match(/--type=([a-z-]+)/) || [null, 'browser'])[1];
+      for (const tid of fs.readdirSync(`/proc/${pid}/task`)) {
+        const stat = fs.readFileSync(`/proc/${pid}/task/${tid}/stat`, 'utf8');
+        const name = stat.slice(stat.indexOf('(') + 1, stat.lastIndexOf(')')).replace(/\d+$/, 'N');
+        const f = stat.slice(stat.lastIndexOf(')') + 2).split(' ');
+        const key = `${type}/${name}`;
+        out[key] = (out[key] || 0) + (Number(f[11]) + Number(f[12])) / 100;
+      }
+    } catch { /* gone meanwhile */ }
+  }
+  return out;
+}
+
+// CPU seconds of this process's descendants, Chromium's and the server's apart.
+function cpuSeconds() {
+  const tick = 100; // USER_HZ on Linux
+  const procs = new Map();
+  for (const pid of fs.readdirSync('/proc').filter((d) => /^\d+$/.test(d))) {
+    try {
+      const stat = fs.readFileSync(`/proc/${pid}/stat`, 'utf8');
+      const f = stat.slice(stat.lastIndexOf(')') + 2).split(' ');
+      const cmd = fs.readFileSync(`/proc/${pid}/cmdline`, 'utf8');
+      procs.set(Number(pid), { ppid: Number(f[1]), cpu: (Number(f[11]) + Number(f[12])) / tick, cmd });
+    } catch { /* gone meanwhile */ }
+  }
+  const out = { browser: 0, server: 0 };
+  for (const [pid, p] of procs) {
+    let up = p.ppid;
+    while (up > 1 && up !== process.pid) up = procs.get(up)?.ppid ?? 0;
+    if (up !== process.pid || pid === process.pid) continue;
+    if (/chrom/.test(p.cmd)) out.browser += p.cpu;
+    else if (!/^\/bin\/sh/.test(p.cmd)) out.server += p.cpu;
+  }
+  return out;
+}
 
 const harness = await import(pathToFileURL(path.join(browserDir, 'harness.mjs')).href);
 const server = await harness.startServer();
@@ -80,9 +127,17 @@ try {
   // Warm up until frames flow, then measure.
   await harness.until(() => page.evaluate(() => window.qvBenchShown > 3), 'frames on the page', 60000);
   await new Promise((r) => setTimeout(r, 2000));
+  if (args.trace) {
+    await browser.startTracing(page, { path: args.trace, categories: ['toplevel', 'disabled-by-default-devtools.timeline', 'devtools.timeline', 'v8', 'gpu', 'cc', 'viz', 'blink'] });
+  }
   const start = await sample();
+  const cpuStart = cpuSeconds();
+  const threadsStart = browserThreads();
   await new Promise((r) => setTimeout(r, seconds * 1000));
   const end = await sample();
+  const cpuEnd = cpuSeconds();
+  const threadsEnd = browserThreads();
+  if (args.trace) await browser.stopTracing();
   const span = (end.at - start.at) / 1000;
   const received = end.frames - start.frames;
   const shown = end.shown - start.shown;
@@ -97,10 +152,60 @@ try {
     megabytes_per_second: Number(((end.bytes - start.bytes) / span / 1e6).toFixed(2)),
     kilobytes_per_frame: received ? Number(((end.bytes - start.bytes) / received / 1e3).toFixed(0)) : null,
     slowest_panels_ms: panelTimes,
+    browser_cpu_ms_per_displayed: shown ? Math.round((1000 * (cpuEnd.browser - cpuStart.browser)) / shown) : null,
+    server_cpu_ms_per_displayed: shown ? Math.round((1000 * (cpuEnd.server - cpuStart.server)) / shown) : null,
+    browser_cpu_share: Number(((cpuEnd.browser - cpuStart.browser) / span).toFixed(2)),
+    worker_ms: await page.evaluate(() => window.qvViewerCounters?.workerMs),
+    // Chromium's busiest threads (from /proc), CPU ms per displayed frame.
+    browser_threads_ms_per_displayed: Object.fromEntries(Object.entries(threadsEnd)
+      .map(([k, v]) => [k, v - (threadsStart[k] || 0)]).sort((a, b) => b[1] - a[1]).slice(0, 8)
+      .map(([k, v]) => [k, shown ? Math.round((1000 * v) / shown) : null])),
     errors,
   };
+  if (args.trace) out.threads_ms_per_displayed = busiestThreads(args.trace, shown);
   console.log(JSON.stringify(out, null, 2));
 } finally {
   await browser.close();
   await server.stop();
+}
+
+// Thread CPU time (the trace's top-level slices) per displayed frame, busiest first.
+function busiestThreads(file, shown) {
+  const events = JSON.parse(fs.readFileSync(file, 'utf8')).traceEvents;
+  const names = new Map();
+  const busy = new Map();
+  for (const e of events) {
+    const key = `${e.pid}/${e.tid}`;
+    if (e.ph === 'M' && e.name === 'thread_name') names.set(key, e.args.name);
+    if (e.ph === 'M' && e.name === 'process_name') names.set(`${e.pid}`, e.args.name);
+  }
+  // Only the outermost complete slices of each thread, so that nested ones do not count twice.
+  const byThread = new Map();
+  for (const e of events) {
+    if (e.ph !== 'X' || !e.dur) continue;
+    const key = `${e.pid}/${e.tid}`;
+    if (!byThread.has(key)) byThread.set(key, []);
+    byThread.get(key).push(e);
+  }
+  const top = {};
+  for (const [key, list] of byThread) {
+    list.sort((a, b) => a.ts - b.ts || b.dur - a.dur);
+    let end = -Infinity;
+    let total = 0;
+    const slices = new Map();
+    for (const e of list) {
+      if (e.ts >= end) {
+        total += e.tdur ?? e.dur;
+        slices.set(e.name, (slices.get(e.name) || 0) + (e.tdur ?? e.dur));
+        end = e.ts + e.dur;
+      }
+    }
+    busy.set(key, total);
+    const biggest = [...slices].sort((a, b) => b[1] - a[1]).slice(0, 3)
+      .map(([n, us]) => `${n} ${(us / 1000 / shown).toFixed(1)}`).join(', ');
+    top[key] = biggest;
+  }
+  return Object.fromEntries([...busy].sort((a, b) => b[1] - a[1]).slice(0, 8).map(([key, us]) => [
+    `${names.get(key.split('/')[0]) || key.split('/')[0]}/${names.get(key) || key.split('/')[1]}`,
+    `${(us / 1000 / shown).toFixed(1)} ms (${top[key]})`]));
 }

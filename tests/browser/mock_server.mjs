@@ -365,7 +365,8 @@ server.on('upgrade', (req, socket) => {
   socket.write('HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n' +
     `Sec-WebSocket-Accept: ${accept}\r\n\r\n`);
   socket.setNoDelay(true);
-  const client = { socket, decimate: 1, blobs: null, dropped: 0, pending: null, buf: Buffer.alloc(0) };
+  const client = { socket, decimate: 1, blobs: null, dropped: 0, pending: null, buf: Buffer.alloc(0),
+    sent: 0, bytes: 0, credit: null, auto: null };
   state.clients.add(client);
   wsSend(client, 1, Buffer.from(JSON.stringify({ type: 'status', ...status() })));
   socket.on('data', (chunk) => { client.buf = Buffer.concat([client.buf, chunk]); readMessages(client); });
@@ -403,32 +404,78 @@ function readMessages(client) {
     if (opcode === 8) { wsSend(client, 8, Buffer.alloc(0)); client.socket.end(); return; }
     if (opcode === 9) wsSend(client, 10, payload);
     if (opcode === 1) {
-      try {
-        const o = JSON.parse(payload.toString('utf8'));
-        if (o.type === 'options') {
-          if ([1, 2, 4].includes(o.decimate)) client.decimate = o.decimate;
-          if (Array.isArray(o.blobs)) client.blobs = o.blobs;
-          sendFrame(client);
-        }
-      } catch { /* a malformed message is ignored */ }
+      const error = applyMessage(client, payload.toString('utf8'));
+      if (error) wsSend(client, 1, Buffer.from(JSON.stringify({ type: 'error', error })));
     }
   }
 }
 
-// One pending slot per client: a frame that finds the previous one still unsent
-// replaces it and counts as dropped.
+// {"type": "options", "decimate": 1|2|4|"auto", "blobs": [...]} or {"type": "credit",
+// "frames": 1..16}, checked as the real server checks them; "" when applied.
+function applyMessage(client, text) {
+  let o;
+  try { o = JSON.parse(text); } catch { return 'a message is a JSON object'; }
+  if (typeof o !== 'object' || o === null || Array.isArray(o)) return 'a message is a JSON object';
+  if (o.type === 'credit') {
+    if (Object.keys(o).some((k) => k !== 'type' && k !== 'frames')) return 'unknown key in credit (frames)';
+    if (!Number.isInteger(o.frames) || o.frames < 1 || o.frames > 16) return 'credit takes frames: 1 to 16';
+    client.credit = Math.min((client.credit ?? 0) + o.frames, 16);
+    flush(client);
+    return '';
+  }
+  if (o.type !== 'options') return 'unknown message type (options, credit)';
+  if (o.decimate !== undefined && o.decimate !== 'auto' && ![1, 2, 4].includes(o.decimate)) return 'decimate takes 1, 2, 4 or "auto"';
+  if (o.blobs !== undefined && !Array.isArray(o.blobs)) return 'blobs takes a list of names';
+  if (o.decimate === 'auto') client.auto ||= { history: 0, observed: 0, finerAfter: 0 };
+  else if (o.decimate !== undefined) { client.auto = null; client.decimate = o.decimate; }
+  if (o.blobs) client.blobs = o.blobs;
+  sendFrame(client);
+  return '';
+}
+
+// Automatic decimation, as the server does it: coarser when half of the last eight
+// frames found the previous one still unsent, finer after 32 frames that did not and
+// 4 s since the last move coarser.
+function observeLink(client) {
+  const a = client.auto;
+  a.history = ((a.history << 1) | (client.socket.writableLength > 0 ? 1 : 0)) >>> 0;
+  a.observed++;
+  const steps = [1, 2, 4];
+  const at = steps.indexOf(client.decimate);
+  let late = 0;
+  for (let i = 0; i < 8; i++) late += (a.history >> i) & 1;
+  if (a.observed >= 8 && late >= 4 && at < 2) {
+    Object.assign(a, { history: 0, observed: 0, finerAfter: Date.now() + 4000 });
+    client.decimate = steps[at + 1];
+  } else if (a.observed >= 32 && a.history === 0 && at > 0 && Date.now() >= a.finerAfter) {
+    Object.assign(a, { history: 0, observed: 0 });
+    client.decimate = steps[at - 1];
+  }
+}
+
+// One pending slot per client: a frame that finds the previous one still unsent, or
+// the client without credit (once it gives credit), replaces it and counts as dropped.
 function sendFrame(client) {
-  if (client.pending) { client.dropped++; state.dropped++; }
+  if (client.pending !== null) { client.dropped++; state.dropped++; }
   client.pending = state.index;
   flush(client);
 }
 function flush(client) {
-  if (client.pending === null || client.socket.writableLength > 0) return;
+  if (client.pending === null || client.socket.writableLength > 0 || client.credit === 0) return;
   const k = client.pending;
   client.pending = null;
-  wsSend(client, 2, frameMessage(encodedFrame(k, client.decimate), client.blobs));
+  if (client.credit !== null) client.credit--;
+  const message = frameMessage(encodedFrame(k, client.decimate), client.blobs);
+  client.sent++;
+  client.bytes += message.length;
+  wsSend(client, 2, message);
 }
-function broadcastFrame() { for (const c of state.clients) sendFrame(c); }
+function broadcastFrame() {
+  for (const c of state.clients) {
+    if (c.auto) observeLink(c);
+    sendFrame(c);
+  }
+}
 
 let carry = 0;
 setInterval(() => {
@@ -439,7 +486,11 @@ setInterval(() => {
   if (state.recording.active) state.recording.frames++;
 }, 1000 / FPS).unref();
 setInterval(() => {
-  for (const c of state.clients) wsSend(c, 1, Buffer.from(JSON.stringify({ type: 'status', ...status(), client_dropped: c.dropped })));
+  for (const c of state.clients) {
+    const client = { sent: c.sent, dropped: c.dropped, bytes: c.bytes, pending: c.pending !== null,
+      decimate: c.decimate, auto: !!c.auto, credit: c.credit };
+    wsSend(c, 1, Buffer.from(JSON.stringify({ type: 'status', ...status(), client_dropped: c.dropped, client })));
+  }
 }, 1000).unref();
 
 const [host, port] = (args.listen || '127.0.0.1:0').split(':');

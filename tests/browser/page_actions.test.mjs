@@ -18,6 +18,8 @@ before(async () => {
   server = await startServer();
   browser = await launchBrowser();
   viewer = await openViewer(browser, server);
+  // The read-outs are compared pixel by pixel: full size, not what auto picks for the link.
+  await viewer.page.selectOption('#set-decimate', '1');
   await until(() => viewer.page.evaluate(() => document.body.dataset.frameIndex), 'a first frame on the page');
 });
 after(async () => {
@@ -202,4 +204,35 @@ test('decimation is asked of the server and the read-out stays exact', async () 
   await second.page.close();
   assert.deepEqual(second.problems, []);
   assert.deepEqual(problems, []);
+});
+
+test('the page takes frames against credit, with the decimation its link allows', async () => {
+  const second = await openViewer(browser, server);
+  const sent = [];
+  second.page.on('websocket', (ws) => ws.on('framesent', ({ payload }) => {
+    if (typeof payload === 'string') sent.push(JSON.parse(payload));
+  }));
+  await second.page.reload();
+  await api(server, '/api/playback', { action: 'play' });
+  await until(() => second.page.evaluate(() => window.qvViewerCounters?.displayed > 5), 'frames on the page');
+  assert.equal(sent[0].type, 'options');
+  assert.equal(sent[0].decimate, 'auto');
+  assert.ok(sent.some((m) => m.type === 'credit' && m.frames === 1), JSON.stringify(sent));
+  assert.equal(await second.page.inputValue('#set-decimate'), 'auto');
+  // Frames come as fast as the page takes them, not as the server makes them: once the
+  // frames sent before the first credit are gone, the worker skips none.
+  const count = () => second.page.evaluate(() => ({ ...window.qvViewerCounters }));
+  const credits = () => sent.filter((m) => m.type === 'credit').reduce((n, m) => n + m.frames, 0);
+  const start = { ...(await count()), credits: credits() };
+  await until(async () => (await count()).received >= start.received + 10, 'ten more frames');
+  const end = { ...(await count()), credits: credits() };
+  assert.equal(end.skippedInWorker, start.skippedInWorker, JSON.stringify([start, end]));
+  // Each frame paid for: one credit may be outstanding at the start, and the report of
+  // one sent before the end may come after it.
+  assert.ok(end.received - start.received <= end.credits - start.credits + 2, JSON.stringify([start, end]));
+  // The statistics tell what the link carries.
+  await until(async () => /\(auto\)/.test(await second.page.textContent('#panel-stats [data-key=decimate]')), 'the decimation in use');
+  assert.match(await second.page.textContent('#panel-stats [data-key=bytes]'), /MB\/s, [\d.]+ frames\/s/);
+  await second.page.close();
+  assert.deepEqual(second.problems, []);
 });

@@ -1,9 +1,13 @@
 #include "server.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <bitset>
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -34,6 +38,75 @@ constexpr uint64_t kMaxAssetBytes = 64u << 20;
 // The kernel's queue towards one WebSocket client: small, so that a slow link holds
 // few old frames and the newest goes next.
 constexpr int kStreamSendBuffer = 512 * 1024;
+// Flow control: a client grants at most this many frames at once, and holds no more.
+constexpr int kMaxCredit = 16;
+
+using Clock = std::chrono::steady_clock;
+
+// Automatic decimation of one client: watches, at each new frame, whether the link is
+// still writing the previous one, and moves to
+// a coarser decimation when it falls behind, to a finer one when it has had headroom for
+// a while. A move finer that soon fails doubles the wait before the next try, so that a
+// link between two decimations settles on the coarser one instead of flapping.
+class AutoDecimation {
+public:
+    // One frame from the pipeline. behind: the previous frame's write was still in
+    // flight. Gives the decimation to use.
+    int Observe(int decimate, bool behind, Clock::time_point now)
+    {
+        history_ = (history_ << 1) | (behind ? 1u : 0u);
+        observed_ = std::min(observed_ + 1, 64);
+        if (lastFrame_ != Clock::time_point{})
+            Smooth(intervalS_, std::chrono::duration<double>(now - lastFrame_).count());
+        lastFrame_ = now;
+        const int at = Position(decimate);
+        // Half of the last eight frames found the link behind: coarser.
+        if (observed_ >= 8 && std::bitset<8>(history_).count() >= 4 && at + 1 < static_cast<int>(kDecimations.size())) {
+            backoff_ = now - lastFiner_ < kProbe ? std::min(2 * backoff_, kMaxBackoff) : kMinBackoff;
+            finerNotBefore_ = now + backoff_;
+            return Moved(kDecimations[at + 1]);
+        }
+        // A second of frames (32) none of which found it behind, the wait since the last
+        // fall passed, and a frame of the finer decimation (about four times the bytes)
+        // written in half the time between frames: finer.
+        if (observed_ >= 32 && history_ == 0 && at > 0 && now >= finerNotBefore_ &&
+            4 * writeS_ < 0.5 * intervalS_) {
+            lastFiner_ = now;
+            return Moved(kDecimations[at - 1]);
+        }
+        return decimate;
+    }
+
+    // A frame's write took this long (until the kernel took its last byte).
+    void Wrote(double seconds) { Smooth(writeS_, seconds); }
+
+private:
+    static constexpr Clock::duration kMinBackoff = std::chrono::seconds(4);
+    static constexpr Clock::duration kMaxBackoff = std::chrono::seconds(64);
+    static constexpr Clock::duration kProbe = std::chrono::seconds(10);  // a move finer failing within this doubles the wait
+
+    static void Smooth(double& figure, double value) { figure = figure == 0 ? value : 0.875 * figure + 0.125 * value; }
+    static int Position(int decimate)
+    {
+        int i = 0;
+        while (i + 1 < static_cast<int>(kDecimations.size()) && kDecimations[i] != decimate)
+            ++i;
+        return i;
+    }
+    int Moved(int decimate)
+    {
+        history_ = 0;
+        observed_ = 0;
+        writeS_ = 0;
+        return decimate;
+    }
+
+    uint32_t history_ = 0;  // bit i: the frame i frames ago found the link behind
+    int observed_ = 0;      // frames observed at this decimation
+    double intervalS_ = 0, writeS_ = 0;
+    Clock::time_point lastFrame_{}, lastFiner_{}, finerNotBefore_{};
+    Clock::duration backoff_ = kMinBackoff;
+};
 
 std::string NewToken()
 {
@@ -244,7 +317,9 @@ Response Error(const Request& req, http::status status, const std::string& messa
 }
 
 // One client of the frame stream. It holds at most one frame waiting to be sent (the
-// newest); a newer one replaces it, and the one replaced counts as dropped.
+// newest); a newer one replaces it, and the one replaced counts as dropped. A frame
+// waits while the link writes the one before, or, once the client has sent a credit
+// message, while it has no credit left.
 class WsSession : public std::enable_shared_from_this<WsSession> {
 public:
     WsSession(tcp::socket socket, std::shared_ptr<Server::Impl> server)
@@ -274,19 +349,29 @@ public:
         ws_.async_accept(req, [self = shared_from_this()](beast::error_code e) { self->OnAccept(e); });
     }
 
+    // A new frame from the pipeline: sent at once when the link is free and the client
+    // has credit, else kept in the slot (replacing, and dropping, the one there).
     void Offer(const std::shared_ptr<const EncodedFrame>& frame)
     {
         if (!open_)
             return;
+        if (auto_) {
+            // Behind: the link still carries the previous frame (its write in flight, or
+            // bytes of it in the kernel not yet sent). A frame held for lack of credit
+            // finds the link idle: then the page is slow, not the link.
+            const bool behind = inFlight_ != nullptr || UnsentBytes() > 0;
+            const int decimate = auto_->Observe(wants_.decimate, behind, Clock::now());
+            if (decimate != wants_.decimate) {
+                wants_.decimate = decimate;
+                server_->pipeline.SetWants(id_, wants_);
+            }
+        }
         if (frame->blobs.find(wants_.decimate) == frame->blobs.end())
             return;  // encoded before this client's options arrived
-        if (writing_) {
-            if (pending_)
-                ++dropped_;
-            pending_ = frame;
-            return;
-        }
-        WriteFrame(frame);
+        if (pending_)
+            ++dropped_;
+        pending_ = frame;
+        Flush();
     }
 
     void OfferStatus(std::string text)
@@ -302,8 +387,14 @@ public:
 
     Json Figures() const
     {
-        return {{"id", id_}, {"sent", sent_}, {"dropped", dropped_}, {"bytes", bytes_},
-                {"pending", pending_ != nullptr}, {"decimate", wants_.decimate}};
+        return {{"id", id_},
+                {"sent", sent_},
+                {"dropped", dropped_},
+                {"bytes", bytes_},
+                {"pending", pending_ != nullptr},
+                {"decimate", wants_.decimate},
+                {"auto", auto_.has_value()},
+                {"credit", credit_ ? Json(*credit_) : Json(nullptr)}};
     }
     uint64_t Dropped() const { return dropped_; }
 
@@ -318,6 +409,15 @@ private:
         open_ = true;
         OfferStatus(StatusText());
         Read();
+    }
+
+    // Bytes written to the socket that the kernel has not sent yet (the peer's window
+    // or the congestion window is full); sent but unacknowledged bytes do not count.
+    size_t UnsentBytes()
+    {
+        int n = 0;
+        auto& socket = beast::get_lowest_layer(ws_).socket();
+        return ioctl(socket.native_handle(), SIOCOUTQNSD, &n) == 0 && n > 0 ? static_cast<size_t>(n) : 0;
     }
 
     std::string StatusText() const
@@ -341,7 +441,7 @@ private:
         }
         const std::string text = beast::buffers_to_string(in_.data());
         in_.consume(in_.size());
-        std::string error = ApplyOptions(text);
+        std::string error = Apply(text);
         if (!error.empty()) {
             Json e = {{"type", "error"}, {"error", error}};
             OfferStatus(e.dump(-1, ' ', false, Json::error_handler_t::replace));
@@ -349,22 +449,50 @@ private:
         Read();
     }
 
-    // {"type": "options", "decimate": 1|2|4, "blobs": [names]}
-    std::string ApplyOptions(const std::string& text)
+    // {"type": "options", ...} or {"type": "credit", "frames": N}; "" when applied.
+    std::string Apply(const std::string& text)
     {
         const Json j = Json::parse(text, nullptr, false);
         if (j.is_discarded() || !j.is_object())
             return "a message is a JSON object";
-        if (!j.contains("type") || j["type"] != "options")
-            return "unknown message type (options)";
+        if (j.contains("type") && j["type"] == "options")
+            return ApplyOptions(j);
+        if (j.contains("type") && j["type"] == "credit")
+            return ApplyCredit(j);
+        return "unknown message type (options, credit)";
+    }
+
+    // {"type": "credit", "frames": 1..16}: the client takes that many more frames. The
+    // first one turns flow control on: from then on a frame is sent only against credit.
+    std::string ApplyCredit(const Json& j)
+    {
+        for (const auto& [key, value] : j.items())
+            if (key != "type" && key != "frames")
+                return "unknown key '" + key + "' in credit (frames)";
+        if (!j.contains("frames") || !j["frames"].is_number_integer() || j["frames"] < 1 || j["frames"] > kMaxCredit)
+            return "credit takes frames: 1 to " + std::to_string(kMaxCredit);
+        credit_ = std::min(credit_.value_or(0) + j["frames"].get<int>(), kMaxCredit);
+        Flush();
+        return "";
+    }
+
+    // {"type": "options", "decimate": 1|2|4|"auto", "blobs": [names]}
+    std::string ApplyOptions(const Json& j)
+    {
         ClientWants next = wants_;
+        std::optional<bool> automatic;
         for (const auto& [key, value] : j.items()) {
             if (key == "type")
                 continue;
             if (key == "decimate") {
+                if (value == "auto") {
+                    automatic = true;
+                    continue;
+                }
                 if (!value.is_number_integer() || (value != 1 && value != 2 && value != 4))
-                    return "decimate takes 1, 2 or 4";
+                    return "decimate takes 1, 2, 4 or \"auto\"";
                 next.decimate = value.get<int>();
+                automatic = false;
             } else if (key == "blobs") {
                 if (!value.is_array())
                     return "blobs takes a list of names";
@@ -382,8 +510,35 @@ private:
             }
         }
         wants_ = next;
+        if (automatic && !*automatic)
+            auto_.reset();
+        else if (automatic && !auto_)
+            auto_.emplace();  // from the decimation in use
         server_->pipeline.SetWants(id_, wants_);
         return "";
+    }
+
+    // Writes what waits when the link is free: a status first, then the frame in the
+    // slot if the client has credit for it.
+    void Flush()
+    {
+        if (!open_ || writing_)
+            return;
+        if (pendingStatus_) {
+            std::string text = std::move(*pendingStatus_);
+            pendingStatus_.reset();
+            WriteText(std::move(text));
+            return;
+        }
+        if (!pending_ || (credit_ && *credit_ == 0))
+            return;
+        std::shared_ptr<const EncodedFrame> next = std::move(pending_);
+        pending_.reset();
+        if (next->blobs.find(wants_.decimate) == next->blobs.end()) {
+            ++dropped_;  // encoded for the decimation this client used before
+            return;
+        }
+        WriteFrame(next);
     }
 
     void WriteFrame(const std::shared_ptr<const EncodedFrame>& frame)
@@ -421,6 +576,9 @@ private:
         buffers[0] = asio::buffer(head_);
         inFlight_ = frame;
         writing_ = true;
+        writeStart_ = Clock::now();
+        if (credit_)
+            --*credit_;
         ws_.binary(true);
         ws_.async_write(buffers, [self = shared_from_this()](beast::error_code ec, size_t bytes) {
             self->OnWrite(ec, bytes, true);
@@ -447,17 +605,12 @@ private:
             return;
         }
         bytes_ += bytes;
-        if (frame)
+        if (frame) {
             ++sent_;
-        if (pendingStatus_) {
-            std::string text = std::move(*pendingStatus_);
-            pendingStatus_.reset();
-            WriteText(std::move(text));
-        } else if (pending_) {
-            std::shared_ptr<const EncodedFrame> next = std::move(pending_);
-            pending_.reset();
-            Offer(next);
+            if (auto_)
+                auto_->Wrote(std::chrono::duration<double>(Clock::now() - writeStart_).count());
         }
+        Flush();
     }
 
     friend struct Server::Impl;
@@ -467,6 +620,9 @@ private:
     uint64_t id_ = 0;
     bool open_ = false, writing_ = false;
     ClientWants wants_;
+    std::optional<int> credit_;          // frames the client still takes; none: no flow control
+    std::optional<AutoDecimation> auto_;  // set while the client asks for "auto"
+    Clock::time_point writeStart_{};
     std::shared_ptr<const EncodedFrame> pending_, inFlight_;
     std::optional<std::string> pendingStatus_;
     std::string head_, text_;

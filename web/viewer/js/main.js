@@ -176,6 +176,7 @@ function draw() {
     drawMs.set(panel.root.id, 0.9 * (drawMs.get(panel.root.id) ?? ms) + 0.1 * ms);
   }
   stats.frame(frame.head, status?.source?.frames);
+  if (frame.images.depth) stats.decimation(Math.round(frame.head.width / frame.images.depth.width), stream.options.decimate === 'auto');
   playback.frame(frame.head);
   gpuSurface().draw();
   document.body.dataset.frameIndex = String(frame.head.index);

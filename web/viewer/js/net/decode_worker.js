@@ -4,7 +4,9 @@
 // replaces it (counted as skipped), so a slow page shows fewer frames, never late ones.
 // The page hands out credit, one each time it takes a frame to draw: a frame is decoded
 // only when the page has none waiting (the next is decoded while the page draws), so no
-// time goes on frames nobody sees.
+// time goes on frames nobody sees. Each time it starts on a new message it says so
+// ('taken'): the page then asks the server for one more frame, which comes while this
+// one is decoded and drawn.
 import { decodeFrame } from './frame_decode.js';
 import { NoiseWindow } from '../noise_window.js';
 
@@ -53,6 +55,7 @@ async function run() {
     credit--;
     const buffer = waiting;
     waiting = null;
+    if (buffer !== last) self.postMessage({ type: 'taken' });
     last = buffer;
     try {
       const start = performance.now();

@@ -1,14 +1,17 @@
 // The frame stream: a WebSocket to /api/stream, its status messages and its binary
 // frame messages, handed (transferred, not copied) to the decoding worker, which sends
 // back decoded frames. Only the newest message waits for decoding there: a slow page
-// shows fewer frames, never late ones.
+// shows fewer frames, never late ones. The server sends a frame only against credit:
+// one at the start, then one each time the worker starts decoding a frame, so that one
+// frame is on its way or waiting while another is decoded and drawn, and the link
+// carries no frame the page would throw away.
 import { accessToken } from './api.js';
 
 export class FrameStream {
   // handlers: onFrame(frame), onStatus(status), onState('connecting'|'open'|'closed', detail)
   constructor(handlers) {
     this.handlers = handlers;
-    this.options = { type: 'options', decimate: 1 };
+    this.options = { type: 'options', decimate: 'auto' };
     this.bytes = 0;
     this.received = 0;
     this.retry = 500;
@@ -27,6 +30,7 @@ export class FrameStream {
       this.retry = 500;
       this.handlers.onState?.('open');
       ws.send(JSON.stringify(this.options));
+      this.credit(1);
     };
     ws.onmessage = (event) => this.receive(event.data);
     ws.onclose = () => {
@@ -40,6 +44,11 @@ export class FrameStream {
   setOptions(options) {
     Object.assign(this.options, options);
     if (this.ws?.readyState === WebSocket.OPEN) this.ws.send(JSON.stringify(this.options));
+  }
+
+  // The server may send n more frames.
+  credit(n) {
+    if (this.ws?.readyState === WebSocket.OPEN) this.ws.send(JSON.stringify({ type: 'credit', frames: n }));
   }
 
   // Asks the worker to decode only these blobs (null: all), and sets its noise window.
@@ -57,6 +66,7 @@ export class FrameStream {
     this.worker.onmessage = (event) => {
       const m = event.data;
       if (m.type === 'frame') this.handlers.onFrame(m.frame);
+      else if (m.type === 'taken') this.credit(1);
       else if (m.type === 'error') this.handlers.onError?.(m.message);
     };
     this.worker.onerror = (event) => this.handlers.onError?.(`decoding worker: ${event.message}`);
@@ -72,6 +82,7 @@ export class FrameStream {
         return;
       }
       if (message.type === 'status') this.handlers.onStatus?.(message);
+      else if (message.type === 'error') this.handlers.onError?.(`the server refused a message: ${message.error}`);
       return;
     }
     this.bytes += data.byteLength;

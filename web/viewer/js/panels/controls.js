@@ -13,8 +13,9 @@ export class ControlsPanel extends Panel {
     this.min = element('input', { type: 'number', id: 'set-range-min', min: 0, max: 65535, step: 1 });
     this.max = element('input', { type: 'number', id: 'set-range-max', min: 0, max: 65535, step: 1 });
     this.apply = element('button', { id: 'set-range-apply', text: 'apply range', type: 'button' });
+    // auto: the server decimates as this page's link allows.
     this.decimate = element('select', { id: 'set-decimate' },
-      ...[1, 2, 4].map((f) => element('option', { value: f, text: f === 1 ? 'full' : `1/${f}` })));
+      ...['auto', 1, 2, 4].map((f) => element('option', { value: f, text: f === 1 ? 'full' : f === 'auto' ? f : `1/${f}` })));
     this.body.append(
       element('label', { class: 'row' }, this.filter, ' filter (median and edges)'),
       element('label', { class: 'row' }, 'flip ', this.flip),
@@ -27,7 +28,10 @@ export class ControlsPanel extends Panel {
     for (const box of [this.min, this.max]) {
       box.addEventListener('keydown', (e) => { if (e.key === 'Enter') this.apply.click(); });
     }
-    this.decimate.addEventListener('change', () => onDecimate(Number(this.decimate.value)));
+    this.decimate.addEventListener('change', () => {
+      const f = this.decimate.value;
+      onDecimate(f === 'auto' ? f : Number(f));
+    });
     this.editing = false;
   }
 

@@ -14,7 +14,7 @@ export class StatsPanel extends Panel {
       ['source', 'source'], ['frame', 'frame'], ['time', 'frame time'], ['temperature', 'temperature'],
       ['sensor', 'sensor fps'], ['processed', 'processed fps'], ['displayed', 'displayed fps'],
       ['stages', 'stage times (ms)'], ['draw', 'page drawing (ms)'], ['dropped', 'frames dropped (this page)'],
-      ['skipped', 'frames skipped in the page'], ['bytes', 'link'],
+      ['skipped', 'frames skipped in the page'], ['bytes', 'link'], ['decimate', 'depth on the link'],
       ['clients', 'clients'],
     ]) {
       const value = element('dd', { 'data-key': key, text: '–' });
@@ -35,7 +35,8 @@ export class StatsPanel extends Panel {
     const st = s.stages_ms || {};
     this.set('stages', Object.entries(st).map(([k, v]) => `${k} ${fixed(v)}`).join(' · ') || '–');
     this.set('clients', String(s.clients ?? '–'));
-    if (s.client_dropped !== undefined) this.set('dropped', `${s.client_dropped} (all clients: ${s.dropped})`);
+    const mine = s.client?.dropped ?? s.client_dropped;
+    if (mine !== undefined) this.set('dropped', `${mine} (all clients: ${s.dropped})`);
     else this.set('dropped', `all clients: ${s.dropped ?? '–'}`);
   }
 
@@ -58,6 +59,14 @@ export class StatsPanel extends Panel {
 
   rates(displayedFps, bytesPerSecond, bytesPerFrame) {
     this.set('displayed', fixed(displayedFps));
-    this.set('bytes', `${fixed(bytesPerSecond / 1e6, 2)} MB/s, ${fixed(bytesPerFrame / 1e3, 0)} kB a frame`);
+    const frames = bytesPerFrame ? bytesPerSecond / bytesPerFrame : 0;
+    this.set('bytes', `${fixed(bytesPerSecond / 1e6, 2)} MB/s, ${fixed(frames)} frames/s, ${fixed(bytesPerFrame / 1e3, 0)} kB a frame`);
+  }
+
+  // The decimation of the depth the link carries (told by the frames), and whether the
+  // server chooses it for this page's link (auto).
+  decimation(decimate, auto) {
+    const f = decimate === 1 ? 'full' : `1/${decimate}`;
+    this.set('decimate', auto ? `${f} (auto)` : f);
   }
 }
