@@ -73,6 +73,7 @@ TEST(ViewerEncoding, BlobsDecodeToTheFramesPicturesInOrder)
     f.ir = Noise(480, 640, CV_8UC1, 12);
     f.colour = Noise(1080, 1920, CV_8UC3, 13);
     f.registered = Noise(1080, 1920, CV_16UC1, 14);
+    f.depthB = Noise(480, 640, CV_16UC1, 15);
     const uint32_t all = (1u << kBlobNames.size()) - 1;
     for (int decimate : {1, 2, 4}) {
         SCOPED_TRACE("decimation " + std::to_string(decimate));
@@ -93,6 +94,9 @@ TEST(ViewerEncoding, BlobsDecodeToTheFramesPicturesInOrder)
         EXPECT_EQ(colour.size(), cv::Size(1920 / colourScale, 1080 / colourScale));
         EXPECT_EQ(blobs[4].encoding, "u16-deflate");
         EXPECT_TRUE(Same(Inflate16(blobs[4].bytes, registered.rows, registered.cols), registered));
+        EXPECT_EQ(blobs[5].encoding, "u16-deflate");
+        const cv::Mat depthB = EveryKth(f.depthB, decimate);
+        EXPECT_TRUE(Same(Inflate16(blobs[5].bytes, depthB.rows, depthB.cols), depthB));
         for (const Blob& b : blobs) {
             const cv::Size size = b.name == "colour" || b.name == "registered"
                                       ? cv::Size(1920 / colourScale, 1080 / colourScale)
@@ -108,9 +112,10 @@ TEST(ViewerEncoding, OnlyTheBlobsAskedForAndThoseTheFrameHas)
     f.depth = Noise(240, 320, CV_16UC1, 20);
     f.falseColour = Noise(240, 320, CV_8UC3, 21);
     f.ir = Noise(240, 320, CV_8UC1, 22);
-    // No colour frame: colour and registered depth are left out even when asked for.
+    // No colour frame and A/B off: colour, registered depth and B's depth are left out
+    // even when asked for.
     std::vector<std::string> names;
-    for (const Blob& b : EncodeBlobs(f, 2, 0b11101u))
+    for (const Blob& b : EncodeBlobs(f, 2, 0b111101u))
         names.push_back(b.name);
     EXPECT_EQ(names, (std::vector<std::string>{"depth", "ir"}));
     EXPECT_TRUE(EncodeBlobs(f, 1, 0).empty());
