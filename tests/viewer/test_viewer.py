@@ -407,8 +407,11 @@ def test_stalled_client_neither_queues_nor_holds_up_another(viewer, inputs):
     while header["blobs"][0]["width"] != 320:  # frames encoded before the options arrived
         header, blobs = good.frame()
     rss_before = rss_kib()
+    # 120 frames, or what came in 20 s on a slow machine (a sanitizer build beside other
+    # tests): the server closes the stalled client once it has answered no ping for 30 s.
     received = 0
-    while received < 120:
+    deadline = time.monotonic() + 20
+    while received < 120 and (received < 40 or time.monotonic() < deadline):
         header, blobs = good.frame()
         assert [b["name"] for b in header["blobs"]] == ["depth", "ir"]
         depth = zlib.decompress(blobs["depth"])
@@ -418,16 +421,17 @@ def test_stalled_client_neither_queues_nor_holds_up_another(viewer, inputs):
     mine = sorted(status["client_list"], key=lambda c: c["sent"])
     assert len(mine) == 2
     slow, fast = mine
-    assert fast["sent"] >= 120
+    assert fast["sent"] >= received
     # The stalled client got a few frames into the kernel's buffers and no more; every
     # later frame replaced the one waiting for it.
     assert slow["sent"] <= 8 and slow["pending"]
-    assert slow["sent"] + slow["dropped"] + 1 >= 120
+    assert slow["sent"] + slow["dropped"] + 1 >= received
     assert status["dropped"] >= slow["dropped"]
-    # 120 frames of about 0.5 MB each held for the stalled client would show here.
-    # (Under a sanitizer, freed memory stays resident in its quarantine: not measured there.)
+    # The frames of about 0.5 MB each held for the stalled client would show here: half
+    # of that is the limit. (Under a sanitizer, freed memory stays resident in its
+    # quarantine: not measured there.)
     if not os.environ.get("QV_SANITIZED"):
-        assert rss_kib() - rss_before < 32 * 1024
+        assert rss_kib() - rss_before < received * 256
     stalled.close()
     good.close()
 
