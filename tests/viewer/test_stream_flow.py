@@ -161,9 +161,18 @@ def test_auto_decimation_follows_the_link_not_the_credit(viewer, inputs):  # noq
         except (OSError, ConnectionError):
             pass
 
+    def keep_alive():  # reads thrifty's status messages and answers the server's pings
+        try:
+            while True:
+                thrifty.message()
+        except (OSError, ConnectionError):
+            pass
+
     until(lambda: client(v, slow_id)["auto"] and client(v, thrifty_id)["auto"])
     reader = threading.Thread(target=drain)
     reader.start()
+    pinged = threading.Thread(target=keep_alive)
+    pinged.start()
     try:
         held = []
 
@@ -187,4 +196,6 @@ def test_auto_decimation_follows_the_link_not_the_credit(viewer, inputs):  # noq
         stop.set()
         slow.close()
         reader.join()
+        thrifty.sock.shutdown(socket.SHUT_RDWR)  # wakes keep_alive blocked in recv
         thrifty.close()
+        pinged.join()

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bitset>
 #include <chrono>
 #include <cstdio>
@@ -68,7 +69,7 @@ public:
         }
         // A second of frames (32) none of which found it behind, the wait since the last
         // fall passed, and a frame of the finer decimation (about four times the bytes)
-        // written in half the time between frames: finer.
+        // carried in half the time between frames: finer.
         if (observed_ >= 32 && history_ == 0 && at > 0 && now >= finerNotBefore_ &&
             4 * writeS_ < 0.5 * intervalS_) {
             lastFiner_ = now;
@@ -77,8 +78,14 @@ public:
         return decimate;
     }
 
-    // A frame's write took this long (until the kernel took its last byte).
+    // A frame took this long to leave: from its write until the kernel had sent its last byte.
     void Wrote(double seconds) { Smooth(writeS_, seconds); }
+    // A frame took longer than this to leave (the next was written before it had).
+    void WroteAtLeast(double seconds)
+    {
+        if (seconds > writeS_)
+            Smooth(writeS_, seconds);
+    }
 
 private:
     static constexpr Clock::duration kMinBackoff = std::chrono::seconds(4);
@@ -323,7 +330,7 @@ Response Error(const Request& req, http::status status, const std::string& messa
 class WsSession : public std::enable_shared_from_this<WsSession> {
 public:
     WsSession(tcp::socket socket, std::shared_ptr<Server::Impl> server)
-        : ws_(std::move(socket)), server_(std::move(server))
+        : ws_(std::move(socket)), drain_(ws_.get_executor()), server_(std::move(server))
     {
     }
     ~WsSession()
@@ -576,6 +583,14 @@ private:
         buffers[0] = asio::buffer(head_);
         inFlight_ = frame;
         writing_ = true;
+        if (draining_) {
+            // The previous frame is still in the kernel's queue: how long it takes to
+            // leave is not known, only that it is longer than it took so far.
+            draining_ = false;
+            drain_.cancel();
+            if (auto_)
+                auto_->WroteAtLeast(std::chrono::duration<double>(Clock::now() - writeStart_).count());
+        }
         writeStart_ = Clock::now();
         if (credit_)
             --*credit_;
@@ -607,14 +622,40 @@ private:
         bytes_ += bytes;
         if (frame) {
             ++sent_;
-            if (auto_)
-                auto_->Wrote(std::chrono::duration<double>(Clock::now() - writeStart_).count());
+            if (auto_) {
+                draining_ = true;
+                WatchDrain();
+            }
         }
         Flush();
     }
 
+    // The write of a frame completes when the kernel has taken its bytes, which a large
+    // send buffer does at once; the link has carried the frame only when none of them is
+    // left unsent. Polled, each time after an eighth of the time so far (1 to 10 ms).
+    void WatchDrain()
+    {
+        if (!draining_)
+            return;
+        const Clock::duration elapsed = Clock::now() - writeStart_;
+        if (!open_ || !auto_ || UnsentBytes() == 0) {
+            draining_ = false;
+            if (auto_)
+                auto_->Wrote(std::chrono::duration<double>(elapsed).count());
+            return;
+        }
+        drain_.expires_after(std::clamp<Clock::duration>(elapsed / 8, std::chrono::milliseconds(1),
+                                                         std::chrono::milliseconds(10)));
+        drain_.async_wait([self = shared_from_this()](beast::error_code ec) {
+            if (!ec)
+                self->WatchDrain();
+        });
+    }
+
     friend struct Server::Impl;
     websocket::stream<beast::tcp_stream> ws_;
+    asio::steady_timer drain_;  // watches the kernel send the last frame written
+    bool draining_ = false;
     std::shared_ptr<Server::Impl> server_;
     beast::flat_buffer in_;
     uint64_t id_ = 0;
