@@ -113,7 +113,7 @@ export class CloudPanel extends Panel {
   }
 
   redraw() {
-    this.surface.dirty = true;
+    this.surface.touch(this);
   }
 
   update(frame) {
