@@ -2,7 +2,8 @@
 // bytes a second over the WebSocket, for N seconds. Run by hand (a benchmark, not a test):
 //
 //   node bench/viewer_fps.mjs [--browser-dir build/browser] [--seconds 10]
-//        [--viewport 1600x1000] [--decimate 1|2|4] [--all] [--scroll SELECTOR] [--devtools]
+//        [--viewport 1600x1000] [--decimate 1|2|4] [--all] [--scroll SELECTOR]
+//        [--select SELECTOR=VALUE] [--devtools]
 //
 // --browser-dir is where the build put the browser tests' harness and their npm packages
 // (ctest -R viewer_page_browser installs them). The server is the tests' mock serving
@@ -10,7 +11,8 @@
 // command in QV_VIEWER_SERVER, e.g.
 //   QV_VIEWER_SERVER="build/bin/qvrecon view --simulate SCENE --listen 127.0.0.1:0"
 // --all makes the viewport as tall as the page, so that every panel is in sight;
-// --scroll '#panel-noise' scrolls that panel to the top of the window.
+// --scroll '#panel-noise' scrolls that panel to the top of the window; --select
+// '#cloud-density=4' sets a control first.
 // QV_CHROMIUM_ARGS adds Chromium switches: without a GPU, SwiftShader composites the
 // page, which costs more than the page's own drawing; --disable-gpu-compositing
 // composites in software instead (what a board's or laptop's GPU would spare).
@@ -124,6 +126,11 @@ try {
   if (args.all) {
     const height = await page.evaluate(() => document.documentElement.scrollHeight);
     await page.setViewportSize({ width: vw, height: Math.max(vh, height) });
+  }
+  if (args.select) {
+    // A control set before measuring, e.g. --select '#cloud-density=4'.
+    const [selector, value] = args.select.split('=');
+    await page.selectOption(selector, value);
   }
   if (args.scroll) {
     // The page scrolled so that this panel's top is at the window's top.

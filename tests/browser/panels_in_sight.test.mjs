@@ -2,8 +2,9 @@
 // the stream's options name only the blobs of the panels in sight, frames then carry
 // only those, and a panel scrolled into sight while the source is paused draws the
 // frame shown (not the picture it held before) without an error; paused, the same
-// frame again redraws nothing, and a change to the cloud redraws the cloud alone while
-// the other pictures stay as they were. Against the mock or the real server.
+// frame again updates no picture, and a change to the cloud redraws it while the other
+// pictures stay as they were; without a GPU the cloud draws fewer points while the
+// source plays. Against the mock or the real server.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { api, canvasStatistics, launchBrowser, openViewer, startServer, until } from './harness.mjs';
@@ -125,6 +126,35 @@ test('paused, the same frame again redraws no picture, and a change to the cloud
     assert.equal(turned[i].sum, before[i].sum, `${panels[i]} unchanged by the turn`);
   }
   assert.equal((await counters()).pictureUpdates, again.pictureUpdates, 'no picture updated from a frame');
+  await page.close();
+  assert.deepEqual(problems, []);
+});
+
+test('without a GPU the cloud draws fewer points while the source plays, all it is asked for when paused', async () => {
+  const { page, problems } = await openViewer(browser, server, { width: 1600, height: 1000 });
+  await page.selectOption('#set-decimate', '1');
+  await page.selectOption('#cloud-density', '2'); // every second pixel each way
+  await api(server, '/api/playback', { action: 'play' });
+  const cloud = () => page.$eval('#panel-cloud .picture', (e) => ({ points: Number(e.dataset.points), step: Number(e.dataset.step) }));
+  const status = await (await api(server, '/api/status')).json();
+  const points = (step) => Math.ceil(status.width / step) * Math.ceil(status.height / step);
+  let thin = 2;
+  while (points(thin) > 20000) thin *= 2;
+  // (The harness runs Chromium's WebGL in software.) Full-size depth, playing:
+  await until(async () => (await page.$eval('#panel-depth .picture', (e) => Number(e.dataset.width))) === status.width &&
+    (await cloud()).step === thin, 'the cloud thinned while playing');
+  assert.equal((await cloud()).points, points(thin));
+  await api(server, '/api/playback', { action: 'pause' });
+  // The status tells the page within a second; then the frame shown is drawn again.
+  const full = await until(async () => ((await cloud()).step === 2 ? cloud() : null), 'the cloud at its density, paused');
+  assert.equal(full.points, points(2));
+  // Turning it keeps every point.
+  const box = await page.locator('#panel-cloud .picture').boundingBox();
+  await page.mouse.move(box.x + box.width / 2, box.y + box.height / 2);
+  await page.mouse.down();
+  await page.mouse.move(box.x + box.width / 2 - 40, box.y + box.height / 2, { steps: 3 });
+  await page.mouse.up();
+  assert.deepEqual(await cloud(), full);
   await page.close();
   assert.deepEqual(problems, []);
 });

@@ -194,7 +194,8 @@ class Surface {
       return;
     }
     const layout = JSON.stringify([area, shown.map(([, r]) => [r.left, r.top, r.width, r.height])]);
-    const all = this.all || layout !== this.layout;
+    // (Every picture changed, as while playing: all drawn after one clear.)
+    const all = this.all || layout !== this.layout || shown.every(([view]) => view.dirty);
     this.all = false;
     this.layout = layout;
     const style = this.canvas.style;

@@ -15,6 +15,7 @@ let busy = false;
 let credit = 1;
 let skipped = 0;
 let wanted = null; // blob names to decode, null for all
+let drawn = {}; // blob name -> the width its picture is drawn at
 const noise = new NoiseWindow();
 let noiseOn = true;
 let validityOn = true;
@@ -25,6 +26,7 @@ self.onmessage = (event) => {
     const before = wanted;
     if (m.blobs !== undefined) wanted = m.blobs ? new Set(m.blobs) : null;
     if (m.noiseFrames) noise.setWindow(m.noiseFrames);
+    if (m.drawn) drawn = m.drawn;
     const noiseCame = m.noise && !noiseOn;
     if (noiseCame) noise.restart(); // frames went by unseen: a new window
     if (m.noise !== undefined) noiseOn = m.noise;
@@ -61,7 +63,7 @@ async function run() {
     last = message;
     try {
       const start = performance.now();
-      const frame = await decodeFrame(message.buffer, wanted);
+      const frame = await decodeFrame(message.buffer, wanted, drawn);
       frame.seq = message.seq; // the message's number on the link
       const decoded = performance.now();
       const transfer = [];
