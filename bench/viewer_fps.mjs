@@ -2,14 +2,17 @@
 // bytes a second over the WebSocket, for N seconds. Run by hand (a benchmark, not a test):
 //
 //   node bench/viewer_fps.mjs [--browser-dir build/browser] [--seconds 10]
-//        [--viewport 1600x1000] [--decimate 1|2|4] [--all] [--devtools]
+//        [--viewport 1600x1000] [--decimate 1|2|4] [--all] [--scroll SELECTOR]
+//        [--select SELECTOR=VALUE] [--devtools]
 //
 // --browser-dir is where the build put the browser tests' harness and their npm packages
 // (ctest -R viewer_page_browser installs them). The server is the tests' mock serving
 // QV_VIEWER_ASSETS (default <browser-dir>/../share/qvreconstruction/viewer), or the
 // command in QV_VIEWER_SERVER, e.g.
 //   QV_VIEWER_SERVER="build/bin/qvrecon view --simulate SCENE --listen 127.0.0.1:0"
-// --all makes the viewport as tall as the page, so that every panel is in sight.
+// --all makes the viewport as tall as the page, so that every panel is in sight;
+// --scroll '#panel-noise' scrolls that panel to the top of the window; --select
+// '#cloud-density=4' sets a control first.
 // QV_CHROMIUM_ARGS adds Chromium switches: without a GPU, SwiftShader composites the
 // page, which costs more than the page's own drawing; --disable-gpu-compositing
 // composites in software instead (what a board's or laptop's GPU would spare).
@@ -124,6 +127,15 @@ try {
     const height = await page.evaluate(() => document.documentElement.scrollHeight);
     await page.setViewportSize({ width: vw, height: Math.max(vh, height) });
   }
+  if (args.select) {
+    // A control set before measuring, e.g. --select '#cloud-density=4'.
+    const [selector, value] = args.select.split('=');
+    await page.selectOption(selector, value);
+  }
+  if (args.scroll) {
+    // The page scrolled so that this panel's top is at the window's top.
+    await page.$eval(args.scroll, (e) => window.scrollTo(0, window.scrollY + e.getBoundingClientRect().top));
+  }
   // Warm up until frames flow, then measure.
   await harness.until(() => page.evaluate(() => window.qvBenchShown > 3), 'frames on the page', 60000);
   await new Promise((r) => setTimeout(r, 2000));
@@ -144,7 +156,7 @@ try {
   const panelTimes = await page.evaluate(() => document.querySelector('#panel-stats [data-key=draw]')?.textContent);
   const out = {
     seconds: Number(span.toFixed(1)),
-    viewport: `${vw}x${args.all ? 'all' : vh}`,
+    viewport: `${vw}x${args.all ? 'all' : vh}${args.scroll ? ` at ${args.scroll}` : ''}`,
     displayed_fps: Number((shown / span).toFixed(1)),
     received_fps: Number((received / span).toFixed(1)),
     skipped_in_page: received - shown,

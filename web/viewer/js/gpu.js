@@ -125,8 +125,10 @@ void main() {
 // One WebGL canvas over the window draws every picture of the page, each in the
 // rectangle of its panel's placeholder: one context and one layer to composite,
 // however many panels (a canvas per panel costs the compositor far more). It draws
-// again when something changed (a frame, a control, scrolling, resizing), once per
-// animation frame. It takes no pointer events: the placeholders under it do.
+// once per animation frame when something changed: only the pictures that changed (a
+// view's dirty flag) while the canvas and every picture's rectangle stay where they
+// were (the drawing buffer is kept), else all of them (scrolling, resizing, a layout
+// change). It takes no pointer events: the placeholders under it do.
 class Surface {
   constructor() {
     this.canvas = document.createElement('canvas');
@@ -141,8 +143,10 @@ class Surface {
     const name = info ? gl.getParameter(info.UNMASKED_RENDERER_WEBGL) : gl.getParameter(gl.RENDERER);
     this.software = /swiftshader|llvmpipe|software/i.test(String(name));
     this.views = new Set();
-    this.dirty = true;
-    const touch = () => { this.dirty = true; };
+    this.dirty = true; // something to draw
+    this.all = true; // everything to draw
+    this.layout = ''; // the area and the rectangles of the last drawing
+    const touch = () => { this.dirty = true; this.all = true; };
     window.addEventListener('scroll', touch, { passive: true, capture: true });
     window.addEventListener('resize', touch);
     new ResizeObserver(touch).observe(document.body);
@@ -151,6 +155,12 @@ class Surface {
       this.draw();
     };
     requestAnimationFrame(loop);
+  }
+
+  // A view's picture changed: it is drawn at the next animation frame.
+  touch(view) {
+    view.dirty = true;
+    this.dirty = true;
   }
 
   // The canvas covers just the union of the pictures in sight (fewer pixels to clear
@@ -179,17 +189,29 @@ class Surface {
     const w = Math.max(1, area.right - area.left);
     const h = Math.max(1, area.bottom - area.top);
     this.canvas.hidden = shown.length === 0;
-    if (!shown.length) return;
+    if (!shown.length) {
+      this.layout = '';
+      return;
+    }
+    const layout = JSON.stringify([area, shown.map(([, r]) => [r.left, r.top, r.width, r.height])]);
+    // (Every picture changed, as while playing: all drawn after one clear.)
+    const all = this.all || layout !== this.layout || shown.every(([view]) => view.dirty);
+    this.all = false;
+    this.layout = layout;
     const style = this.canvas.style;
     if (style.left !== `${area.left}px` || style.top !== `${area.top}px`) Object.assign(style, { left: `${area.left}px`, top: `${area.top}px` });
     const r = this.renderer;
     const size = r.getSize(new THREE.Vector2());
     if (size.x !== w || size.y !== h) r.setSize(w, h, true);
-    r.setScissorTest(false);
-    r.setClearColor(0x000000, 0);
-    r.clear();
+    if (all) {
+      r.setScissorTest(false);
+      r.setClearColor(0x000000, 0);
+      r.clear();
+    }
     r.setScissorTest(true);
     for (const [view, rect] of shown) {
+      if (!all && !view.dirty) continue;
+      view.dirty = false;
       const x = rect.left - area.left;
       const y = area.bottom - rect.bottom;
       r.setViewport(x, y, rect.width, rect.height);
@@ -241,7 +263,7 @@ export class ShaderView {
     this.element.dataset.width = String(width);
     this.element.dataset.height = String(height);
     this.ready = true;
-    this.surface.dirty = true;
+    this.surface.touch(this);
   }
 }
 

@@ -73,25 +73,83 @@ const ab = new AbPanel(grid, view, { onSettings: (s) => controls.show(s) });
 // The cloud and the overlay upload the pictures before the picture panels take them.
 const framePanels = [cloud, registered, depth, ir, colour, noise, validity, roi, ab];
 
-// The worker decodes only what the panels in sight draw (depth always: the read-outs);
-// the cloud's colouring names its own.
+// The blobs each frame panel draws from (besides depth, which every frame brings: the
+// read-outs, the cloud, the validity and noise maps and the region read it).
+function needs(panel) {
+  if (panel === depth) return ['false_colour'];
+  if (panel === ir) return ['ir'];
+  if (panel === colour) return ['colour'];
+  if (panel === registered) return ['registered', 'colour'];
+  if (panel === cloud) return { ir: ['ir'], colour: ['registered', 'colour'] }[cloud.mode.value] || [];
+  if (panel === ab) return ['depth_b'];
+  return [];
+}
+// What the panels in sight draw: the server sends only these blobs, and the worker
+// decodes only these (and the noise window only while its panel is in sight).
 function decoding() {
   const blobs = new Set(['depth']);
-  if (depth.visible) blobs.add('false_colour');
-  if (ir.visible) blobs.add('ir');
-  if (colour.visible) blobs.add('colour');
-  if (registered.visible) blobs.add('registered').add('colour');
-  if (cloud.visible && cloud.mode.value === 'ir') blobs.add('ir');
-  if (cloud.visible && cloud.mode.value === 'colour') blobs.add('registered').add('colour');
-  if (ab.visible) blobs.add('depth_b');
-  return { blobs: [...blobs], noise: noise.visible };
+  for (const panel of framePanels) if (panel.visible) for (const b of needs(panel)) blobs.add(b);
+  return { blobs: [...blobs], noise: noise.visible, validity: validity.visible, drawn: { colour: colourWidth() } };
+}
+// The colour picture is decoded no wider than the widest panel in sight draws it (in
+// device pixels, in steps of 128 so that small changes of layout decode nothing anew):
+// the 1920 x 1080 picture drawn 400 pixels wide costs a fraction to decode and upload.
+// The cloud coloured by it shows no finer colour than its own width holds.
+function colourWidth() {
+  let widest = 0;
+  for (const panel of [colour, registered, cloud]) {
+    if (!panel.visible || !needs(panel).includes('colour')) continue;
+    widest = Math.max(widest, panel.picture.getBoundingClientRect().width);
+  }
+  return widest ? 128 * Math.ceil((widest * window.devicePixelRatio) / 128) : 0;
+}
+window.addEventListener('resize', () => ask(false));
+
+// A blob newly asked for comes with the server's next frame. Frames sent before the
+// server heard of it lack it: a panel drawing from it keeps its picture for the
+// messages received up to LATE after the asking (the one on its way, the one waiting
+// in the server's slot, the one being encoded), and only then says the frame has
+// none. A paused source sends its frame again when the blobs change.
+const LATE = 3;
+const askedAt = new Map(); // blob -> messages received when it was asked for
+let asked = '';
+function ask(again) {
+  const d = decoding();
+  stream.setDecoding({ ...d, again });
+  const key = [...d.blobs].sort().join();
+  if (key === asked) return;
+  const before = new Set(asked.split(','));
+  for (const b of d.blobs) if (!before.has(b)) askedAt.set(b, stream.received);
+  asked = key;
+  stream.setOptions({ blobs: d.blobs });
+}
+function late(panel, frame) {
+  if (panel === ab) return false; // it draws what it has: frames carry B only with A/B on
+  return needs(panel).some((b) => !frame.images[b] && !frame.errors[b] && frame.seq <= (askedAt.get(b) ?? -Infinity) + LATE);
+}
+// A picture panel drawn from a frame of this index, settings, calibration and grid is
+// not drawn again from another message of the same (a paused source sends its frame
+// again when the blobs asked for change, a panel come into sight has the newest frame
+// decoded again): coming into sight or a new cloud colouring draws it anew.
+const still = new Set([depth, ir, colour, registered, cloud, noise, validity]);
+function pictureKey(panel, frame) {
+  if (!still.has(panel)) return null;
+  const h = frame.head;
+  return [h.index, h.settings_version, h.calibration_id, frame.images.depth?.width,
+    ...needs(panel).map((b) => !!frame.images[b])].join('/');
 }
 // A panel come into sight gets the newest frame decoded again, with what it draws (a
-// paused source sends no other).
+// paused source sends no other unless the blobs change).
 for (const panel of framePanels) {
-  panel.onVisibility = (visible) => stream.setDecoding({ ...decoding(), again: visible });
+  panel.onVisibility = (visible) => {
+    panel.shownKey = null;
+    ask(visible);
+  };
 }
-cloud.mode.addEventListener('change', () => stream.setDecoding({ ...decoding(), again: true }));
+cloud.mode.addEventListener('change', () => {
+  cloud.shownKey = null;
+  ask(true);
+});
 
 // The rays, fetched once per calibration; the colour grid's are optional.
 let raysFor = null;
@@ -125,6 +183,7 @@ function onStatus(s) {
   record.status(s);
   controls.readOnly(!!s.read_only);
   ab.status(s);
+  cloud.setPlaying(!!s.source?.playing);
   const changed = JSON.stringify(s.settings) !== JSON.stringify(view.settings);
   if (s.settings && changed) controls.show(s.settings);
 }
@@ -140,6 +199,7 @@ const counters = {
   displayed: 0,
   skippedInPage: 0,
   skippedInWorker: 0,
+  pictureUpdates: 0, // picture panels updated from a frame
 };
 window.qvViewerCounters = counters; // for benchmarks and tests
 const drawMs = new Map(); // panel id -> smoothed time of its update
@@ -169,9 +229,14 @@ function draw() {
   // uploaded, of a panel whose picture is out of sight, may still hold one.)
   view.frame = frame;
   for (const panel of framePanels) {
-    if (!panel.visible) continue;
+    if (!panel.visible || late(panel, frame)) continue;
+    const key = pictureKey(panel, frame);
+    if (key && key === panel.shownKey) continue;
     const start = performance.now();
     panel.guard(() => panel.update(frame));
+    panel.shownKey = panel.root.classList.contains('failed') ? null : key;
+    if (key) counters.pictureUpdates++;
+    panel.root.dataset.frameIndex = String(frame.head.index); // the frame it shows (for tests)
     const ms = performance.now() - start;
     drawMs.set(panel.root.id, 0.9 * (drawMs.get(panel.root.id) ?? ms) + 0.1 * ms);
   }
@@ -211,7 +276,7 @@ const stream = new FrameStream({
   },
   onError: (message) => stats.showError(`stream: ${message}`),
 });
-stream.setDecoding(decoding());
+ask(false);
 
 // The colour bar and the settings, once at the start.
 (async () => {

@@ -15,8 +15,10 @@ let busy = false;
 let credit = 1;
 let skipped = 0;
 let wanted = null; // blob names to decode, null for all
+let drawn = {}; // blob name -> the width its picture is drawn at
 const noise = new NoiseWindow();
 let noiseOn = true;
+let validityOn = true;
 
 self.onmessage = (event) => {
   const m = event.data;
@@ -24,14 +26,16 @@ self.onmessage = (event) => {
     const before = wanted;
     if (m.blobs !== undefined) wanted = m.blobs ? new Set(m.blobs) : null;
     if (m.noiseFrames) noise.setWindow(m.noiseFrames);
-    if (m.noise !== undefined) {
-      if (m.noise && !noiseOn) noise.restart(); // frames went by unseen: a new window
-      noiseOn = m.noise;
-    }
+    if (m.drawn) drawn = m.drawn;
+    const noiseCame = m.noise && !noiseOn;
+    if (noiseCame) noise.restart(); // frames went by unseen: a new window
+    if (m.noise !== undefined) noiseOn = m.noise;
+    const validityCame = m.validity && !validityOn;
+    if (m.validity !== undefined) validityOn = m.validity;
     // A panel come into sight: the newest frame again, with what it draws (a paused
-    // source sends no other).
+    // source sends no other unless the blobs asked of the server change).
     const grew = before && (!wanted || [...wanted].some((b) => !before.has(b)));
-    if ((grew || m.noise || m.again) && last && !waiting) {
+    if ((grew || noiseCame || validityCame || m.again) && last && !waiting) {
       waiting = last;
       if (!busy) run();
     }
@@ -44,22 +48,23 @@ self.onmessage = (event) => {
   }
   if (m.type !== 'frame') return;
   if (waiting) skipped++;
-  waiting = m.buffer;
+  waiting = { buffer: m.buffer, seq: m.seq };
   if (!busy) run();
 };
-let last = null; // the newest message, kept for a decoding again
+let last = null; // the newest message ({buffer, seq}), kept for a decoding again
 
 async function run() {
   busy = true;
   while (waiting && credit > 0) {
     credit--;
-    const buffer = waiting;
+    const message = waiting;
     waiting = null;
-    if (buffer !== last) self.postMessage({ type: 'taken' });
-    last = buffer;
+    if (message !== last) self.postMessage({ type: 'taken' });
+    last = message;
     try {
       const start = performance.now();
-      const frame = await decodeFrame(buffer, wanted);
+      const frame = await decodeFrame(message.buffer, wanted, drawn);
+      frame.seq = message.seq; // the message's number on the link
       const decoded = performance.now();
       const transfer = [];
       for (const image of Object.values(frame.images)) {
@@ -67,7 +72,7 @@ async function run() {
       }
       const depth = frame.images.depth;
       if (depth) {
-        frame.validity = validity(depth.data);
+        if (validityOn) frame.validity = validity(depth.data);
         if (noiseOn) {
           const sigma = noise.add(depth, frame.head.index);
           frame.noise = sigma;

@@ -33,28 +33,34 @@ async function inflateU16(bytes, width, height) {
   return new Uint16Array(buffer);
 }
 
-export async function decodeBlob(blob) {
+// drawnWidth (optional): the widest the picture is drawn, in device pixels; a wider
+// picture is decoded at that width (its aspect ratio kept), never a narrower one wider.
+export async function decodeBlob(blob, drawnWidth = 0) {
   const { encoding, width, height, bytes } = blob;
   if (encoding === 'u16-deflate') return { width, height, data: await inflateU16(bytes, width, height) };
   if (encoding === 'png' || encoding === 'jpeg') {
     // Opaque pictures, uploaded as they are: no colour-space or alpha conversion.
-    const bitmap = await createImageBitmap(new Blob([bytes], { type: `image/${encoding}` }),
-      { premultiplyAlpha: 'none', colorSpaceConversion: 'none' });
+    const options = { premultiplyAlpha: 'none', colorSpaceConversion: 'none' };
+    if (drawnWidth > 0 && drawnWidth < width && width > 0 && height > 0) {
+      Object.assign(options, { resizeWidth: drawnWidth, resizeHeight: Math.max(1, Math.round((drawnWidth * height) / width)), resizeQuality: 'medium' });
+    }
+    const bitmap = await createImageBitmap(new Blob([bytes], { type: `image/${encoding}` }), options);
     return { width: bitmap.width, height: bitmap.height, bitmap };
   }
   throw new Error(`unknown blob encoding ${encoding}`);
 }
 
 // Decodes every blob of a message: {head, images: {name: decoded}, errors: {name: message}}.
-// wanted (a set of names, or null for all) leaves the other blobs undecoded.
-export async function decodeFrame(buffer, wanted = null) {
+// wanted (a set of names, or null for all) leaves the other blobs undecoded; drawn
+// ({name: width}) gives pictures drawn smaller than they come their width.
+export async function decodeFrame(buffer, wanted = null, drawn = {}) {
   const { head, blobs } = parseFrameMessage(buffer);
   const images = {};
   const errors = {};
   await Promise.all(Object.values(blobs).map(async (b) => {
     if (wanted && !wanted.has(b.name)) return;
     try {
-      images[b.name] = await decodeBlob(b);
+      images[b.name] = await decodeBlob(b, drawn[b.name]);
     } catch (e) {
       errors[b.name] = e.message;
     }

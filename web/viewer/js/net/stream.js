@@ -51,7 +51,8 @@ export class FrameStream {
     if (this.ws?.readyState === WebSocket.OPEN) this.ws.send(JSON.stringify({ type: 'credit', frames: n }));
   }
 
-  // Asks the worker to decode only these blobs (null: all), and sets its noise window.
+  // Asks the worker to decode only these blobs (null: all), and sets its noise window
+  // and which per-pixel figures it computes.
   setDecoding(options) {
     this.worker.postMessage({ type: 'options', ...options });
   }
@@ -87,6 +88,6 @@ export class FrameStream {
     }
     this.bytes += data.byteLength;
     this.received++;
-    this.worker.postMessage({ type: 'frame', buffer: data }, [data]);
+    this.worker.postMessage({ type: 'frame', buffer: data, seq: this.received }, [data]);
   }
 }

@@ -1,7 +1,8 @@
 // The 3-D point cloud, built on the GPU from the 16-bit depth and the table of rays
 // (never floats per point on the wire, nor per point in the page): a vertex shader
 // places point i at (rayX*d, rayY*d, d) of pixel i. Orbit with the mouse, zoom with the
-// wheel; point size and colouring (depth, IR or the registered colour) in the tools.
+// wheel; point size, density and colouring (depth, IR or the registered colour) in the
+// tools. Without a GPU, fewer points are drawn while the source plays.
 import * as THREE from 'three';
 import { OrbitControls } from 'three/addons/controls/OrbitControls.js';
 import { Panel, element } from './panel.js';
@@ -53,6 +54,11 @@ void main() {
 }
 `;
 
+// Where WebGL runs in software, the most points drawn while frames arrive (the source
+// plays): drawing them is most of the cloud's cost there. Paused, the cloud is drawn at
+// the chosen density.
+const PLAYING_POINTS = 20000;
+
 export class CloudPanel extends Panel {
   constructor(parent, view) {
     super(parent, 'panel-cloud', '3-D points');
@@ -98,6 +104,15 @@ export class CloudPanel extends Panel {
     this.size.addEventListener('input', () => { this.material.uniforms.pointSize.value = Number(this.size.value); this.redraw(); });
     this.controls.addEventListener('change', () => this.redraw());
     this.count = 0;
+    this.playing = false;
+  }
+
+  // The source plays (frames arrive) or stands: paused, the frame shown is drawn again
+  // at the chosen density.
+  setPlaying(playing) {
+    if (playing === this.playing) return;
+    this.playing = playing;
+    if (!playing && this.visible && this.view.frame) this.guard(() => this.update(this.view.frame));
   }
 
   // Called by the surface, in this panel's rectangle.
@@ -113,7 +128,7 @@ export class CloudPanel extends Panel {
   }
 
   redraw() {
-    this.surface.dirty = true;
+    this.surface.touch(this);
   }
 
   update(frame) {
@@ -145,11 +160,15 @@ export class CloudPanel extends Panel {
     u.mode.value = picture ? 1 : 0;
     if (picture) u.picture.value = frameTextures.of(mode, picture);
     step *= Number(this.density.value);
+    if (this.playing && this.surface.software) {
+      while (Math.ceil(depth.width / step) * Math.ceil(depth.height / step) > PLAYING_POINTS) step *= 2;
+    }
     u.step.value = step;
     u.colourBar.value = this.view.colourBar;
     u.range.value = this.view.range();
     this.count = Math.ceil(depth.width / step) * Math.ceil(depth.height / step);
     this.geometry.setDrawRange(0, this.count);
+    Object.assign(this.picture.dataset, { points: this.count, step }); // for tests
     this.redraw();
   }
 }
