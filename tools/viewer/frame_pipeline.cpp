@@ -12,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <random>
+#include <utility>
 
 #include <opencv2/imgproc.hpp>
 
@@ -70,6 +71,7 @@ Pipeline::~Pipeline()
 void Pipeline::Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink)
 {
     sink_ = std::move(sink);
+    encoder_ = std::thread([this] { RunEncoder(); });
     thread_ = std::thread([this] { Run(); });
 }
 
@@ -80,8 +82,11 @@ void Pipeline::Stop()
         stop_ = true;
     }
     cv_.notify_all();
+    mailCv_.notify_all();
     if (thread_.joinable())
         thread_.join();
+    if (encoder_.joinable())
+        encoder_.join();
 }
 
 Settings Pipeline::CurrentSettings() const
@@ -327,13 +332,14 @@ Json Pipeline::Status() const
             {"width", Info(kind).width},
             {"height", Info(kind).height},
             {"frame", frame},
-            {"rates", {{"sensor_fps", sensorFps_}, {"processed_fps", processedFps_}}},
+            {"rates", {{"sensor_fps", sensorFps_}, {"processed_fps", processedFps_}, {"encoded_fps", encodedFps_}}},
             {"stages_ms", stages},
+            {"encoder", {{"encoded", encoded_}, {"not_encoded", notEncoded_}}},
             {"settings", ToJson(settings_)},
             {"settings_version", settingsVersion_},
             {"calibration_id", calibrationId_},
             {"calibration_b", options_.calibrationB.has_value()},
-            {"error", error_.empty() ? Json(nullptr) : Json(error_)}};
+            {"error", !error_.empty() ? Json(error_) : !encodeError_.empty() ? Json(encodeError_) : Json(nullptr)}};
 }
 
 void Pipeline::Finish(uint64_t upToTicket)
@@ -380,12 +386,9 @@ void Pipeline::Run()
             target = current ? WrapIndex(static_cast<int64_t>(*current) + 1) : 0;
         } else {
             // Paused: what still waits (a pause, or a change with no frame to show it on)
-            // is answered.
-            if (!waiting_.empty()) {
-                const uint64_t ticket = tickets_;
-                lock.unlock();
-                Finish(ticket);
-                lock.lock();
+            // is answered once the frames before it have gone to the clients.
+            if (tickets_ > handedTicket_) {
+                Hand(nullptr, tickets_);
                 continue;
             }
             cv_.wait(lock);
@@ -398,17 +401,17 @@ void Pipeline::Run()
 
         const Clock::time_point started = Clock::now();
         uint64_t timeNs = 0;
+        std::shared_ptr<const ProcessedFrame> processed;
         try {
-            Process(target, advance);
-            const auto latest = Latest();
-            timeNs = latest ? latest->timeNs : 0;
+            processed = Process(target, advance);
+            timeNs = processed->timeNs;
         } catch (const std::exception& e) {
             std::lock_guard<std::mutex> state(m_);
             error_ = "frame " + std::to_string(target) + ": " + SingleLine(e.what());
         }
-        Finish(ticket);
 
         lock.lock();
+        Hand(std::move(processed), ticket);
         if (lastProcessed != Clock::time_point{}) {
             const double seconds = std::chrono::duration<double>(Clock::now() - lastProcessed).count();
             if (seconds > 0)
@@ -502,7 +505,7 @@ void Pipeline::CatchUp(uint64_t index, StreamKind kind)
     }
 }
 
-void Pipeline::Process(uint64_t index, bool advance)
+std::shared_ptr<const ProcessedFrame> Pipeline::Process(uint64_t index, bool advance)
 {
     SourceFrame f = source_->Get(index);
     if (f.index >= scan_.scanned && (source_->MixesStreams() || scan_.binned.size() < 3))
@@ -510,13 +513,10 @@ void Pipeline::Process(uint64_t index, bool advance)
     const StreamInfo& s = Info(f.kind);
     Settings settings;
     uint64_t version = 0;
-    std::map<int, uint32_t> wanted;  // decimation -> blobs
     {
         std::lock_guard<std::mutex> lock(m_);
         settings = settings_;
         version = settingsVersion_;
-        for (const auto& [client, w] : wants_)
-            wanted[w.decimate] |= w.blobs;
     }
     // B: the same capture with B's filter and calibration, converted as the serial run
     // with B's settings converts it. A's results are kept when B fails. With two
@@ -613,11 +613,6 @@ void Pipeline::Process(uint64_t index, bool advance)
         stages["depth_b"] = msB;
     }
 
-    t = Clock::now();
-    if (!wanted.empty())
-        Encode(*out, wanted);
-    stages["encode"] = Ms(t);
-
     {
         std::lock_guard<std::mutex> lock(recordMutex_);
         if (writer_ && advance) {  // a frame shown again (new settings) is not recorded twice
@@ -651,8 +646,9 @@ void Pipeline::Process(uint64_t index, bool advance)
         Smooth(stagesMs_[name], ms);
     if (!settings.ab)
         stagesMs_.erase("depth_b");
-    latest_ = std::move(out);
+    latest_ = out;
     error_ = errorB;
+    return out;
 }
 
 cv::Mat Pipeline::Convert(const SourceFrame& f, bool filter, qvapi::FlipMode flip)
@@ -668,6 +664,67 @@ cv::Mat Pipeline::Convert(const SourceFrame& f, bool filter, qvapi::FlipMode fli
     if (st != qvapi::STATUS_OK)
         throw ToolError(StatusText(st));
     return cv::Mat(s.height, s.width, CV_16UC1, depth).clone();
+}
+
+void Pipeline::Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket)
+{
+    std::map<int, uint32_t> wanted;
+    for (const auto& [client, w] : wants_)
+        wanted[w.decimate] |= w.blobs;
+    if (frame && wanted.empty()) {
+        // Nobody watches: nothing to encode, and the encoder's figures fall to 0.
+        frame.reset();
+        Smooth(stagesMs_["encode"], 0.0);
+        Smooth(encodedFps_, 0.0);
+    }
+    if (frame) {
+        if (mail_.frame)
+            ++notEncoded_;  // replaced before the encoder took it
+        mail_.frame = std::move(frame);
+        mail_.wanted = std::move(wanted);
+    }
+    mail_.ticket = std::max(mail_.ticket, ticket);
+    mail_.full = true;
+    handedTicket_ = std::max(handedTicket_, ticket);
+    mailCv_.notify_one();
+}
+
+void Pipeline::RunEncoder()
+{
+    Clock::time_point lastEncoded{};
+    std::unique_lock<std::mutex> lock(m_);
+    for (;;) {
+        mailCv_.wait(lock, [this] { return stop_ || mail_.full; });
+        if (stop_)
+            return;
+        const Mail mail = std::exchange(mail_, Mail{});
+        if (mail.frame) {
+            lock.unlock();
+            const Clock::time_point started = Clock::now();
+            std::string error;
+            try {
+                Encode(*mail.frame, mail.wanted);
+            } catch (const std::exception& e) {
+                error = "encoding frame " + std::to_string(mail.frame->index) + ": " + SingleLine(e.what());
+            }
+            const double ms = Ms(started);
+            lock.lock();
+            Smooth(stagesMs_["encode"], ms);
+            const Clock::time_point now = Clock::now();
+            if (lastEncoded != Clock::time_point{}) {
+                const double seconds = std::chrono::duration<double>(now - lastEncoded).count();
+                if (seconds > 0)
+                    Smooth(encodedFps_, 1.0 / seconds);
+            }
+            lastEncoded = now;
+            encoded_ += error.empty();
+            encodeError_ = error;
+        }
+        // The requests answered see the frame on its way to the clients and counted.
+        lock.unlock();
+        Finish(mail.ticket);
+        lock.lock();
+    }
 }
 
 void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted)
