@@ -1,6 +1,7 @@
 #include "frame_pipeline.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -358,6 +359,7 @@ void Pipeline::Finish(uint64_t upToTicket)
 
 void Pipeline::Run()
 {
+    pthread_setname_np(pthread_self(), "qv-pipeline");  // for top -H, perf and the benchmarks
     std::optional<uint64_t> current;
     Clock::time_point due = Clock::now(), lastShown{}, lastProcessed{};
     uint64_t lastTimeNs = 0;
@@ -691,6 +693,7 @@ void Pipeline::Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket
 
 void Pipeline::RunEncoder()
 {
+    pthread_setname_np(pthread_self(), "qv-encoder");
     Clock::time_point lastEncoded{};
     std::unique_lock<std::mutex> lock(m_);
     for (;;) {
@@ -698,36 +701,40 @@ void Pipeline::RunEncoder()
         if (stop_)
             return;
         const Mail mail = std::exchange(mail_, Mail{});
+        lock.unlock();
         if (mail.frame) {
-            lock.unlock();
             const Clock::time_point started = Clock::now();
+            std::shared_ptr<const EncodedFrame> encoded;
             std::string error;
             try {
-                Encode(*mail.frame, mail.wanted);
+                encoded = Encode(*mail.frame, mail.wanted);
             } catch (const std::exception& e) {
                 error = "encoding frame " + std::to_string(mail.frame->index) + ": " + SingleLine(e.what());
             }
-            const double ms = Ms(started);
-            lock.lock();
-            Smooth(stagesMs_["encode"], ms);
-            const Clock::time_point now = Clock::now();
-            if (lastEncoded != Clock::time_point{}) {
-                const double seconds = std::chrono::duration<double>(now - lastEncoded).count();
-                if (seconds > 0)
-                    Smooth(encodedFps_, 1.0 / seconds);
+            {
+                // Counted before the clients can see it: no client's figures run ahead.
+                std::lock_guard<std::mutex> state(m_);
+                Smooth(stagesMs_["encode"], Ms(started));
+                const Clock::time_point now = Clock::now();
+                if (lastEncoded != Clock::time_point{}) {
+                    const double seconds = std::chrono::duration<double>(now - lastEncoded).count();
+                    if (seconds > 0)
+                        Smooth(encodedFps_, 1.0 / seconds);
+                }
+                lastEncoded = now;
+                encoded_ += encoded != nullptr;
+                encodeError_ = error;
             }
-            lastEncoded = now;
-            encoded_ += error.empty();
-            encodeError_ = error;
+            if (encoded && sink_)
+                sink_(std::move(encoded));
         }
-        // The requests answered see the frame on its way to the clients and counted.
-        lock.unlock();
+        // Requests are answered once their frame is on its way to the clients.
         Finish(mail.ticket);
         lock.lock();
     }
 }
 
-void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted)
+std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted)
 {
     auto e = std::make_shared<EncodedFrame>();
     e->index = frame.index;
@@ -741,8 +748,7 @@ void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>
     const FrameImages images{frame.depth, frame.falseColour, frame.ir, frame.colour, frame.registered, frame.depthB};
     for (const auto& [decimate, mask] : wanted)
         e->blobs[decimate] = EncodeBlobs(images, decimate, mask);
-    if (sink_)
-        sink_(std::move(e));
+    return e;
 }
 
 }  // namespace qvrecon::viewer

@@ -110,7 +110,7 @@ private:
     // to `ticket` after it. Called with m_ held; never waits.
     void Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket);
     void RunEncoder();
-    void Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted);
+    std::shared_ptr<const EncodedFrame> Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted);
     void Finish(uint64_t upToTicket);
     uint64_t WrapIndex(int64_t index) const;
     // Frame f's depth with the library as prepared, the filter on or off.
