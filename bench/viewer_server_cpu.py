@@ -6,7 +6,7 @@ Records a simulated session of the full stream with colour at 30 frames a second
 starts the real `qvrecon view` on it and, for each configuration in turn, lets it run and
 measures over SECONDS: the server process's CPU time (user + system, all its threads, from
 /proc/PID/stat), that of its pipeline and encoder threads (qv-pipeline, qv-encoder, from
-/proc/PID/task), the frames its pipeline processed and those its encoder encoded (from
+/proc/PID/task, with the threads they started), the frames its pipeline processed and those its encoder encoded (from
 /api/status), with no client
 (the pipeline alone) and with 1 and 4 WebSocket clients that read everything as fast as
 they can, each with one set of stream options:
@@ -58,19 +58,20 @@ def cpu_seconds(pid, tid=None):
     return (int(fields[11]) + int(fields[12])) / TICKS  # utime, stime (fields 14 and 15)
 
 
-def thread_ids(pid, names):
-    """The id of each named thread of a process that has it (a build before the threads
-    had names has none)."""
-    ids = {}
+def threads_cpu(pid, names):
+    """CPU seconds of a process's threads by name, for the names it has (a build before
+    the threads had names has none). A thread started by a named one (a worker pool's)
+    inherits its name and counts with it."""
+    out = {}
     for tid in os.listdir(f"/proc/{pid}/task"):
         try:
             with open(f"/proc/{pid}/task/{tid}/comm") as f:
                 name = f.read().strip()
+            if name in names:
+                out[name] = out.get(name, 0.0) + cpu_seconds(pid, tid)
         except OSError:
-            continue
-        if name in names:
-            ids[name] = tid
-    return ids
+            continue  # ended meanwhile
+    return out
 
 
 class Client(threading.Thread):
@@ -210,12 +211,10 @@ def measure(viewer, clients, options, seconds, warmup):
             time.sleep(0.05)
         time.sleep(warmup)
 
-        threads = thread_ids(viewer.proc.pid, ("qv-pipeline", "qv-encoder"))
-
         def snapshot():
             s = counter.poll()
             sent = {c["id"]: c["dropped"] for c in s.get("client_list", [])}
-            by_thread = {name: cpu_seconds(viewer.proc.pid, tid) for name, tid in threads.items()}
+            by_thread = threads_cpu(viewer.proc.pid, ("qv-pipeline", "qv-encoder"))
             encoded = s["encoder"]["encoded"] if "encoder" in s else None
             return (time.monotonic(), cpu_seconds(viewer.proc.pid), counter.total,
                     [(r.frames, r.bytes) for r in readers], sent, by_thread, encoded)
@@ -240,7 +239,7 @@ def measure(viewer, clients, options, seconds, warmup):
     encoded = enc1 - enc0 if enc0 is not None else None
 
     def thread_ms(name, count):
-        if name not in threads0 or not count:
+        if name not in threads0 or name not in threads1 or not count:
             return None
         return 1000 * (threads1[name] - threads0[name]) / count
 
