@@ -5,6 +5,7 @@ figures in /api/status agree with what the client was offered."""
 
 import json
 import threading
+import time
 
 from test_viewer import FRAMES, WebSocket, assets, inputs, viewer  # noqa: F401 (fixtures)
 
@@ -46,6 +47,12 @@ def settle(v, ws, rng):
 
 def test_settings_changes_reach_a_full_size_client(viewer, inputs):  # noqa: F811
     v = viewer(str(inputs / "session.mcap"), "--fps", "30")
+    # Without a client frames are processed and nothing is encoded.
+    status = v.get_json("/api/status")
+    while status["frame"] is None:
+        time.sleep(0.05)  # polling gently; no time limit but ctest's
+        status = v.get_json("/api/status")
+    assert status["encoder"] == {"encoded": 0, "not_encoded": 0} and status["rates"]["encoded_fps"] == 0
     ws, ws_id = connect(v)
     header, blobs = ws.frame()
     assert header["blobs"][0]["width"] == 640 and "registered" in blobs
