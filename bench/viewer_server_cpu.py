@@ -5,7 +5,9 @@ Records a simulated session of the full stream with colour at 30 frames a second
 (`qvrecon record --simulate boxes`, with sensor noise) into a temporary folder, then
 starts the real `qvrecon view` on it and, for each configuration in turn, lets it run and
 measures over SECONDS: the server process's CPU time (user + system, all its threads, from
-/proc/PID/stat) and the frames its pipeline processed (from /api/status), with no client
+/proc/PID/stat), that of its pipeline and encoder threads (qv-pipeline, qv-encoder, from
+/proc/PID/task, with the threads they started), the frames its pipeline processed and those its encoder encoded (from
+/api/status), with no client
 (the pipeline alone) and with 1 and 4 WebSocket clients that read everything as fast as
 they can, each with one set of stream options:
 
@@ -14,7 +16,8 @@ they can, each with one set of stream options:
     light  depth, false colour and IR at decimation 2
 
 CPU time per frame does not depend on other load the way wall-clock rates do; the
-frames a second do. Prints a table.
+frames a second do. The pipeline thread's CPU per frame processed says what rate it
+keeps with a core of its own. Prints a table.
 
     python3 bench/viewer_server_cpu.py [--qvrecon build/bin/qvrecon] [--seconds 10]
         [--frames 60] [--clients 0,1,4] [--options full,half,light] [--recording FILE]
@@ -48,11 +51,27 @@ TICKS = os.sysconf("SC_CLK_TCK")
 WAIT = 180  # seconds for anything to start, on a loaded machine
 
 
-def cpu_seconds(pid):
-    """User + system CPU of a process, all its threads, in seconds."""
-    with open(f"/proc/{pid}/stat") as f:
+def cpu_seconds(pid, tid=None):
+    """User + system CPU of a process, all its threads, or of one thread, in seconds."""
+    with open(f"/proc/{pid}/stat" if tid is None else f"/proc/{pid}/task/{tid}/stat") as f:
         fields = f.read().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / TICKS  # utime, stime (fields 14 and 15)
+
+
+def threads_cpu(pid, names):
+    """CPU seconds of a process's threads by name, for the names it has (a build before
+    the threads had names has none). A thread started by a named one (a worker pool's)
+    inherits its name and counts with it."""
+    out = {}
+    for tid in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{tid}/comm") as f:
+                name = f.read().strip()
+            if name in names:
+                out[name] = out.get(name, 0.0) + cpu_seconds(pid, tid)
+        except OSError:
+            continue  # ended meanwhile
+    return out
 
 
 class Client(threading.Thread):
@@ -195,15 +214,17 @@ def measure(viewer, clients, options, seconds, warmup):
         def snapshot():
             s = counter.poll()
             sent = {c["id"]: c["dropped"] for c in s.get("client_list", [])}
+            by_thread = threads_cpu(viewer.proc.pid, ("qv-pipeline", "qv-encoder"))
+            encoded = s["encoder"]["encoded"] if "encoder" in s else None
             return (time.monotonic(), cpu_seconds(viewer.proc.pid), counter.total,
-                    [(r.frames, r.bytes) for r in readers], sent)
+                    [(r.frames, r.bytes) for r in readers], sent, by_thread, encoded)
 
-        t0, cpu0, n0, got0, dropped0 = snapshot()
+        t0, cpu0, n0, got0, dropped0, threads0, enc0 = snapshot()
         end = t0 + seconds
         while time.monotonic() < end:
             time.sleep(min(0.1, max(0.0, end - time.monotonic())))
             counter.poll()
-        t1, cpu1, n1, got1, dropped1 = snapshot()
+        t1, cpu1, n1, got1, dropped1, threads1, enc1 = snapshot()
         for r in readers:
             if r.error:
                 raise RuntimeError(f"a client failed: {r.error}")
@@ -215,12 +236,22 @@ def measure(viewer, clients, options, seconds, warmup):
     got_bytes = [b1 - b0 for (_, b0), (_, b1) in zip(got0, got1)]
     dropped = [dropped1[k] - dropped0.get(k, 0) for k in dropped1]
     wall = t1 - t0
+    encoded = enc1 - enc0 if enc0 is not None else None
+
+    def thread_ms(name, count):
+        if name not in threads0 or name not in threads1 or not count:
+            return None
+        return 1000 * (threads1[name] - threads0[name]) / count
+
     return {
         "clients": clients,
         "options": options if clients else "-",
         "fps": frames / wall,
         "cpu_ms": 1000 * (cpu1 - cpu0) / frames if frames else None,
         "cpu_share": (cpu1 - cpu0) / wall,
+        "encoded_fps": encoded / wall if encoded is not None and clients else None,
+        "pipeline_ms": thread_ms("qv-pipeline", frames),
+        "encoder_ms": thread_ms("qv-encoder", encoded),
         "received_fps": sum(received) / len(received) / wall if received else None,
         "kb_per_frame": sum(got_bytes) / sum(received) / 1000 if sum(received) else None,
         "dropped_fps": sum(dropped) / len(dropped) / wall if dropped else None,
@@ -266,12 +297,14 @@ def main():
     played = a.recording or "a simulated recording of the full stream with colour at 30 fps"
     print(f"qvrecon view on {played}; {a.seconds:g} s a row; "
           f"{os.cpu_count()} cores, load average {load[0]:.1f} before, {load_end[0]:.1f} after")
-    print("| clients | options | frames/s | server CPU ms/frame | server CPU (cores) "
+    print("| clients | options | frames/s | encoded frames/s | server CPU ms/frame | server CPU (cores) "
+          "| pipeline thread ms/frame | encoder thread ms/encoded frame "
           "| received frames/s per client | dropped/s per client | KB/frame per client |")
-    print("|---:|---|---:|---:|---:|---:|---:|---:|")
+    print("|---:|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|")
     for r in rows:
-        print(f"| {r['clients']} | {r['options']} | {r['fps']:.1f} | {f(r['cpu_ms'], '%.1f')} | "
-              f"{r['cpu_share']:.2f} | {f(r['received_fps'], '%.1f')} | {f(r['dropped_fps'], '%.1f')} | "
+        print(f"| {r['clients']} | {r['options']} | {r['fps']:.1f} | {f(r['encoded_fps'], '%.1f')} | "
+              f"{f(r['cpu_ms'], '%.1f')} | {r['cpu_share']:.2f} | {f(r['pipeline_ms'], '%.1f')} | "
+              f"{f(r['encoder_ms'], '%.1f')} | {f(r['received_fps'], '%.1f')} | {f(r['dropped_fps'], '%.1f')} | "
               f"{f(r['kb_per_frame'], '%.0f')} |")
 
 

@@ -57,7 +57,7 @@ function status() {
     source: { kind: 'recording', name: 'mock.mcap', frames: FRAMES, playing: state.playing, speed: state.speed },
     stream: 'dual', width: W, height: H,
     frame: { index: state.index, time_ns: state.timeNs, temperature_c: temperature(state.index) },
-    rates: { sensor_fps: FPS, processed_fps: FPS },
+    rates: { sensor_fps: FPS, processed_fps: FPS, encoded_fps: FPS },
     stages_ms: { depth: 4.2, ir: 0.6, register: 7.5, colour: 3.1, encode: 2.0, depth_b: state.settings.ab ? 4.4 : 0 },
     clients: state.clients.size, dropped: state.dropped,
     settings: state.settings,

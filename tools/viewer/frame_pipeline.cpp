@@ -1,6 +1,7 @@
 #include "frame_pipeline.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <random>
+#include <utility>
 
 #include <opencv2/imgproc.hpp>
 
@@ -70,6 +72,7 @@ Pipeline::~Pipeline()
 void Pipeline::Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink)
 {
     sink_ = std::move(sink);
+    encoder_ = std::thread([this] { RunEncoder(); });
     thread_ = std::thread([this] { Run(); });
 }
 
@@ -80,8 +83,11 @@ void Pipeline::Stop()
         stop_ = true;
     }
     cv_.notify_all();
+    mailCv_.notify_all();
     if (thread_.joinable())
         thread_.join();
+    if (encoder_.joinable())
+        encoder_.join();
 }
 
 Settings Pipeline::CurrentSettings() const
@@ -327,13 +333,14 @@ Json Pipeline::Status() const
             {"width", Info(kind).width},
             {"height", Info(kind).height},
             {"frame", frame},
-            {"rates", {{"sensor_fps", sensorFps_}, {"processed_fps", processedFps_}}},
+            {"rates", {{"sensor_fps", sensorFps_}, {"processed_fps", processedFps_}, {"encoded_fps", encodedFps_}}},
             {"stages_ms", stages},
+            {"encoder", {{"encoded", encoded_}, {"not_encoded", notEncoded_}}},
             {"settings", ToJson(settings_)},
             {"settings_version", settingsVersion_},
             {"calibration_id", calibrationId_},
             {"calibration_b", options_.calibrationB.has_value()},
-            {"error", error_.empty() ? Json(nullptr) : Json(error_)}};
+            {"error", !error_.empty() ? Json(error_) : !encodeError_.empty() ? Json(encodeError_) : Json(nullptr)}};
 }
 
 void Pipeline::Finish(uint64_t upToTicket)
@@ -352,6 +359,7 @@ void Pipeline::Finish(uint64_t upToTicket)
 
 void Pipeline::Run()
 {
+    pthread_setname_np(pthread_self(), "qv-pipeline");  // for top -H, perf and the benchmarks
     std::optional<uint64_t> current;
     Clock::time_point due = Clock::now(), lastShown{}, lastProcessed{};
     uint64_t lastTimeNs = 0;
@@ -380,12 +388,9 @@ void Pipeline::Run()
             target = current ? WrapIndex(static_cast<int64_t>(*current) + 1) : 0;
         } else {
             // Paused: what still waits (a pause, or a change with no frame to show it on)
-            // is answered.
-            if (!waiting_.empty()) {
-                const uint64_t ticket = tickets_;
-                lock.unlock();
-                Finish(ticket);
-                lock.lock();
+            // is answered once the frames before it have gone to the clients.
+            if (tickets_ > handedTicket_) {
+                Hand(nullptr, tickets_);
                 continue;
             }
             cv_.wait(lock);
@@ -398,17 +403,17 @@ void Pipeline::Run()
 
         const Clock::time_point started = Clock::now();
         uint64_t timeNs = 0;
+        std::shared_ptr<const ProcessedFrame> processed;
         try {
-            Process(target, advance);
-            const auto latest = Latest();
-            timeNs = latest ? latest->timeNs : 0;
+            processed = Process(target, advance);
+            timeNs = processed->timeNs;
         } catch (const std::exception& e) {
             std::lock_guard<std::mutex> state(m_);
             error_ = "frame " + std::to_string(target) + ": " + SingleLine(e.what());
         }
-        Finish(ticket);
 
         lock.lock();
+        Hand(std::move(processed), ticket);
         if (lastProcessed != Clock::time_point{}) {
             const double seconds = std::chrono::duration<double>(Clock::now() - lastProcessed).count();
             if (seconds > 0)
@@ -502,7 +507,7 @@ void Pipeline::CatchUp(uint64_t index, StreamKind kind)
     }
 }
 
-void Pipeline::Process(uint64_t index, bool advance)
+std::shared_ptr<const ProcessedFrame> Pipeline::Process(uint64_t index, bool advance)
 {
     SourceFrame f = source_->Get(index);
     if (f.index >= scan_.scanned && (source_->MixesStreams() || scan_.binned.size() < 3))
@@ -510,13 +515,10 @@ void Pipeline::Process(uint64_t index, bool advance)
     const StreamInfo& s = Info(f.kind);
     Settings settings;
     uint64_t version = 0;
-    std::map<int, uint32_t> wanted;  // decimation -> blobs
     {
         std::lock_guard<std::mutex> lock(m_);
         settings = settings_;
         version = settingsVersion_;
-        for (const auto& [client, w] : wants_)
-            wanted[w.decimate] |= w.blobs;
     }
     // B: the same capture with B's filter and calibration, converted as the serial run
     // with B's settings converts it. A's results are kept when B fails. With two
@@ -613,11 +615,6 @@ void Pipeline::Process(uint64_t index, bool advance)
         stages["depth_b"] = msB;
     }
 
-    t = Clock::now();
-    if (!wanted.empty())
-        Encode(*out, wanted);
-    stages["encode"] = Ms(t);
-
     {
         std::lock_guard<std::mutex> lock(recordMutex_);
         if (writer_ && advance) {  // a frame shown again (new settings) is not recorded twice
@@ -651,8 +648,9 @@ void Pipeline::Process(uint64_t index, bool advance)
         Smooth(stagesMs_[name], ms);
     if (!settings.ab)
         stagesMs_.erase("depth_b");
-    latest_ = std::move(out);
+    latest_ = out;
     error_ = errorB;
+    return out;
 }
 
 cv::Mat Pipeline::Convert(const SourceFrame& f, bool filter, qvapi::FlipMode flip)
@@ -670,7 +668,73 @@ cv::Mat Pipeline::Convert(const SourceFrame& f, bool filter, qvapi::FlipMode fli
     return cv::Mat(s.height, s.width, CV_16UC1, depth).clone();
 }
 
-void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted)
+void Pipeline::Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket)
+{
+    std::map<int, uint32_t> wanted;
+    for (const auto& [client, w] : wants_)
+        wanted[w.decimate] |= w.blobs;
+    if (frame && wanted.empty()) {
+        // Nobody watches: nothing to encode, and the encoder's figures fall to 0.
+        frame.reset();
+        Smooth(stagesMs_["encode"], 0.0);
+        Smooth(encodedFps_, 0.0);
+    }
+    if (frame) {
+        if (mail_.frame)
+            ++notEncoded_;  // replaced before the encoder took it
+        mail_.frame = std::move(frame);
+        mail_.wanted = std::move(wanted);
+    }
+    mail_.ticket = std::max(mail_.ticket, ticket);
+    mail_.full = true;
+    handedTicket_ = std::max(handedTicket_, ticket);
+    mailCv_.notify_one();
+}
+
+void Pipeline::RunEncoder()
+{
+    pthread_setname_np(pthread_self(), "qv-encoder");
+    Clock::time_point lastEncoded{};
+    std::unique_lock<std::mutex> lock(m_);
+    for (;;) {
+        mailCv_.wait(lock, [this] { return stop_ || mail_.full; });
+        if (stop_)
+            return;
+        const Mail mail = std::exchange(mail_, Mail{});
+        lock.unlock();
+        if (mail.frame) {
+            const Clock::time_point started = Clock::now();
+            std::shared_ptr<const EncodedFrame> encoded;
+            std::string error;
+            try {
+                encoded = Encode(*mail.frame, mail.wanted);
+            } catch (const std::exception& e) {
+                error = "encoding frame " + std::to_string(mail.frame->index) + ": " + SingleLine(e.what());
+            }
+            {
+                // Counted before the clients can see it: no client's figures run ahead.
+                std::lock_guard<std::mutex> state(m_);
+                Smooth(stagesMs_["encode"], Ms(started));
+                const Clock::time_point now = Clock::now();
+                if (lastEncoded != Clock::time_point{}) {
+                    const double seconds = std::chrono::duration<double>(now - lastEncoded).count();
+                    if (seconds > 0)
+                        Smooth(encodedFps_, 1.0 / seconds);
+                }
+                lastEncoded = now;
+                encoded_ += encoded != nullptr;
+                encodeError_ = error;
+            }
+            if (encoded && sink_)
+                sink_(std::move(encoded));
+        }
+        // Requests are answered once their frame is on its way to the clients.
+        Finish(mail.ticket);
+        lock.lock();
+    }
+}
+
+std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted)
 {
     auto e = std::make_shared<EncodedFrame>();
     e->index = frame.index;
@@ -684,8 +748,7 @@ void Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>
     const FrameImages images{frame.depth, frame.falseColour, frame.ir, frame.colour, frame.registered, frame.depthB};
     for (const auto& [decimate, mask] : wanted)
         e->blobs[decimate] = EncodeBlobs(images, decimate, mask);
-    if (sink_)
-        sink_(std::move(e));
+    return e;
 }
 
 }  // namespace qvrecon::viewer

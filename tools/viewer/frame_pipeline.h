@@ -1,6 +1,8 @@
 // The viewer's pipeline thread: picks the frame to show (playback), runs the library
-// on it with the browser's settings, keeps the newest result for snapshots, encodes
-// what the connected clients want once per frame, and writes recordings.
+// on it with the browser's settings, keeps the newest result for snapshots and writes
+// recordings. Beside it an encoder thread encodes what the connected clients want, once
+// per frame, from the newest frame processed: a slow encoding makes clients get fewer
+// frames, never the pipeline slower.
 #ifndef QVRECON_VIEWER_FRAME_PIPELINE_H
 #define QVRECON_VIEWER_FRAME_PIPELINE_H
 
@@ -72,12 +74,13 @@ public:
     Pipeline(const Pipeline&) = delete;
     Pipeline& operator=(const Pipeline&) = delete;
 
-    // Every encoded frame is handed to `sink` on the pipeline thread; it must not block.
+    // Every encoded frame is handed to `sink` on the encoder thread; it must not block.
     void Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink);
     void Stop();
 
-    // Called when a request's effect is visible (the frame it asked for processed), on
-    // the pipeline thread, or at once when there is nothing to process.
+    // Called when a request's effect is visible: the frame it asked for processed and,
+    // when clients want frames, that frame or a newer one handed to the sink. On the
+    // encoder thread, or at once when there is nothing to process.
     using Done = std::function<void()>;
 
     // Settings: the current ones, or "" after applying an update (else the reason).
@@ -102,8 +105,12 @@ public:
 
 private:
     void Run();
-    void Process(uint64_t index, bool advance);
-    void Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted);
+    std::shared_ptr<const ProcessedFrame> Process(uint64_t index, bool advance);
+    // Gives the encoder the frame just processed (null: none) and answers the requests up
+    // to `ticket` after it. Called with m_ held; never waits.
+    void Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket);
+    void RunEncoder();
+    std::shared_ptr<const EncodedFrame> Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted);
     void Finish(uint64_t upToTicket);
     uint64_t WrapIndex(int64_t index) const;
     // Frame f's depth with the library as prepared, the filter on or off.
@@ -112,7 +119,7 @@ private:
     std::unique_ptr<Source> source_;
     PipelineOptions options_;
     std::function<void(std::shared_ptr<const EncodedFrame>)> sink_;
-    std::thread thread_;
+    std::thread thread_, encoder_;
 
     mutable std::mutex m_;
     std::condition_variable cv_;
@@ -133,9 +140,22 @@ private:
     std::shared_ptr<const ProcessedFrame> latest_;
     std::shared_ptr<const std::vector<float>> rays_;
     int raysWidth_ = 0, raysHeight_ = 0, calibrationId_ = 0;
-    double sensorFps_ = 0, processedFps_ = 0;
+    double sensorFps_ = 0, processedFps_ = 0, encodedFps_ = 0;
     std::map<std::string, double> stagesMs_;
     std::string error_;
+    // The encoder's mailbox: one frame at most waits, the newest processed; a newer one
+    // replaces it (counted in notEncoded_). Requests up to `ticket` are answered once
+    // the frame waiting, or the one being encoded, has gone to the sink.
+    struct Mail {
+        std::shared_ptr<const ProcessedFrame> frame;
+        std::map<int, uint32_t> wanted;  // decimation -> blobs, when handed over
+        uint64_t ticket = 0;
+        bool full = false;
+    } mail_;
+    std::condition_variable mailCv_;
+    uint64_t handedTicket_ = 0;  // the last ticket given to the encoder
+    uint64_t encoded_ = 0, notEncoded_ = 0;
+    std::string encodeError_;
     // Recording (its own lock: opened and closed from the network thread).
     mutable std::mutex recordMutex_;
     std::unique_ptr<qvapi::RecordingWriter> writer_;

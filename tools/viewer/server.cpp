@@ -738,7 +738,7 @@ private:
         const bool keepAlive = req.keep_alive();
         auto self = shared_from_this();
         Respond respond = [self, keepAlive, setCookie](std::function<Response()> make) {
-            // Answers may be ready on the pipeline thread: they are made and written on the network thread.
+            // Answers may be ready on the encoder thread: they are made and written on the network thread.
             asio::post(self->stream_.get_executor(), [self, keepAlive, setCookie, make = std::move(make)] {
                 Response res = make();
                 res.keep_alive(keepAlive);

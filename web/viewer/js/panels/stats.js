@@ -31,7 +31,7 @@ export class StatsPanel extends Panel {
     const src = s.source || {};
     this.set('source', `${src.kind || '?'} ${src.name || ''} (${s.stream}, ${s.width}x${s.height})`);
     this.set('sensor', fixed(s.rates?.sensor_fps));
-    this.set('processed', fixed(s.rates?.processed_fps));
+    this.set('processed', `${fixed(s.rates?.processed_fps)} (encoded ${fixed(s.rates?.encoded_fps)})`);
     const st = s.stages_ms || {};
     this.set('stages', Object.entries(st).map(([k, v]) => `${k} ${fixed(v)}`).join(' · ') || '–');
     this.set('clients', String(s.clients ?? '–'));
