@@ -97,6 +97,12 @@ int RunView(const ViewArgs& a)
     boost::asio::io_context io(1);
     Server http(io, pipeline, server);
     pipeline.Start([&http](std::shared_ptr<const EncodedFrame> frame) { http.Publish(std::move(frame)); });
+    // The pipeline's threads hand frames to the server: on every way out of this scope,
+    // an exception too, they stop before the server is destroyed.
+    struct StopPipeline {
+        Pipeline& pipeline;
+        ~StopPipeline() { pipeline.Stop(); }
+    } stopFirst{pipeline};
 
     // Ctrl-C (and SIGTERM, SIGHUP) end the viewer cleanly: a recording is finished and named.
     boost::asio::signal_set signals(io, SIGINT, SIGTERM, SIGHUP);
