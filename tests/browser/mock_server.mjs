@@ -360,13 +360,18 @@ server.on('upgrade', (req, socket) => {
     socket.end('HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n');
     return;
   }
+  const credit = url.searchParams.get('credit');
+  if (credit !== null && !/^([1-9]|1[0-6])$/.test(credit)) {
+    socket.end('HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n');
+    return;
+  }
   const accept = crypto.createHash('sha1')
     .update(req.headers['sec-websocket-key'] + '258EAFA5-E914-47DA-95CA-C5AB0DC85B11').digest('base64');
   socket.write('HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n' +
     `Sec-WebSocket-Accept: ${accept}\r\n\r\n`);
   socket.setNoDelay(true);
   const client = { socket, decimate: 1, blobs: null, dropped: 0, pending: null, buf: Buffer.alloc(0),
-    sent: 0, bytes: 0, credit: null, auto: null };
+    sent: 0, bytes: 0, credit: credit === null ? null : Number(credit), auto: null };
   state.clients.add(client);
   wsSend(client, 1, Buffer.from(JSON.stringify({ type: 'status', ...status() })));
   socket.on('data', (chunk) => { client.buf = Buffer.concat([client.buf, chunk]); readMessages(client); });

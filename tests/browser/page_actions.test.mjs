@@ -209,9 +209,13 @@ test('decimation is asked of the server and the read-out stays exact', async () 
 test('the page takes frames against credit, with the decimation its link allows', async () => {
   const second = await openViewer(browser, server);
   const sent = [];
-  second.page.on('websocket', (ws) => ws.on('framesent', ({ payload }) => {
-    if (typeof payload === 'string') sent.push(JSON.parse(payload));
-  }));
+  const urls = [];
+  second.page.on('websocket', (ws) => {
+    urls.push(ws.url());
+    ws.on('framesent', ({ payload }) => {
+      if (typeof payload === 'string') sent.push(JSON.parse(payload));
+    });
+  });
   await second.page.reload();
   await api(server, '/api/playback', { action: 'play' });
   await until(() => second.page.evaluate(() => window.qvViewerCounters?.displayed > 5), 'frames on the page');
@@ -219,8 +223,10 @@ test('the page takes frames against credit, with the decimation its link allows'
   assert.equal(sent[0].decimate, 'auto');
   assert.ok(sent.some((m) => m.type === 'credit' && m.frames === 1), JSON.stringify(sent));
   assert.equal(await second.page.inputValue('#set-decimate'), 'auto');
-  // Frames come as fast as the page takes them, not as the server makes them: once the
-  // frames sent before the first credit are gone, the worker skips none.
+  // The first credit comes with the address: no frame is sent before it.
+  assert.match(urls.at(-1), /[?&]credit=1(&|$)/);
+  // Frames come as fast as the page takes them, not as the server makes them: the
+  // worker skips none.
   const count = () => second.page.evaluate(() => ({ ...window.qvViewerCounters }));
   const credits = () => sent.filter((m) => m.type === 'credit').reduce((n, m) => n + m.frames, 0);
   const start = { ...(await count()), credits: credits() };

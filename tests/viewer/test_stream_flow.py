@@ -94,6 +94,29 @@ def test_credit_sends_only_what_was_granted_and_then_the_newest(viewer, inputs):
     free.close()
 
 
+def test_credit_in_the_address_holds_back_frames_from_the_start(viewer, inputs):  # noqa: F811
+    v = viewer(*captures(inputs), "--fps", "30")
+    for bad in ("0", "17", "-1", "1.5", "x", "", "001", "99999999999"):
+        ws = WebSocket(v.port, path=f"/api/stream?credit={bad}")
+        assert ws.status == 400, bad
+        ws.close()
+    # Two credits in the address: two frames, then none until more credit comes, although
+    # the client never sent a credit message.
+    ws = WebSocket(v.port, path="/api/stream?credit=2")
+    assert ws.status == 101
+    opcode, text = ws.message()
+    ws_id = json.loads(text)["client"]["id"]
+    assert json.loads(text)["client"]["credit"] == 2
+    ws.frame()
+    ws.frame()
+    until(lambda: client(v, ws_id)["dropped"] >= 10)  # frames made meanwhile wait in its slot
+    assert client(v, ws_id)["sent"] == 2 and client(v, ws_id)["credit"] == 0
+    ws.send_text('{"type": "credit", "frames": 1}')
+    ws.frame()
+    until(lambda: client(v, ws_id)["sent"] == 3)
+    ws.close()
+
+
 def test_bad_credit_and_options_are_refused_and_change_nothing(viewer, inputs):  # noqa: F811
     v = viewer(*captures(inputs), "--fps", "30")
     ws, ws_id = connect(v)

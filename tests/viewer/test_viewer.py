@@ -105,14 +105,14 @@ def tool_outputs(tmp_path, capture, *args):
 class WebSocket:
     """A minimal RFC 6455 client over a raw socket."""
 
-    def __init__(self, port, headers="", recv_buffer=None):
+    def __init__(self, port, headers="", recv_buffer=None, path="/api/stream"):
         self.sock = socket.socket()
         if recv_buffer:
             self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, recv_buffer)
         self.sock.settimeout(60)
         self.sock.connect(("127.0.0.1", port))
         key = base64.b64encode(os.urandom(16)).decode()
-        self.sock.sendall((f"GET /api/stream HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\nUpgrade: websocket\r\n"
+        self.sock.sendall((f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\nUpgrade: websocket\r\n"
                            f"Connection: Upgrade\r\nSec-WebSocket-Key: {key}\r\nSec-WebSocket-Version: 13\r\n"
                            f"{headers}\r\n").encode())
         self.buffer = b""

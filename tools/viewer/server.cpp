@@ -343,8 +343,9 @@ public:
         --server_->connections;
     }
 
-    void Run(Request req)
+    void Run(Request req, std::optional<int> credit)
     {
+        credit_ = credit;
         boost::system::error_code ec;
         beast::get_lowest_layer(ws_).socket().set_option(asio::socket_base::send_buffer_size(kStreamSendBuffer), ec);
         beast::get_lowest_layer(ws_).expires_never();
@@ -731,8 +732,24 @@ private:
                 Send(Error(req, http::status::not_found, "the stream is at /api/stream"), true);
                 return;
             }
+            // ?credit=N: under flow control from the start, so that no frame is sent
+            // before the client's first credit message arrives (one it would pay for).
+            std::optional<int> credit;
+            const size_t mark = target.find('?');
+            if (mark != std::string::npos) {
+                if (const auto value = QueryValue(target.substr(mark + 1), "credit")) {
+                    const bool digits = !value->empty() && value->size() <= 2 &&
+                                        value->find_first_not_of("0123456789") == std::string::npos;
+                    const int n = digits ? std::stoi(*value) : 0;
+                    if (n < 1 || n > kMaxCredit) {
+                        Send(Error(req, http::status::bad_request, "credit takes frames: 1 to " + std::to_string(kMaxCredit)), true);
+                        return;
+                    }
+                    credit = n;
+                }
+            }
             handedOver_ = true;
-            std::make_shared<WsSession>(stream_.release_socket(), server_)->Run(std::move(req));
+            std::make_shared<WsSession>(stream_.release_socket(), server_)->Run(std::move(req), credit);
             return;
         }
         const bool keepAlive = req.keep_alive();

@@ -2,7 +2,7 @@
 // frame messages, handed (transferred, not copied) to the decoding worker, which sends
 // back decoded frames. Only the newest message waits for decoding there: a slow page
 // shows fewer frames, never late ones. The server sends a frame only against credit:
-// one at the start, then one each time the worker starts decoding a frame, so that one
+// one in the stream's address, then one each time the worker starts decoding a frame, so that one
 // frame is on its way or waiting while another is decoded and drawn, and the link
 // carries no frame the page would throw away.
 import { accessToken } from './api.js';
@@ -22,7 +22,9 @@ export class FrameStream {
   connect() {
     const scheme = window.location.protocol === 'https:' ? 'wss' : 'ws';
     const token = accessToken();
-    const query = token ? `?token=${encodeURIComponent(token)}` : '';
+    // Under flow control from the first frame: one credit comes with the address, so
+    // the server sends no frame before it (one the page would pay for twice).
+    const query = `?credit=1${token ? `&token=${encodeURIComponent(token)}` : ''}`;
     this.handlers.onState?.('connecting');
     const ws = new WebSocket(`${scheme}://${window.location.host}/api/stream${query}`);
     ws.binaryType = 'arraybuffer';
@@ -30,7 +32,6 @@ export class FrameStream {
       this.retry = 500;
       this.handlers.onState?.('open');
       ws.send(JSON.stringify(this.options));
-      this.credit(1);
     };
     ws.onmessage = (event) => this.receive(event.data);
     ws.onclose = () => {
