@@ -3,26 +3,16 @@ full size (the costliest encoding) still gets the frame of every settings change
 of every step of a paused recording, the last one asked for always; the encoder's
 figures in /api/status agree with what the client was offered."""
 
-import json
 import threading
 import time
 
-from test_viewer import FRAMES, WebSocket, assets, inputs, viewer  # noqa: F401 (fixtures)
+from test_stream_flow import connect  # a client at full size, every blob (the default), and its id
+from test_viewer import FRAMES, assets, inputs, viewer  # noqa: F401 (fixtures)
 
 
 def figures(v, ws_id):
     status = v.get_json("/api/status")
     return status, next(c for c in status["client_list"] if c["id"] == ws_id)
-
-
-def connect(v):
-    """A client at full size, every blob, and its id (the status it gets first names it)."""
-    ws = WebSocket(v.port)
-    assert ws.status == 101
-    opcode, text = ws.message()
-    status = json.loads(text)
-    assert opcode == 1 and status["type"] == "status"
-    return ws, status["client"]["id"]
 
 
 def check_counts(status, mine):
