@@ -31,6 +31,17 @@ double Ms(Clock::time_point since) { return std::chrono::duration<double, std::m
 // A smoothed figure: the first value as it is, later ones weighed in by a tenth.
 void Smooth(double& figure, double value) { figure = figure == 0 ? value : 0.9 * figure + 0.1 * value; }
 
+// An event's rate from the time since its last one, smoothed.
+void Rate(double& fps, Clock::time_point& last, Clock::time_point now)
+{
+    if (last != Clock::time_point{}) {
+        const double seconds = std::chrono::duration<double>(now - last).count();
+        if (seconds > 0)
+            Smooth(fps, 1.0 / seconds);
+    }
+    last = now;
+}
+
 uint64_t NowNs()
 {
     return static_cast<uint64_t>(
@@ -414,20 +425,10 @@ void Pipeline::Run()
 
         lock.lock();
         Hand(std::move(processed), ticket);
-        if (lastProcessed != Clock::time_point{}) {
-            const double seconds = std::chrono::duration<double>(Clock::now() - lastProcessed).count();
-            if (seconds > 0)
-                Smooth(processedFps_, 1.0 / seconds);
-        }
-        lastProcessed = Clock::now();
+        Rate(processedFps_, lastProcessed, Clock::now());
         if (advance) {
             const Clock::time_point now = Clock::now();
-            if (lastShown != Clock::time_point{}) {
-                const double seconds = std::chrono::duration<double>(now - lastShown).count();
-                if (seconds > 0)
-                    Smooth(sensorFps_, 1.0 / seconds);
-            }
-            lastShown = now;
+            Rate(sensorFps_, lastShown, now);
             // Recordings play at their own pace, others at --fps.
             double period = 1.0 / options_.fps;
             if (timeNs > lastTimeNs && lastTimeNs != 0 && current && target == *current + 1 &&
@@ -715,13 +716,7 @@ void Pipeline::RunEncoder()
                 // Counted before the clients can see it: no client's figures run ahead.
                 std::lock_guard<std::mutex> state(m_);
                 Smooth(stagesMs_["encode"], Ms(started));
-                const Clock::time_point now = Clock::now();
-                if (lastEncoded != Clock::time_point{}) {
-                    const double seconds = std::chrono::duration<double>(now - lastEncoded).count();
-                    if (seconds > 0)
-                        Smooth(encodedFps_, 1.0 / seconds);
-                }
-                lastEncoded = now;
+                Rate(encodedFps_, lastEncoded, Clock::now());
                 encoded_ += encoded != nullptr;
                 encodeError_ = error;
             }
