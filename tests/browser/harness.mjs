@@ -60,6 +60,23 @@ export async function toolFrame(k) {
   }
 }
 
+// The library's false colour of frame k for a range [lo, hi] mm, with the depth it
+// colours: {depth, colour} as decoded PNGs, from `qvrecon depth REC --start k --end k
+// --outputs depth colour --range lo hi`. Null against any other server.
+export async function toolFalseColour(k, [lo, hi]) {
+  if (serverKind !== 'real') return null;
+  const out = fs.mkdtempSync(path.join(os.tmpdir(), 'qv-tool-'));
+  try {
+    await promisify(execFile)(process.env.QVRECON, ['depth', recording, '--start', String(k), '--end', String(k),
+      '--outputs', 'depth', 'colour', '--range', String(lo), String(hi), '--out', out]);
+    const stem = `${path.basename(recording, '.mcap')}_${String(k).padStart(6, '0')}`;
+    const read = (name) => decodePng(fs.readFileSync(path.join(out, `${stem}_${name}.png`)));
+    return { depth: read('depth'), colour: read('colour') };
+  } finally {
+    fs.rmSync(out, { recursive: true, force: true });
+  }
+}
+
 // The x, y, z of every vertex of an organised binary little-endian PLY of n vertices
 // (float x, y, z first, then perhaps red, green and blue bytes).
 function readOrganisedPly(buf, n) {

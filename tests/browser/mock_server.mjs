@@ -172,6 +172,7 @@ function encodedFrame(k, dec) {
   const head = {
     index: k, time_ns: k * Math.round(1e9 / 30), stream: 'dual', width: W, height: H,
     temperature_c: temperature(k), calibration_id: 1, settings_version: state.settingsVersion,
+    range: [...state.settings.range],
     blobs: blobs.map(([name, encoding, bw, bh, data]) => {
       const b = { name, encoding, width: bw, height: bh, offset, length: data.length };
       offset += data.length;

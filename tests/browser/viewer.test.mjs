@@ -5,7 +5,9 @@
 // and changes the picture, and playback moves from the page.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { api, canvasStatistics, launchBrowser, openViewer, seekWithPage, startServer, toolFrame, until } from './harness.mjs';
+import path from 'node:path';
+import { pathToFileURL } from 'node:url';
+import { api, canvasStatistics, launchBrowser, openViewer, seekWithPage, startServer, toolFalseColour, toolFrame, until } from './harness.mjs';
 import { decodePng } from './png.mjs';
 
 let server;
@@ -112,6 +114,83 @@ test('the depth under the cursor is the server\'s depth at that pixel, with its 
         assert.ok(Number.isNaN(tool.points[3 * i]), `${where}: the library has no point`);
       }
     }
+  }
+  assert.deepEqual(viewer.problems, []);
+});
+
+// The page paints depth with its own table of the library's false colour.
+const { falseColourTable } = await import(pathToFileURL(path.join(process.env.QV_VIEWER_ASSETS, 'js/false_colour.js')));
+
+test('the depth picture is the library\'s false colour of the frame\'s depth', async () => {
+  const { page } = viewer;
+  const index = await pausedFrame();
+  const response = await api(server, '/api/frame/depth.png');
+  assert.equal(response.headers.get('X-Frame-Index'), String(index));
+  const png = decodePng(Buffer.from(await response.arrayBuffer()));
+  const range = (await (await api(server, '/api/settings')).json()).range;
+
+  // Against the real server: the table is, byte for byte, what the library paints of
+  // this frame (`qvrecon depth`'s false colour), for the range in use, a range of a millimetre a level around the
+  // median depth, a range two millimetres wide (nearly everything clamped) and the
+  // widest.
+  const sorted = png.data.filter((d) => d > 1).sort();
+  const median = sorted[sorted.length >> 1];
+  for (const r of [range, [Math.max(0, median - 500), Math.max(0, median - 500) + 1021], [median - 1, median + 1], [0, 65535]]) {
+    const tool = await toolFalseColour(index, r);
+    if (!tool) break;
+    const table = falseColourTable(r[0], r[1]);
+    // (The tool's picture has its legend to the right of the depth's columns.)
+    const { width, height, data } = tool.depth;
+    let differ = 0;
+    let first = '';
+    for (let i = 0; i < width * height; i++) {
+      const d = data[i];
+      const at = 3 * (Math.floor(i / width) * tool.colour.width + (i % width));
+      const painted = tool.colour.data.subarray(at, at + 3);
+      if (table[4 * d] !== painted[0] || table[4 * d + 1] !== painted[1] || table[4 * d + 2] !== painted[2]) {
+        if (!differ++) first = `pixel ${i}, depth ${d}: ${[...table.subarray(4 * d, 4 * d + 3)]} against ${[...painted]}`;
+      }
+    }
+    assert.equal(differ, 0, `range ${r}: ${differ} pixels unlike the library's, the first ${first}`);
+  }
+
+  // The picture drawn: at points over it, the table's colour of the depth under the
+  // point (or of a neighbour: a point on a pixel's edge may be drawn from either side).
+  await page.locator('#panel-depth').scrollIntoViewIfNeeded();
+  await until(async () => (await canvasStatistics(page, '#panel-depth .picture'))?.unlike > 0.05, 'the depth picture');
+  const table = falseColourTable(range[0], range[1]);
+  const points = [];
+  for (let fy = 0.03; fy < 1; fy += 0.09) for (let fx = 0.03; fx < 1; fx += 0.09) points.push([fx, fy]);
+  const drawn = await page.evaluate((at) => {
+    const target = document.querySelector('#panel-depth .picture');
+    const surface = document.getElementById('gpu-surface');
+    const r = target.getBoundingClientRect();
+    const s = surface.getBoundingClientRect();
+    const k = surface.width / s.width;
+    const c = document.createElement('canvas');
+    [c.width, c.height] = [surface.width, surface.height];
+    const ctx = c.getContext('2d');
+    ctx.drawImage(surface, 0, 0);
+    return at.map(([fx, fy]) => {
+      const x = Math.floor((r.left - s.left + fx * r.width) * k);
+      const y = Math.floor((r.top - s.top + fy * r.height) * k);
+      const u = (x + 0.5) / k - (r.left - s.left);
+      const v = (y + 0.5) / k - (r.top - s.top);
+      return { rgb: [...ctx.getImageData(x, y, 1, 1).data.subarray(0, 3)], u: u / r.width, v: v / r.height };
+    });
+  }, points);
+  for (const { rgb, u, v } of drawn) {
+    const col = Math.floor(u * png.width);
+    const row = Math.floor(v * png.height);
+    const near = [];
+    for (let dr = -1; dr <= 1; dr++) {
+      for (let dc = -1; dc <= 1; dc++) {
+        const rr = Math.min(png.height - 1, Math.max(0, row + dr));
+        const cc = Math.min(png.width - 1, Math.max(0, col + dc));
+        near.push([...table.subarray(4 * png.data[rr * png.width + cc], 4 * png.data[rr * png.width + cc] + 3)].join());
+      }
+    }
+    assert.ok(near.includes(rgb.join()), `(${row}, ${col}) drawn ${rgb}, the depth's colours there ${[...new Set(near)].join(' / ')}`);
   }
   assert.deepEqual(viewer.problems, []);
 });

@@ -444,6 +444,7 @@ def test_stream_carries_the_protocol(viewer, inputs):
     assert opcode == 1 and status["type"] == "status" and status["clients"] == 1 and "client" in status
     header, blobs = ws.frame()
     assert {"depth", "false_colour", "ir", "colour", "registered"} == set(blobs)
+    assert header["range"] == v.get_json("/api/settings")["range"]
     sizes = {b["name"]: (b["width"], b["height"], b["encoding"]) for b in header["blobs"]}
     assert sizes["depth"] == (640, 480, "u16-deflate") and sizes["colour"] == (1920, 1080, "jpeg")
     assert len(zlib.decompress(blobs["registered"])) == 1920 * 1080 * 2

@@ -740,6 +740,8 @@ std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame
     e->height = frame.depth.rows;
     e->calibrationId = frame.calibrationId;
     e->settingsVersion = frame.settingsVersion;
+    e->rangeMin = frame.settings.rangeMin;
+    e->rangeMax = frame.settings.rangeMax;
     const FrameImages images{frame.depth, frame.falseColour, frame.ir, frame.colour, frame.registered, frame.depthB};
     for (const auto& [decimate, mask] : wanted)
         e->blobs[decimate] = EncodeBlobs(images, decimate, mask);

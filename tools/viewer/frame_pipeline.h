@@ -58,6 +58,7 @@ struct EncodedFrame {
     std::string stream;
     int width = 0, height = 0, calibrationId = 0;
     uint64_t settingsVersion = 0;
+    int rangeMin = 0, rangeMax = 0;  // the false colour's range, mm
     std::map<int, std::vector<Blob>> blobs;
 };
 

@@ -574,6 +574,7 @@ private:
                              {"temperature_c", frame->temperatureC},
                              {"calibration_id", frame->calibrationId},
                              {"settings_version", frame->settingsVersion},
+                             {"range", {frame->rangeMin, frame->rangeMax}},
                              {"blobs", blobs}};
         const std::string json = header.dump();
         const uint32_t n = static_cast<uint32_t>(json.size());

@@ -3,6 +3,7 @@
 // drawn by a fragment shader over one quad. Read-outs never come from these pictures:
 // they read the 16-bit data itself.
 import * as THREE from 'three';
+import { falseColourTable } from './false_colour.js';
 
 // A texture of 16-bit depth, re-uploaded in place while the size stays.
 export class DepthTexture {
@@ -61,6 +62,27 @@ export function colourBarTexture(colors) {
   t.minFilter = t.magFilter = THREE.NearestFilter;
   t.needsUpdate = true;
   return t;
+}
+
+// The library's false colour of every 16-bit depth for a range, as a 256 x 256 RGBA
+// texture (depth d at (d & 255, d >> 8)): made again only when the range changes.
+export class FalseColourTexture {
+  constructor() {
+    this.texture = null;
+    this.range = null;
+  }
+
+  of(range) {
+    if (this.texture && this.range[0] === range[0] && this.range[1] === range[1]) return this.texture;
+    this.texture?.dispose();
+    const t = new THREE.DataTexture(falseColourTable(range[0], range[1]), 256, 256, THREE.RGBAFormat, THREE.UnsignedByteType);
+    t.minFilter = t.magFilter = THREE.NearestFilter;
+    t.generateMipmaps = false;
+    t.needsUpdate = true;
+    this.texture = t;
+    this.range = [range[0], range[1]];
+    return t;
+  }
 }
 
 // The table of rays ({width, height, x, y}) as an RG32F texture.

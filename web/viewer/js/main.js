@@ -76,7 +76,7 @@ const framePanels = [cloud, registered, depth, ir, colour, noise, validity, roi,
 // The blobs each frame panel draws from (besides depth, which every frame brings: the
 // read-outs, the cloud, the validity and noise maps and the region read it).
 function needs(panel) {
-  if (panel === depth) return ['false_colour'];
+  if (panel === depth) return [];
   if (panel === ir) return ['ir'];
   if (panel === colour) return ['colour'];
   if (panel === registered) return ['registered', 'colour'];

@@ -1,12 +1,27 @@
-// False-colour depth (the library's colouring, sent as a picture) with its legend:
-// the colour bar and the range of the settings.
+// False-colour depth with its legend (the colour bar and the range of the settings):
+// painted on the GPU from the 16-bit depth with the library's colouring (a table of
+// every depth for the frame's range), so no picture of it crosses the link.
 import { ImagePanel, element } from './panel.js';
 import { describePoint } from '../geometry.js';
+import { FalseColourTexture, frameTextures } from '../gpu.js';
+
+const FRAGMENT = `
+uniform highp usampler2D depth;
+uniform sampler2D table;
+void main() {
+  ivec2 size = textureSize(depth, 0);
+  uint d = texelFetch(depth, min(ivec2(vUv * vec2(size)), size - 1), 0).r;
+  fragColor = vec4(texelFetch(table, ivec2(int(d & 255u), int(d >> 8u)), 0).rgb, 1.0);
+}
+`;
 
 export class DepthPanel extends ImagePanel {
   constructor(parent, view) {
-    super(parent, 'panel-depth', 'Depth', (u, v) => view.depthAt(u, v));
+    super(parent, 'panel-depth', 'Depth', (u, v) => view.depthAt(u, v), {
+      shader: { fragment: FRAGMENT, uniforms: { depth: { value: null }, table: { value: null } } },
+    });
     this.view = view;
+    this.table = new FalseColourTexture();
     this.legendBar = element('canvas', { class: 'legend-bar', width: 360, height: 1 });
     this.legendMin = element('span');
     this.legendMax = element('span');
@@ -14,9 +29,13 @@ export class DepthPanel extends ImagePanel {
   }
 
   update(frame) {
-    const picture = frame.images.false_colour;
-    if (!picture) throw new Error(frame.errors.false_colour || frame.errors.depth || 'the frame carries no depth');
-    this.drawPicture('false_colour', picture);
+    const depth = frame.images.depth;
+    if (!depth) throw new Error(frame.errors.depth || 'the frame carries no depth');
+    // The range the frame was coloured with (a server that does not say: the settings').
+    const range = frame.head.range || this.view.range();
+    this.gpu.uniforms.depth.value = frameTextures.of('depth', depth);
+    this.gpu.uniforms.table.value = this.table.of(range);
+    this.gpu.draw(depth.width, depth.height);
     this.showReadout();
   }
 
