@@ -416,7 +416,7 @@ function readMessages(client) {
   }
 }
 
-// {"type": "options", "decimate": 1|2|4|"auto", "blobs": [...]} or {"type": "credit",
+// {"type": "options", "decimate": 1|2|4|"auto", "blobs": [...], "colour_width": N} or {"type": "credit",
 // "frames": 1..16}, checked as the real server checks them; "" when applied.
 function applyMessage(client, text) {
   let o;
@@ -432,6 +432,10 @@ function applyMessage(client, text) {
   if (o.type !== 'options') return 'unknown message type (options, credit)';
   if (o.decimate !== undefined && o.decimate !== 'auto' && ![1, 2, 4].includes(o.decimate)) return 'decimate takes 1, 2, 4 or "auto"';
   if (o.blobs !== undefined && !Array.isArray(o.blobs)) return 'blobs takes a list of names';
+  if (o.colour_width !== undefined && !(Number.isInteger(o.colour_width) && o.colour_width >= 0 && o.colour_width <= 65535)) {
+    return 'colour_width takes whole pixels, 0 to 65535';
+  }
+  if (o.colour_width !== undefined) client.colourWidth = o.colour_width; // (its colour grid has one size)
   if (o.decimate === 'auto') client.auto ||= { history: 0, observed: 0, finerAfter: 0 };
   else if (o.decimate !== undefined) { client.auto = null; client.decimate = o.decimate; }
   if (o.blobs) client.blobs = o.blobs;

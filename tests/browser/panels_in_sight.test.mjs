@@ -7,7 +7,7 @@
 // source plays. Against the mock or the real server.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { api, canvasStatistics, launchBrowser, openViewer, startServer, until } from './harness.mjs';
+import { api, canvasStatistics, launchBrowser, openViewer, serverKind, startServer, until } from './harness.mjs';
 
 let server;
 let browser;
@@ -21,22 +21,28 @@ after(async () => {
   await server?.stop();
 });
 
-// The names of a frame message's blobs.
-function blobNames(payload) {
+// A frame message's blobs.
+function blobsOf(payload) {
   const n = payload.readUInt32LE(4);
-  return JSON.parse(payload.subarray(8, 8 + n).toString('utf8')).blobs.map((b) => b.name).sort();
+  return JSON.parse(payload.subarray(8, 8 + n).toString('utf8')).blobs;
 }
 
 test('the server is asked for the blobs in sight; a panel scrolled into sight while paused draws the frame shown', async () => {
   const { page, problems } = await openViewer(browser, server, { width: 1280, height: 720 });
   const options = [];
   const received = []; // blob names of each frame message
+  const widths = []; // and their widths, by name
   page.on('websocket', (ws) => {
     ws.on('framesent', ({ payload }) => {
       const m = typeof payload === 'string' ? JSON.parse(payload) : null;
       if (m?.type === 'options') options.push(m);
     });
-    ws.on('framereceived', ({ payload }) => { if (typeof payload !== 'string') received.push(blobNames(payload)); });
+    ws.on('framereceived', ({ payload }) => {
+      if (typeof payload === 'string') return;
+      const blobs = blobsOf(payload);
+      received.push(blobs.map((b) => b.name).sort());
+      widths.push(Object.fromEntries(blobs.map((b) => [b.name, b.width])));
+    });
   });
   await page.reload();
   await api(server, '/api/playback', { action: 'play' });
@@ -46,6 +52,18 @@ test('the server is asked for the blobs in sight; a panel scrolled into sight wh
 
   // At the top: depth, IR, colour and registered depth on colour are in sight.
   await until(async () => lastBlobs() === 'colour depth ir registered', 'the blobs of the panels at the top');
+  // The colour grid's pictures asked for no wider than they are drawn (in steps of 128
+  // device pixels); the real server then sends them at the coarsest of its sizes (1920,
+  // 960 or 480 wide) still as wide.
+  const drawn = await page.evaluate(() => Math.max(...['#panel-colour', '#panel-registered'].map(
+    (id) => document.querySelector(`${id} .picture`).getBoundingClientRect().width * window.devicePixelRatio)));
+  const asked = 128 * Math.ceil(drawn / 128);
+  await until(() => options.filter((m) => m.blobs).at(-1)?.colour_width === asked, `colour_width ${asked}`);
+  if (serverKind === 'real') {
+    const sent = [1920, 960, 480].filter((w) => w >= asked).at(-1);
+    assert.ok(sent < 1920, `${asked} pixels drawn: a smaller colour grid`);
+    await until(() => widths.at(-1)?.registered === sent && widths.at(-1)?.colour === sent, `the colour grid ${sent} wide`);
+  }
   // Paused at K, IR drawn; then out of sight (the bottom of the page: no picture of
   // the top panels) and the source stepped to K + 1.
   const paused = await (await api(server, '/api/playback', { action: 'pause' })).json();

@@ -106,6 +106,33 @@ TEST(ViewerEncoding, BlobsDecodeToTheFramesPicturesInOrder)
     }
 }
 
+TEST(ViewerEncoding, TheColourGridIsNoFinerThanDrawnNorThanItsDecimationAllows)
+{
+    // Not said: full size with full-size depth, else half.
+    EXPECT_EQ(ColourScale(1, 0), 1);
+    EXPECT_EQ(ColourScale(2, 0), 2);
+    EXPECT_EQ(ColourScale(4, 0), 2);
+    // Drawn narrower: the coarsest scale still at least as wide as drawn.
+    EXPECT_EQ(ColourScale(1, 1920), 1);
+    EXPECT_EQ(ColourScale(1, 961), 1);
+    EXPECT_EQ(ColourScale(1, 960), 2);
+    EXPECT_EQ(ColourScale(1, 481), 2);
+    EXPECT_EQ(ColourScale(1, 480), 4);
+    EXPECT_EQ(ColourScale(1, 1), 4);
+    EXPECT_EQ(ColourScale(2, 4000), 2);  // never finer than the decimation's half size
+
+    FrameImages f;
+    f.depth = Noise(480, 640, CV_16UC1, 30);
+    f.colour = Noise(1080, 1920, CV_8UC3, 31);
+    f.registered = Noise(1080, 1920, CV_16UC1, 32);
+    const std::vector<Blob> blobs = EncodeBlobs(f, Layout{1, 4}, 0b011001u);  // depth, colour, registered
+    ASSERT_EQ(blobs.size(), 3u);
+    EXPECT_EQ(cv::Size(blobs[0].width, blobs[0].height), cv::Size(640, 480));
+    EXPECT_EQ(cv::Size(blobs[1].width, blobs[1].height), cv::Size(480, 270));
+    EXPECT_EQ(Decode(blobs[1].bytes).size(), cv::Size(480, 270));
+    EXPECT_TRUE(Same(Inflate16(blobs[2].bytes, 270, 480), EveryKth(f.registered, 4)));
+}
+
 TEST(ViewerEncoding, OnlyTheBlobsAskedForAndThoseTheFrameHas)
 {
     FrameImages f;

@@ -461,6 +461,27 @@ def test_stream_carries_the_protocol(viewer, inputs):
             break
     sizes = {b["name"]: (b["width"], b["height"]) for b in header["blobs"]}
     assert sizes["depth"] == (160, 120) and sizes["colour"] == (960, 540) and sizes["registered"] == (960, 540)
+    # A client drawing the colour grid's pictures 400 pixels wide gets them at a quarter
+    # (480 x 270), whatever its depth's decimation; a bad width changes nothing.
+    ws.send_text('{"type": "options", "colour_width": -1}')
+    while True:
+        opcode, text = ws.message()
+        if opcode == 1 and json.loads(text)["type"] == "error":
+            assert "colour_width" in json.loads(text)["error"]
+            break
+    ws.send_text('{"type": "options", "decimate": 1, "colour_width": 400}')
+    while True:
+        header, blobs = ws.frame()
+        if header["blobs"][0]["width"] == 640:
+            break
+    sizes = {b["name"]: (b["width"], b["height"]) for b in header["blobs"]}
+    assert sizes["colour"] == (480, 270) and sizes["registered"] == (480, 270)
+    assert len(zlib.decompress(blobs["registered"])) == 480 * 270 * 2
+    ws.send_text('{"type": "options", "colour_width": 0}')
+    while True:
+        header, blobs = ws.frame()
+        if {b["name"]: b["width"] for b in header["blobs"]}["colour"] == 1920:
+            break
     ws.close()
 
 

@@ -81,11 +81,24 @@ std::string Jpeg(const cv::Mat& bgr, int quality)
     return std::string(jpeg.begin(), jpeg.end());
 }
 
+int ColourScale(int decimate, int drawnWidth)
+{
+    int scale = decimate == 1 ? 1 : 2;
+    for (int s : kColourScales)
+        if (drawnWidth > 0 && s > scale && kColourWidth / s >= drawnWidth)
+            scale = s;
+    return scale;
+}
+
 std::vector<Blob> EncodeBlobs(const FrameImages& images, int decimate, uint32_t mask)
 {
+    return EncodeBlobs(images, Layout{decimate, ColourScale(decimate, 0)}, mask);
+}
+
+std::vector<Blob> EncodeBlobs(const FrameImages& images, Layout layout, uint32_t mask)
+{
     std::vector<Blob> blobs;
-    // Colour pictures go at half size (960 x 540) unless the client takes every pixel.
-    const int colourScale = decimate == 1 ? 1 : 2;
+    const int decimate = layout.decimate, colourScale = layout.colourScale;
     for (size_t b = 0; b < kBlobNames.size(); ++b) {
         if (!(mask & (1u << b)))
             continue;
@@ -109,7 +122,8 @@ std::vector<Blob> EncodeBlobs(const FrameImages& images, int decimate, uint32_t 
             if (colourScale == 1)
                 image = images.colour;
             else
-                cv::resize(images.colour, image, cv::Size(images.colour.cols / 2, images.colour.rows / 2), 0, 0,
+                cv::resize(images.colour, image,
+                           cv::Size(images.colour.cols / colourScale, images.colour.rows / colourScale), 0, 0,
                            cv::INTER_AREA);
             blob.encoding = "jpeg";
             blob.bytes = Jpeg(image, 80);

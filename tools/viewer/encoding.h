@@ -18,6 +18,27 @@ namespace qvrecon::viewer {
 constexpr std::array<const char*, 6> kBlobNames = {"depth", "false_colour", "ir", "colour", "registered", "depth_b"};
 constexpr std::array<int, 3> kDecimations = {1, 2, 4};
 
+// The colour grid's pictures (colour and registered depth) are 1920 x 1080 at scale 1,
+// 960 x 540 at 2 and 480 x 270 at 4.
+constexpr int kColourWidth = 1920;
+constexpr std::array<int, 3> kColourScales = {1, 2, 4};
+
+// The colour grid's scale for a client: half size unless its depth is at full size,
+// and no finer than it needs to draw the pictures `drawnWidth` pixels wide (0: the
+// client did not say).
+int ColourScale(int decimate, int drawnWidth);
+
+// How one client's blobs are sized; a frame is encoded once per layout in use.
+struct Layout {
+    int decimate = 1;
+    int colourScale = 1;
+    bool operator<(const Layout& o) const
+    {
+        return decimate != o.decimate ? decimate < o.decimate : colourScale < o.colourScale;
+    }
+    bool operator==(const Layout& o) const { return decimate == o.decimate && colourScale == o.colourScale; }
+};
+
 struct Blob {
     std::string name, encoding;
     int width = 0, height = 0;
@@ -34,10 +55,12 @@ struct FrameImages {
     cv::Mat depthB;       // CV_16UC1, mm: the A/B comparison's B side, empty while it is off
 };
 
-// The blobs of `mask` (bit i: kBlobNames[i]) at one decimation, as a client receives
+// The blobs of `mask` (bit i: kBlobNames[i]) in one layout, as a client receives
 // them: depth as u16-deflate, false colour and IR as PNG, colour as JPEG and registered
-// depth and B's depth as u16-deflate, the colour grid's two at half size unless `decimate` is 1.
-// Blobs of parts the frame lacks are left out.
+// depth and B's depth as u16-deflate; the depth grid's decimated, the colour grid's two
+// at the layout's colour scale. Blobs of parts the frame lacks are left out.
+std::vector<Blob> EncodeBlobs(const FrameImages& images, Layout layout, uint32_t mask);
+// (The colour grid at ColourScale(decimate, 0).)
 std::vector<Blob> EncodeBlobs(const FrameImages& images, int decimate, uint32_t mask);
 
 // Every `factor`-th pixel of every `factor`-th row, starting at (0, 0).

@@ -671,9 +671,9 @@ cv::Mat Pipeline::Convert(const SourceFrame& f, bool filter, qvapi::FlipMode fli
 
 void Pipeline::Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket)
 {
-    std::map<int, uint32_t> wanted;
+    std::map<Layout, uint32_t> wanted;
     for (const auto& [client, w] : wants_)
-        wanted[w.decimate] |= w.blobs;
+        wanted[w.Sizes()] |= w.blobs;
     if (frame && wanted.empty()) {
         // Nobody watches: nothing to encode, and the encoder's figures fall to 0.
         frame.reset();
@@ -729,7 +729,7 @@ void Pipeline::RunEncoder()
     }
 }
 
-std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted)
+std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame, const std::map<Layout, uint32_t>& wanted)
 {
     auto e = std::make_shared<EncodedFrame>();
     e->index = frame.index;
@@ -743,8 +743,8 @@ std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame
     e->rangeMin = frame.settings.rangeMin;
     e->rangeMax = frame.settings.rangeMax;
     const FrameImages images{frame.depth, frame.falseColour, frame.ir, frame.colour, frame.registered, frame.depthB};
-    for (const auto& [decimate, mask] : wanted)
-        e->blobs[decimate] = EncodeBlobs(images, decimate, mask);
+    for (const auto& [layout, mask] : wanted)
+        e->blobs[layout] = EncodeBlobs(images, layout, mask);
     return e;
 }
 

@@ -32,6 +32,8 @@ namespace qvrecon::viewer {
 struct ClientWants {
     int decimate = 1;
     uint32_t blobs = (1u << kBlobNames.size()) - 1;  // bit i: kBlobNames[i]
+    int colourWidth = 0;  // how wide it draws the colour grid's pictures; 0: not said
+    Layout Sizes() const { return {decimate, ColourScale(decimate, colourWidth)}; }
 };
 
 // One frame through the library: everything a snapshot needs.
@@ -51,7 +53,7 @@ struct ProcessedFrame {
     std::shared_ptr<const std::vector<float>> rays;  // rayX, rayY, rayZ per pixel
 };
 
-// A frame's blobs, encoded once for every client: per decimation, the blobs wanted.
+// A frame's blobs, encoded once for every client: per layout, the blobs wanted.
 struct EncodedFrame {
     uint64_t index = 0, timeNs = 0;
     float temperatureC = 0.0f;
@@ -59,7 +61,7 @@ struct EncodedFrame {
     int width = 0, height = 0, calibrationId = 0;
     uint64_t settingsVersion = 0;
     int rangeMin = 0, rangeMax = 0;  // the false colour's range, mm
-    std::map<int, std::vector<Blob>> blobs;
+    std::map<Layout, std::vector<Blob>> blobs;
 };
 
 struct PipelineOptions {
@@ -111,7 +113,7 @@ private:
     // to `ticket` after it. Called with m_ held; never waits.
     void Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket);
     void RunEncoder();
-    std::shared_ptr<const EncodedFrame> Encode(const ProcessedFrame& frame, const std::map<int, uint32_t>& wanted);
+    std::shared_ptr<const EncodedFrame> Encode(const ProcessedFrame& frame, const std::map<Layout, uint32_t>& wanted);
     void Finish(uint64_t upToTicket);
     uint64_t WrapIndex(int64_t index) const;
     // Frame f's depth with the library as prepared, the filter on or off.
@@ -149,7 +151,7 @@ private:
     // the frame waiting, or the one being encoded, has gone to the sink.
     struct Mail {
         std::shared_ptr<const ProcessedFrame> frame;
-        std::map<int, uint32_t> wanted;  // decimation -> blobs, when handed over
+        std::map<Layout, uint32_t> wanted;  // layout -> blobs, when handed over
         uint64_t ticket = 0;
         bool full = false;
     } mail_;

@@ -374,7 +374,7 @@ public:
                 server_->pipeline.SetWants(id_, wants_);
             }
         }
-        if (frame->blobs.find(wants_.decimate) == frame->blobs.end())
+        if (frame->blobs.find(wants_.Sizes()) == frame->blobs.end())
             return;  // encoded before this client's options arrived
         if (pending_)
             ++dropped_;
@@ -401,6 +401,7 @@ public:
                 {"bytes", bytes_},
                 {"pending", pending_ != nullptr},
                 {"decimate", wants_.decimate},
+                {"colour_scale", wants_.Sizes().colourScale},
                 {"auto", auto_.has_value()},
                 {"credit", credit_ ? Json(*credit_) : Json(nullptr)}};
     }
@@ -484,7 +485,7 @@ private:
         return "";
     }
 
-    // {"type": "options", "decimate": 1|2|4|"auto", "blobs": [names]}
+    // {"type": "options", "decimate": 1|2|4|"auto", "blobs": [names], "colour_width": pixels}
     std::string ApplyOptions(const Json& j)
     {
         ClientWants next = wants_;
@@ -513,8 +514,12 @@ private:
                         return "unknown blob (depth, false_colour, ir, colour, registered, depth_b)";
                     next.blobs |= 1u << b;
                 }
+            } else if (key == "colour_width") {
+                if (!value.is_number_integer() || value < 0 || value > 65535)
+                    return "colour_width takes whole pixels, 0 to 65535";
+                next.colourWidth = value.get<int>();
             } else {
-                return "unknown option '" + key + "' (decimate, blobs)";
+                return "unknown option '" + key + "' (decimate, blobs, colour_width)";
             }
         }
         wants_ = next;
@@ -542,8 +547,8 @@ private:
             return;
         std::shared_ptr<const EncodedFrame> next = std::move(pending_);
         pending_.reset();
-        if (next->blobs.find(wants_.decimate) == next->blobs.end()) {
-            ++dropped_;  // encoded for the decimation this client used before
+        if (next->blobs.find(wants_.Sizes()) == next->blobs.end()) {
+            ++dropped_;  // encoded for the layout this client used before
             return;
         }
         WriteFrame(next);
@@ -551,7 +556,7 @@ private:
 
     void WriteFrame(const std::shared_ptr<const EncodedFrame>& frame)
     {
-        const std::vector<Blob>& all = frame->blobs.at(wants_.decimate);
+        const std::vector<Blob>& all = frame->blobs.at(wants_.Sizes());
         Json blobs = Json::array();
         std::vector<asio::const_buffer> buffers(1);
         uint64_t offset = 0;

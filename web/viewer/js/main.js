@@ -91,14 +91,16 @@ function decoding() {
   for (const panel of framePanels) if (panel.visible) for (const b of needs(panel)) blobs.add(b);
   return { blobs: [...blobs], noise: noise.visible, validity: validity.visible, drawn: { colour: colourWidth() } };
 }
-// The colour picture is decoded no wider than the widest panel in sight draws it (in
-// device pixels, in steps of 128 so that small changes of layout decode nothing anew):
-// the 1920 x 1080 picture drawn 400 pixels wide costs a fraction to decode and upload.
-// The cloud coloured by it shows no finer colour than its own width holds.
+// The colour grid's pictures are sent (colour and registered depth: the server picks
+// 1920, 960 or 480 pixels wide) and decoded no wider than the widest panel in sight
+// draws them (in device pixels, in steps of 128 so that small changes of layout
+// change nothing): the 1920 x 1080 pictures drawn 400 pixels wide cost a fraction to
+// encode, send, inflate, decode and upload. The cloud coloured by them shows no finer
+// colour than its own width holds.
 function colourWidth() {
   let widest = 0;
   for (const panel of [colour, registered, cloud]) {
-    if (!panel.visible || !needs(panel).includes('colour')) continue;
+    if (!panel.visible || !needs(panel).some((b) => b === 'colour' || b === 'registered')) continue;
     widest = Math.max(widest, panel.picture.getBoundingClientRect().width);
   }
   return widest ? 128 * Math.ceil((widest * window.devicePixelRatio) / 128) : 0;
@@ -116,12 +118,12 @@ let asked = '';
 function ask(again) {
   const d = decoding();
   stream.setDecoding({ ...d, again });
-  const key = [...d.blobs].sort().join();
+  const key = `${[...d.blobs].sort().join()} ${d.drawn.colour}`;
   if (key === asked) return;
-  const before = new Set(asked.split(','));
+  const before = new Set(asked.split(' ')[0].split(','));
   for (const b of d.blobs) if (!before.has(b)) askedAt.set(b, stream.received);
   asked = key;
-  stream.setOptions({ blobs: d.blobs });
+  stream.setOptions({ blobs: d.blobs, colour_width: d.drawn.colour });
 }
 function late(panel, frame) {
   if (panel === ab) return false; // it draws what it has: frames carry B only with A/B on
