@@ -19,7 +19,10 @@
 //   encode_half          every blob at decimation 2 (colour and registered depth at
 //                        960 x 540), what the page receives at "1/2"
 //   encode_full          every blob at decimation 1 (the 1920 x 1080 colour JPEG and
-//                        registered depth), what the page asks for by default
+//                        registered depth)
+//   encode_page          what the page asks for at full size with every picture in
+//                        sight: depth, IR, colour and registered depth at decimation 1,
+//                        the colour grid drawn 384 pixels wide (480 x 270)
 // (The encode operations are there where the tool is built.)
 #include <cstdint>
 #include <cstdio>
@@ -56,7 +59,7 @@ int main(int argc, char** argv)
 {
     std::string ops = "dual dual_nofilter binned single edge ir cloud colour register record";
 #ifdef QV_FRAME_OPS_ENCODE
-    ops += " encode_light encode_half encode_full";
+    ops += " encode_light encode_half encode_full encode_page";
 #endif
     if (argc != 3)
         return Fail("usage: qv_frame_ops OP N, OP one of: " + ops);
@@ -127,9 +130,12 @@ int main(int argc, char** argv)
         delete[] colour;
         delete[] entry;
     }
-    const int decimate = op == "encode_full" ? 1 : 2;
+    const int decimate = op == "encode_full" || op == "encode_page" ? 1 : 2;
+    const qvrecon::viewer::Layout layout{decimate, qvrecon::viewer::ColourScale(decimate, op == "encode_page" ? 384 : 0)};
     const uint32_t everyBlob = (1u << qvrecon::viewer::kBlobNames.size()) - 1;
-    const uint32_t blobs = op == "encode_light" ? 0b111u : everyBlob;  // depth, false colour, IR
+    const uint32_t blobs = op == "encode_light"  ? 0b111u     // depth, false colour, IR
+                           : op == "encode_page" ? 0b11101u  // depth, IR, colour, registered
+                                                 : everyBlob;
 #endif
 
     // The recording's file, opened before the calls and closed (and removed) after them.
@@ -172,7 +178,7 @@ int main(int argc, char** argv)
             delete[] rgb;
 #ifdef QV_FRAME_OPS_ENCODE
         } else if (encode) {
-            for (const qvrecon::viewer::Blob& b : qvrecon::viewer::EncodeBlobs(images, decimate, blobs))
+            for (const qvrecon::viewer::Blob& b : qvrecon::viewer::EncodeBlobs(images, layout, blobs))
                 checksum += b.bytes.size();
 #endif
         } else if (op == "record") {

@@ -11,7 +11,10 @@ measures over SECONDS: the server process's CPU time (user + system, all its thr
 (the pipeline alone) and with 1 and 4 WebSocket clients that read everything as fast as
 they can, each with one set of stream options:
 
-    full   every blob at decimation 1 (what the page asks for by default)
+    full   every blob at decimation 1
+    page   what the page asks for at 1600 x 1000 with every picture in sight: depth,
+           IR, colour and registered depth at decimation 1, the colour grid drawn
+           384 pixels wide (480 x 270 on the link)
     half   every blob at decimation 2 (the page's "1/2"; colour at 960 x 540)
     light  depth, false colour and IR at decimation 2
 
@@ -44,6 +47,7 @@ import urllib.request
 
 OPTIONS = {
     "full": {"type": "options", "decimate": 1},
+    "page": {"type": "options", "decimate": 1, "blobs": ["depth", "ir", "colour", "registered"], "colour_width": 384},
     "half": {"type": "options", "decimate": 2},
     "light": {"type": "options", "decimate": 2, "blobs": ["depth", "false_colour", "ir"]},
 }
@@ -267,7 +271,7 @@ def main():
                    help="frames of the recording, played in a loop (at least 10)")
     p.add_argument("--recording", help="a recording to play instead of a new simulated one")
     p.add_argument("--clients", default="0,1,4")
-    p.add_argument("--options", default="full,half,light", help=f"client options among {','.join(OPTIONS)}")
+    p.add_argument("--options", default="full,page,half,light", help=f"client options among {','.join(OPTIONS)}")
     a = p.parse_args()
     counts = [int(c) for c in a.clients.split(",")]
     names = a.options.split(",")

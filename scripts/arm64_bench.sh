@@ -25,7 +25,7 @@ n1=${N1:-1}
 n2=${N2:-5}
 ops=("$@")
 [ ${#ops[@]} -gt 0 ] || ops=(dual dual_nofilter binned single edge ir cloud colour register record encode_light encode_half
-  encode_full)
+  encode_full encode_page)
 count() {
   "$counter" -L "$sysroot" -E "$env_path" "$build/bench/qv_frame_ops" "$1" "$2" 2>&1 >/dev/null |
     awk '/^instructions / { n = $2 } END { print n }'
