@@ -3,8 +3,9 @@
 // only those, and a panel scrolled into sight while the source is paused draws the
 // frame shown (not the picture it held before) without an error; paused, the same
 // frame again updates no picture, and a change to the cloud redraws it while the other
-// pictures stay as they were; without a GPU the cloud draws fewer points while the
-// source plays. Against the mock or the real server.
+// pictures stay as they were, and the page left alone asks for no animation frames;
+// without a GPU the cloud draws fewer points while the source plays. Against the mock
+// or the real server.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { api, canvasStatistics, launchBrowser, openViewer, serverKind, startServer, until } from './harness.mjs';
@@ -98,7 +99,7 @@ test('the server is asked for the blobs in sight; a panel scrolled into sight wh
   assert.deepEqual(problems, []);
 });
 
-test('paused, the same frame again redraws no picture, and a change to the cloud redraws it alone', async () => {
+test('paused, the same frame again redraws no picture, a change to the cloud redraws it alone, and nothing runs left alone', async () => {
   const { page, problems } = await openViewer(browser, server, { width: 1600, height: 1000 });
   await until(() => page.evaluate(() => document.body.dataset.frameIndex), 'a first frame');
   await page.selectOption('#set-decimate', '1');
@@ -146,6 +147,18 @@ test('paused, the same frame again redraws no picture, and a change to the cloud
     assert.equal(turned[i].sum, before[i].sum, `${panels[i]} unchanged by the turn`);
   }
   assert.equal((await counters()).pictureUpdates, again.pictureUpdates, 'no picture updated from a frame');
+
+  // Paused and left alone, the page asks for no animation frames (each one makes the
+  // browser produce and composite a frame: without a GPU a tenth of a core for nothing).
+  const asked = await page.evaluate(async () => {
+    let n = 0;
+    const ask = window.requestAnimationFrame;
+    window.requestAnimationFrame = (f) => { n++; return ask.call(window, f); };
+    await new Promise((r) => setTimeout(r, 1500));
+    window.requestAnimationFrame = ask;
+    return n;
+  });
+  assert.ok(asked <= 3, `${asked} animation frames asked for in 1.5 s, paused`);
   await page.close();
   assert.deepEqual(problems, []);
 });

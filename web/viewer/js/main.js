@@ -219,10 +219,16 @@ function onFrame(frame) {
   counters.skippedInWorker = frame.skippedInWorker ?? 0;
   counters.workerMs = frame.workerMs;
   loadRays(frame.head.calibration_id);
+  if (!drawAsked) {
+    drawAsked = true;
+    requestAnimationFrame(draw);
+  }
 }
 
+// Draws the newest frame at the next animation frame (asked for only when one came).
+let drawAsked = false;
 function draw() {
-  requestAnimationFrame(draw);
+  drawAsked = false;
   if (!pending) return;
   const frame = pending;
   pending = null;
@@ -250,7 +256,6 @@ function draw() {
   displayed++;
   counters.displayed++;
 }
-requestAnimationFrame(draw);
 
 // Once a second: the rates of the last second; the link's figures count every frame
 // message, decoded or not.
