@@ -1,13 +1,12 @@
 // Temporal noise: the standard deviation of each pixel's depth over the last N frames
 // (population σ); pixels without depth in any of them get -1. Running sums over the
-// window: each frame adds its depths and removes the oldest's, two passes a frame
-// whatever the window. A repeated frame (a paused source) adds nothing.
+// window: each frame adds its depths, removes the oldest's and gives every σ in one
+// pass, whatever the window. A repeated frame (a paused source) adds nothing.
 export class NoiseWindow {
   constructor(frames = 16) {
     this.frames = frames;
     this.history = [];
     this.sum = null;
-    this.last = null;
   }
 
   setWindow(frames) {
@@ -19,7 +18,6 @@ export class NoiseWindow {
   // Forgets the frames so far: the next one starts a new window.
   restart() {
     this.sum = null;
-    this.last = null;
   }
 
   reset(n) {
@@ -29,34 +27,56 @@ export class NoiseWindow {
     this.invalid = new Uint16Array(n);
   }
 
-  // depth: {width, height, data}; returns {sigma: Float32Array, top, frames, width, height}.
+  // depth: {width, height, data}; returns {sigma: Float32Array, top, frames, width, height},
+  // sigma the caller's own (it may be transferred).
   add(depth, index) {
     const n = depth.width * depth.height;
     const last = this.history.at(-1);
     if (!this.sum || this.sum.length !== n || (last && last.width !== depth.width)) this.reset(n);
-    else if (last && last.index === index && this.last) return this.copy(this.last);
-    this.history.push({ data: depth.data.slice(), width: depth.width, index });
-    this.account(this.history.at(-1).data, 1);
-    while (this.history.length > this.frames) this.account(this.history.shift().data, -1);
+    else if (last && last.index === index) return this.figures(null, null, depth);
+    const data = depth.data.slice();
+    this.history.push({ data, width: depth.width, index });
+    // (One frame leaves a full window; more only if it was made shorter, which restarts.)
+    while (this.history.length > this.frames + 1) this.account(this.history.shift().data, -1);
+    const old = this.history.length > this.frames ? this.history.shift().data : null;
+    return this.figures(data, old, depth);
+  }
+
+  // Adds the frame `data` and removes `old` (each may be null), and gives the σ of
+  // every pixel over the window: one pass over the pixels.
+  figures(data, old, { width, height }) {
+    const n = width * height;
     const k = this.history.length;
+    const { sum, sum2, invalid } = this;
     const sigma = new Float32Array(n);
     let top = 0;
     for (let i = 0; i < n; i++) {
-      if (this.invalid[i] !== 0 || k < 2) {
+      if (data) {
+        const d = data[i];
+        if (d <= 1) invalid[i]++;
+        else {
+          sum[i] += d;
+          sum2[i] += d * d;
+        }
+      }
+      if (old) {
+        const o = old[i];
+        if (o <= 1) invalid[i]--;
+        else {
+          sum[i] -= o;
+          sum2[i] -= o * o;
+        }
+      }
+      if (invalid[i] !== 0 || k < 2) {
         sigma[i] = -1;
         continue;
       }
-      const mean = this.sum[i] / k;
-      const s = Math.sqrt(Math.max(0, this.sum2[i] / k - mean * mean));
+      const mean = sum[i] / k;
+      const s = Math.sqrt(Math.max(0, sum2[i] / k - mean * mean));
       sigma[i] = s;
       if (s > top) top = s;
     }
-    this.last = { sigma, top, frames: k, width: depth.width, height: depth.height };
-    return this.copy(this.last);
-  }
-
-  copy(r) {
-    return { ...r, sigma: r.sigma.slice() };
+    return { sigma, top, frames: k, width, height };
   }
 
   account(data, sign) {
