@@ -149,10 +149,29 @@ function depthB(d) {
 
 const u16Deflate = (a) => zlib.deflateSync(Buffer.from(a.buffer, a.byteOffset, a.byteLength));
 
-// Encoded frames are cached per frame, settings version and decimation: the loop is short.
+// The mock's colour grid is 960 x 540 at most; a client that says how wide it draws
+// it (colour_width) gets it halved while it stays as wide, down to a quarter.
+function colourScale(width) {
+  let s = 1;
+  while (width > 0 && s < 4 && CW / (2 * s) >= width) s *= 2;
+  return s;
+}
+
+// Every s-th pixel of every s-th row of an interleaved picture of `channels` bytes a pixel.
+function decimateBytes(b, w, h, s, channels) {
+  if (s === 1) return b;
+  const out = Buffer.alloc((w / s) * (h / s) * channels);
+  for (let r = 0; r < h / s; r++) {
+    for (let c = 0; c < w / s; c++) b.copy(out, (r * (w / s) + c) * channels, (r * s * w + c * s) * channels, (r * s * w + c * s + 1) * channels);
+  }
+  return out;
+}
+
+// Encoded frames are cached per frame, settings version, decimation and colour scale:
+// the loop is short.
 const cache = new Map();
-function encodedFrame(k, dec) {
-  const key = `${k}/${state.settingsVersion}/${dec}`;
+function encodedFrame(k, dec, cs = 1) {
+  const key = `${k}/${state.settingsVersion}/${dec}/${cs}`;
   let m = cache.get(key);
   if (m) return m;
   if (cache.size > 200) cache.clear();
@@ -163,8 +182,8 @@ function encodedFrame(k, dec) {
     ['depth', 'u16-deflate', w, h, u16Deflate(dd)],
     ['false_colour', 'png', w, h, falseColour(dd, w, h)],
     ['ir', 'png', W, H, encodePng(irImage(k), W, H, 'grey8')],
-    ['colour', 'png', CW, CH, encodePng(colourImage(k), CW, CH, 'rgb8')],
-    ['registered', 'u16-deflate', CW, CH, u16Deflate(registeredImage(d))],
+    ['colour', 'png', CW / cs, CH / cs, encodePng(decimateBytes(colourImage(k), CW, CH, cs, 3), CW / cs, CH / cs, 'rgb8')],
+    ['registered', 'u16-deflate', CW / cs, CH / cs, u16Deflate(decimate(registeredImage(d), CW, CH, cs))],
   ];
   const db = state.settings.ab ? depthB(d) : null;
   if (db) blobs.push(['depth_b', 'u16-deflate', w, h, u16Deflate(decimate(db, W, H, dec))]);
@@ -435,7 +454,7 @@ function applyMessage(client, text) {
   if (o.colour_width !== undefined && !(Number.isInteger(o.colour_width) && o.colour_width >= 0 && o.colour_width <= 65535)) {
     return 'colour_width takes whole pixels, 0 to 65535';
   }
-  if (o.colour_width !== undefined) client.colourWidth = o.colour_width; // (its colour grid has one size)
+  if (o.colour_width !== undefined) client.colourWidth = o.colour_width;
   if (o.decimate === 'auto') client.auto ||= { history: 0, observed: 0, finerAfter: 0 };
   else if (o.decimate !== undefined) { client.auto = null; client.decimate = o.decimate; }
   if (o.blobs) client.blobs = o.blobs;
@@ -475,7 +494,7 @@ function flush(client) {
   const k = client.pending;
   client.pending = null;
   if (client.credit !== null) client.credit--;
-  const message = frameMessage(encodedFrame(k, client.decimate), client.blobs);
+  const message = frameMessage(encodedFrame(k, client.decimate, colourScale(client.colourWidth ?? 0)), client.blobs);
   client.sent++;
   client.bytes += message.length;
   wsSend(client, 2, message);
