@@ -436,6 +436,23 @@ def test_stalled_client_neither_queues_nor_holds_up_another(viewer, inputs):
     good.close()
 
 
+def _next_error(ws):
+    """The text of the next error message on the stream (frames and statuses skipped)."""
+    while True:
+        opcode, text = ws.message()
+        if opcode == 1 and json.loads(text)["type"] == "error":
+            return json.loads(text)["error"]
+
+
+def _next_frame_with(ws, widths):
+    """The next frame whose blobs have these widths ({name: width}): (header, blobs, sizes)."""
+    while True:
+        header, blobs = ws.frame()
+        sizes = {b["name"]: (b["width"], b["height"]) for b in header["blobs"]}
+        if all(sizes[name][0] == w for name, w in widths.items()):
+            return header, blobs, sizes
+
+
 def test_stream_carries_the_protocol(viewer, inputs):
     v = viewer(str(inputs / "session.mcap"))
     ws = WebSocket(v.port)
@@ -450,38 +467,20 @@ def test_stream_carries_the_protocol(viewer, inputs):
     assert len(zlib.decompress(blobs["registered"])) == 1920 * 1080 * 2
     assert blobs["false_colour"][:4] == b"\x89PNG" and blobs["colour"][:2] == b"\xff\xd8"
     ws.send_text('{"type": "options", "decimate": 3}')
-    while True:
-        opcode, text = ws.message()
-        if opcode == 1 and json.loads(text)["type"] == "error":
-            break
+    assert "decimate" in _next_error(ws)
     ws.send_text('{"type": "options", "decimate": 4}')
-    while True:
-        header, blobs = ws.frame()
-        if header["blobs"][0]["width"] == 160:
-            break
-    sizes = {b["name"]: (b["width"], b["height"]) for b in header["blobs"]}
+    header, blobs, sizes = _next_frame_with(ws, {"depth": 160})
     assert sizes["depth"] == (160, 120) and sizes["colour"] == (960, 540) and sizes["registered"] == (960, 540)
     # A client drawing the colour grid's pictures 400 pixels wide gets them at a quarter
     # (480 x 270), whatever its depth's decimation; a bad width changes nothing.
     ws.send_text('{"type": "options", "colour_width": -1}')
-    while True:
-        opcode, text = ws.message()
-        if opcode == 1 and json.loads(text)["type"] == "error":
-            assert "colour_width" in json.loads(text)["error"]
-            break
+    assert "colour_width" in _next_error(ws)
     ws.send_text('{"type": "options", "decimate": 1, "colour_width": 400}')
-    while True:
-        header, blobs = ws.frame()
-        if header["blobs"][0]["width"] == 640:
-            break
-    sizes = {b["name"]: (b["width"], b["height"]) for b in header["blobs"]}
+    header, blobs, sizes = _next_frame_with(ws, {"depth": 640})
     assert sizes["colour"] == (480, 270) and sizes["registered"] == (480, 270)
     assert len(zlib.decompress(blobs["registered"])) == 480 * 270 * 2
     ws.send_text('{"type": "options", "colour_width": 0}')
-    while True:
-        header, blobs = ws.frame()
-        if {b["name"]: b["width"] for b in header["blobs"]}["colour"] == 1920:
-            break
+    _next_frame_with(ws, {"colour": 1920, "registered": 1920})
     ws.close()
 
 

@@ -136,6 +136,12 @@ vec4 depthColour(uint d) {
 }
 `;
 
+const TEXEL_UNDER_GLSL = `
+ivec2 texelUnder(ivec2 size) {
+  return min(ivec2(vUv * vec2(size)), size - 1);
+}
+`;
+
 const QUAD_VERTEX = `
 out vec2 vUv;
 void main() {
@@ -261,7 +267,8 @@ export function gpuSurface() {
 
 // A picture drawn by one fragment shader in the rectangle of element (whose aspect
 // ratio it sets to the picture's). fragment declares its uniforms and writes
-// fragColor from vUv (0..1, row 0 at the top).
+// fragColor from vUv (0..1, row 0 at the top); texelUnder(size) is the pixel under vUv
+// of a picture of that size, for texelFetch (each drawn pixel shows one of the picture's).
 export class ShaderView {
   constructor(element, fragment, uniforms) {
     this.element = element;
@@ -269,7 +276,7 @@ export class ShaderView {
       glslVersion: THREE.GLSL3,
       uniforms,
       vertexShader: QUAD_VERTEX,
-      fragmentShader: `precision highp float;\nprecision highp usampler2D;\nin vec2 vUv;\nout vec4 fragColor;\n${fragment}`,
+      fragmentShader: `precision highp float;\nprecision highp usampler2D;\nin vec2 vUv;\nout vec4 fragColor;\n${TEXEL_UNDER_GLSL}${fragment}`,
       depthTest: false,
       depthWrite: false,
     });

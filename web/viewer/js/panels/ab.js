@@ -11,8 +11,7 @@ const DEPTH_FRAGMENT = `
 uniform highp usampler2D depth;
 ${DEPTH_COLOUR_GLSL}
 void main() {
-  ivec2 size = textureSize(depth, 0);
-  vec4 c = depthColour(texelFetch(depth, min(ivec2(vUv * vec2(size)), size - 1), 0).r);
+  vec4 c = depthColour(texelFetch(depth, texelUnder(textureSize(depth, 0)), 0).r);
   fragColor = c.a > 0.0 ? c : vec4(vec3(24.0 / 255.0), 1.0);
 }
 `;
@@ -29,8 +28,7 @@ uniform highp usampler2D depthA;
 uniform highp usampler2D depthB;
 uniform float span;
 void main() {
-  ivec2 size = textureSize(depthA, 0);
-  ivec2 p = min(ivec2(vUv * vec2(size)), size - 1);
+  ivec2 p = texelUnder(textureSize(depthA, 0));
   uint a = texelFetch(depthA, p, 0).r;
   uint b = texelFetch(depthB, p, 0).r;
   vec3 c;

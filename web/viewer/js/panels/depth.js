@@ -9,8 +9,7 @@ const FRAGMENT = `
 uniform highp usampler2D depth;
 uniform sampler2D table;
 void main() {
-  ivec2 size = textureSize(depth, 0);
-  uint d = texelFetch(depth, min(ivec2(vUv * vec2(size)), size - 1), 0).r;
+  uint d = texelFetch(depth, texelUnder(textureSize(depth, 0)), 0).r;
   fragColor = vec4(texelFetch(table, ivec2(int(d & 255u), int(d >> 8u)), 0).rgb, 1.0);
 }
 `;

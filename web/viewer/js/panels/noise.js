@@ -9,8 +9,7 @@ const FRAGMENT = `
 uniform highp sampler2D sigma;
 uniform float top;
 void main() {
-  ivec2 size = textureSize(sigma, 0);
-  float s = texelFetch(sigma, min(ivec2(vUv * vec2(size)), size - 1), 0).r;
+  float s = texelFetch(sigma, texelUnder(textureSize(sigma, 0)), 0).r;
   if (s < 0.0) fragColor = vec4(60.0, 20.0, 30.0, 255.0) / 255.0; // dark red: no depth
   else fragColor = vec4(vec3(floor(255.0 * min(1.0, s / top)) / 255.0), 1.0);
 }

@@ -11,8 +11,7 @@ uniform bool hasColour;
 uniform float opacity;
 ${DEPTH_COLOUR_GLSL}
 void main() {
-  ivec2 size = textureSize(depth, 0);
-  ivec2 p = min(ivec2(vUv * vec2(size)), size - 1);
+  ivec2 p = texelUnder(textureSize(depth, 0));
   vec3 under = hasColour ? texture(colour, vUv).rgb : vec3(0.0);
   vec4 over = depthColour(texelFetch(depth, p, 0).r);
   fragColor = vec4(mix(under, over.rgb, over.a * opacity), 1.0);

@@ -7,8 +7,7 @@ const FRAGMENT = `
 uniform highp usampler2D depth;
 uniform vec2 range;
 void main() {
-  ivec2 size = textureSize(depth, 0);
-  uint d = texelFetch(depth, min(ivec2(vUv * vec2(size)), size - 1), 0).r;
+  uint d = texelFetch(depth, texelUnder(textureSize(depth, 0)), 0).r;
   if (d == 0u) fragColor = vec4(40.0, 110.0, 255.0, 255.0) / 255.0;
   else if (d == 1u) fragColor = vec4(255.0, 40.0, 200.0, 255.0) / 255.0;
   else {
