@@ -167,12 +167,15 @@ class WebSocket:
             if b0 & 0x80:
                 return opcode, b"".join(parts)
 
-    def frame(self):
-        """The next frame message, decoded: (header, {name: bytes})."""
+    def frame(self, limit=300):
+        """The next frame message, decoded: (header, {name: bytes}). Statuses keep the
+        link busy without frames: after `limit` seconds without one, the test fails."""
+        end = time.monotonic() + limit
         while True:
             opcode, payload = self.message()
             if opcode == 2:
                 break
+            assert time.monotonic() < end, f"no frame on the stream in {limit} s"
         assert payload[:4] == b"QVF1"
         n = struct.unpack("<I", payload[4:8])[0]
         header = json.loads(payload[8:8 + n])
@@ -436,21 +439,25 @@ def test_stalled_client_neither_queues_nor_holds_up_another(viewer, inputs):
     good.close()
 
 
-def _next_error(ws):
+def _next_error(ws, limit=300):
     """The text of the next error message on the stream (frames and statuses skipped)."""
-    while True:
+    end = time.monotonic() + limit
+    while time.monotonic() < end:
         opcode, text = ws.message()
         if opcode == 1 and json.loads(text)["type"] == "error":
             return json.loads(text)["error"]
+    raise AssertionError(f"no error message in {limit} s")
 
 
-def _next_frame_with(ws, widths):
+def _next_frame_with(ws, widths, limit=300):
     """The next frame whose blobs have these widths ({name: width}): (header, blobs, sizes)."""
-    while True:
+    end = time.monotonic() + limit
+    while time.monotonic() < end:
         header, blobs = ws.frame()
         sizes = {b["name"]: (b["width"], b["height"]) for b in header["blobs"]}
         if all(sizes[name][0] == w for name, w in widths.items()):
             return header, blobs, sizes
+    raise AssertionError(f"no frame with widths {widths} in {limit} s")
 
 
 def test_stream_carries_the_protocol(viewer, inputs):
