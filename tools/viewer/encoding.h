@@ -36,7 +36,6 @@ struct Layout {
     {
         return decimate != o.decimate ? decimate < o.decimate : colourScale < o.colourScale;
     }
-    bool operator==(const Layout& o) const { return decimate == o.decimate && colourScale == o.colourScale; }
 };
 
 struct Blob {

@@ -114,15 +114,14 @@ window.addEventListener('resize', () => ask(false));
 // none. A paused source sends its frame again when the blobs change.
 const LATE = 3;
 const askedAt = new Map(); // blob -> messages received when it was asked for
-let asked = '';
+let asked = { blobs: new Set(), colourWidth: -1 }; // what the server was last told
 function ask(again) {
   const d = decoding();
   stream.setDecoding({ ...d, again });
-  const key = `${[...d.blobs].sort().join()} ${d.drawn.colour}`;
-  if (key === asked) return;
-  const before = new Set(asked.split(' ')[0].split(','));
-  for (const b of d.blobs) if (!before.has(b)) askedAt.set(b, stream.received);
-  asked = key;
+  const sameBlobs = d.blobs.length === asked.blobs.size && d.blobs.every((b) => asked.blobs.has(b));
+  if (sameBlobs && d.drawn.colour === asked.colourWidth) return;
+  for (const b of d.blobs) if (!asked.blobs.has(b)) askedAt.set(b, stream.received);
+  asked = { blobs: new Set(d.blobs), colourWidth: d.drawn.colour };
   stream.setOptions({ blobs: d.blobs, colour_width: d.drawn.colour });
 }
 function late(panel, frame) {

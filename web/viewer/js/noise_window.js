@@ -36,8 +36,7 @@ export class NoiseWindow {
     else if (last && last.index === index) return this.figures(null, null, depth);
     const data = depth.data.slice();
     this.history.push({ data, width: depth.width, index });
-    // (One frame leaves a full window; more only if it was made shorter, which restarts.)
-    while (this.history.length > this.frames + 1) this.account(this.history.shift().data, -1);
+    // (A window made shorter starts again: one frame at most leaves it.)
     const old = this.history.length > this.frames ? this.history.shift().data : null;
     return this.figures(data, old, depth);
   }
@@ -77,16 +76,5 @@ export class NoiseWindow {
       if (s > top) top = s;
     }
     return { sigma, top, frames: k, width, height };
-  }
-
-  account(data, sign) {
-    for (let i = 0; i < data.length; i++) {
-      const d = data[i];
-      if (d <= 1) this.invalid[i] += sign;
-      else {
-        this.sum[i] += sign * d;
-        this.sum2[i] += sign * d * d;
-      }
-    }
   }
 }
