@@ -22,13 +22,32 @@ mkdir -p "$corpus/frames" "$corpus/calibration" "$corpus/toolkit" "$corpus/recor
 "$build/fuzz/fuzz_make_recording_seeds" "$corpus/recording"
 # Earlier findings stay in the corpus (tests/data/recording, replayed by recording_regressions_test).
 cp tests/data/recording/*.mcap "$corpus/recording/" 2>/dev/null || true
+# The harnesses are single-threaded: run as many at once as there are cores, each
+# for the full time, and print each one's summary when it ends.
+run_one() {
+  local target=$1 name=fuzz_$1
+  [ "$target" = calibration ] && name=fuzz_calibration_file
+  "$build/fuzz/$name" "$corpus/$target" -max_total_time="$seconds" -timeout=10 -seed="${FUZZ_SEED:-1}" -rss_limit_mb=4096 \
+    -artifact_prefix="$build/findings/$name-" -print_final_stats=1 >"$build/$name.log" 2>&1 || true
+  { echo "== $name for ${seconds} s"
+    grep -E "^(#[0-9]+.*DONE|stat::number_of_executed_units|stat::average_exec_per_sec|==.*ERROR|SUMMARY)" "$build/$name.log" || true
+  } >"$build/$name.summary"
+}
+cores=$(nproc)
+running=0
+for target in frames toolkit calibration recording; do
+  if [ "$running" -ge "$cores" ]; then wait -n; running=$((running - 1)); fi
+  run_one "$target" &
+  running=$((running + 1))
+done
+wait
+failed=0
 for target in frames toolkit calibration recording; do
   name=fuzz_$target
   [ "$target" = calibration ] && name=fuzz_calibration_file
-  echo "== $name for ${seconds} s"
-  "$build/fuzz/$name" "$corpus/$target" -max_total_time="$seconds" -timeout=10 -seed="${FUZZ_SEED:-1}" -rss_limit_mb=4096 \
-    -artifact_prefix="$build/findings/$name-" -print_final_stats=1 2>&1 | grep -E "^(#[0-9]+.*DONE|stat::number_of_executed_units|stat::average_exec_per_sec|==.*ERROR|SUMMARY)" || true
+  cat "$build/$name.summary"
   if ls "$build/findings/$name-"* >/dev/null 2>&1; then
-    echo "!! $name found an input that fails: $(ls "$build/findings/$name-"*)"; exit 1
+    echo "!! $name found an input that fails: $(ls "$build/findings/$name-"*)"; failed=1
   fi
 done
+exit "$failed"
