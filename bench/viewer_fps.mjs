@@ -10,6 +10,7 @@
 // QV_VIEWER_ASSETS (default <browser-dir>/../share/qvreconstruction/viewer), or the
 // command in QV_VIEWER_SERVER, e.g.
 //   QV_VIEWER_SERVER="build/bin/qvrecon view --simulate SCENE --listen 127.0.0.1:0"
+// (measured once the simulated loop is complete: simulating it takes a core for a while)
 // --all makes the viewport as tall as the page, so that every panel is in sight;
 // --scroll '#panel-noise' scrolls that panel to the top of the window; --select
 // '#cloud-density=4' sets a control first.
@@ -136,7 +137,12 @@ try {
     // The page scrolled so that this panel's top is at the window's top.
     await page.$eval(args.scroll, (e) => window.scrollTo(0, window.scrollY + e.getBoundingClientRect().top));
   }
-  // Warm up until frames flow, then measure.
+  // Warm up until frames flow, then measure. A simulated source (qvrecon view --simulate)
+  // first simulates its loop, a core's work for a minute or so: measured only after that.
+  await harness.until(async () => {
+    const source = (await (await fetch(new URL('/api/status', server.url))).json()).source || {};
+    return source.kind !== 'simulate' || source.available === source.frames;
+  }, 'the simulated loop', 600000);
   await harness.until(() => page.evaluate(() => window.qvBenchShown > 3), 'frames on the page', 60000);
   await new Promise((r) => setTimeout(r, 2000));
   if (args.trace) {

@@ -96,7 +96,8 @@ int RunView(const ViewArgs& a)
     Pipeline pipeline(std::move(source), options);
     boost::asio::io_context io(1);
     Server http(io, pipeline, server);
-    pipeline.Start([&http](std::shared_ptr<const EncodedFrame> frame) { http.Publish(std::move(frame)); });
+    pipeline.Start([&http](std::shared_ptr<const EncodedFrame> frame) { http.Publish(std::move(frame)); },
+                   [&http] { http.FrameProcessed(); });
     // The pipeline's threads hand frames to the server: on every way out of this scope,
     // an exception too, they stop before the server is destroyed.
     struct StopPipeline {

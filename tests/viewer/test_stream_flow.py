@@ -42,6 +42,10 @@ def errors(ws, n):
     return out, frames
 
 
+def depth_width(header):
+    return next(b["width"] for b in header["blobs"] if b["name"] == "depth")
+
+
 def until(check):
     while not (value := check()):
         time.sleep(0.05)  # polling gently; no time limit but ctest's
@@ -109,12 +113,58 @@ def test_credit_in_the_address_holds_back_frames_from_the_start(viewer, inputs):
     assert json.loads(text)["client"]["credit"] == 2
     ws.frame()
     ws.frame()
-    until(lambda: client(v, ws_id)["dropped"] >= 10)  # frames made meanwhile wait in its slot
+    until(lambda: client(v, ws_id)["dropped"] >= 10)  # frames made meanwhile, missed
     assert client(v, ws_id)["sent"] == 2 and client(v, ws_id)["credit"] == 0
     ws.send_text('{"type": "credit", "frames": 1}')
     ws.frame()
     until(lambda: client(v, ws_id)["sent"] == 3)
     ws.close()
+
+
+def test_frames_are_encoded_only_for_what_a_client_takes_and_a_stale_one_is_replaced(viewer, inputs):  # noqa: F811
+    v = viewer(*captures(inputs), "--fps", "30")
+    held = WebSocket(v.port, path="/api/stream?credit=1")
+    opcode, text = held.message()
+    held_id = json.loads(text)["client"]["id"]
+    held.frame()
+    until(lambda: client(v, held_id)["credit"] == 0)
+    # Alone and without credit, the client costs the encoder one frame, which waits in
+    # its slot for the next credit (and one begun before); frames go on being processed
+    # and count as dropped for it.
+    encoded = v.get_json("/api/status")["encoder"]["encoded"]
+    until(lambda: client(v, held_id)["dropped"] >= 10)
+    assert v.get_json("/api/status")["encoder"]["encoded"] <= encoded + 2
+    assert client(v, held_id)["pending"]
+
+    # Beside it a client without flow control at another decimation: every frame is
+    # encoded for it alone. Credit then brings the held client the newest frame (encoded
+    # for it alone; the other gets no frame twice), not the one that waited too long.
+    free, free_id = connect(v)
+    free.send_text('{"type": "options", "decimate": 2}')
+    times = []
+    while len(times) < 20:
+        header, _ = free.frame()
+        if depth_width(header) == 320:
+            times.append(header["time_ns"])
+    held.send_text('{"type": "credit", "frames": 1}')
+    header, _ = held.frame()
+    assert depth_width(header) == 640 and header["time_ns"] >= times[-1]
+    for _ in range(10):
+        times.append(free.frame()[0]["time_ns"])
+    assert times == sorted(set(times))
+    free.close()
+
+    # Paused, a step processed while the client has no credit: credit brings that frame,
+    # not the one waiting in its slot from before.
+    until(lambda: client(v, held_id)["pending"])
+    assert v.post("/api/playback", {"action": "pause"})[0] == 200
+    code, answer = v.post("/api/playback", {"action": "step"})
+    assert code == 200 and client(v, held_id)["credit"] == 0
+    held.send_text('{"type": "credit", "frames": 1}')
+    header, _ = held.frame(limit=60)
+    assert header["index"] == answer["frame"]["index"]
+    assert client(v, held_id)["sent"] == 3
+    held.close()
 
 
 def test_bad_credit_and_options_are_refused_and_change_nothing(viewer, inputs):  # noqa: F811

@@ -80,9 +80,10 @@ Pipeline::~Pipeline()
     Record({{"action", "stop"}});
 }
 
-void Pipeline::Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink)
+void Pipeline::Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink, std::function<void()> processed)
 {
     sink_ = std::move(sink);
+    processedSink_ = std::move(processed);
     encoder_ = std::thread([this] { RunEncoder(); });
     thread_ = std::thread([this] { Run(); });
 }
@@ -293,16 +294,59 @@ void Pipeline::SetWants(uint64_t client, const ClientWants& wants)
 {
     {
         std::lock_guard<std::mutex> lock(m_);
-        wants_[client] = wants;
+        clients_[client].wants = wants;
         refresh_ = refresh_ || (!playing_ && latest_ != nullptr);  // a paused picture is sent again
     }
     cv_.notify_all();
 }
 
+void Pipeline::SetTaking(uint64_t client, std::optional<int> credit, uint64_t offered, uint64_t holding)
+{
+    std::lock_guard<std::mutex> lock(m_);
+    const auto it = clients_.find(client);
+    if (it == clients_.end())
+        return;
+    Client& c = it->second;
+    c.credit = credit;
+    c.offered = std::max(c.offered, offered);
+    c.holding = holding;
+    if (holding != 0 && holding == handedCount_)
+        c.missed = false;  // it holds the newest frame (encoded for another client)
+    if (!c.Takes() || !c.missed || !handed_)
+        return;
+    c.missed = false;
+    // The frame it missed is the one in the mailbox (it joins the clients it is for), or
+    // one the encoder has taken or finished: encoded again, for this client alone.
+    if (mail_.frame != handed_) {
+        if (mail_.frame)
+            ++notEncoded_;  // an older frame, for clients that take none now
+        mail_.frame = handed_;
+        mail_.handed = handedCount_;
+        mail_.only = {client};
+    } else if (!mail_.only.empty()) {
+        mail_.only.insert(client);
+    }
+    mail_.full = true;
+    mailCv_.notify_one();
+}
+
+bool Pipeline::NewerWhilePaused(uint64_t handed) const
+{
+    std::lock_guard<std::mutex> lock(m_);
+    return !playing_ && handed < handedCount_;
+}
+
+uint64_t Pipeline::Skipped(uint64_t client) const
+{
+    std::lock_guard<std::mutex> lock(m_);
+    const auto it = clients_.find(client);
+    return it == clients_.end() ? 0 : it->second.skipped;
+}
+
 void Pipeline::ForgetClient(uint64_t client)
 {
     std::lock_guard<std::mutex> lock(m_);
-    wants_.erase(client);
+    clients_.erase(client);
 }
 
 std::shared_ptr<const ProcessedFrame> Pipeline::Latest() const
@@ -671,20 +715,38 @@ cv::Mat Pipeline::Convert(const SourceFrame& f, bool filter, qvapi::FlipMode fli
 
 void Pipeline::Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket)
 {
-    std::map<Layout, uint32_t> wanted;
-    for (const auto& [client, w] : wants_)
-        wanted[w.Sizes()] |= w.blobs;
-    if (frame && wanted.empty()) {
-        // Nobody watches: nothing to encode, and the encoder's figures fall to 0.
+    // For the clients that take frames now; the others miss it (a client without
+    // credit would only hold it until a newer one came).
+    bool wanted = false;
+    if (frame) {
+        for (auto& [client, c] : clients_) {
+            if (c.Takes()) {
+                wanted = true;
+                c.missed = false;
+            } else {
+                c.skipped += c.missed;
+                c.missed = true;
+            }
+        }
+        handed_ = frame;
+        ++handedCount_;
+        if (processedSink_)
+            processedSink_();
+    }
+    if (frame && !wanted) {
         frame.reset();
-        Smooth(stagesMs_["encode"], 0.0);
-        Smooth(encodedFps_, 0.0);
+        if (clients_.empty()) {
+            // Nobody watches: nothing to encode, and the encoder's figures fall to 0.
+            Smooth(stagesMs_["encode"], 0.0);
+            Smooth(encodedFps_, 0.0);
+        }
     }
     if (frame) {
         if (mail_.frame)
             ++notEncoded_;  // replaced before the encoder took it
         mail_.frame = std::move(frame);
-        mail_.wanted = std::move(wanted);
+        mail_.handed = handedCount_;
+        mail_.only.clear();
     }
     mail_.ticket = std::max(mail_.ticket, ticket);
     mail_.full = true;
@@ -701,14 +763,34 @@ void Pipeline::RunEncoder()
         mailCv_.wait(lock, [this] { return stop_ || mail_.full; });
         if (stop_)
             return;
-        const Mail mail = std::exchange(mail_, Mail{});
+        Mail mail = std::exchange(mail_, Mail{});
+        // Encoded for the clients it is for that still take frames, as they want them now.
+        // One whose credit ran out since it was handed misses it (and gets it when it
+        // takes frames again, unless a newer one came).
+        std::map<Layout, uint32_t> wanted;
+        if (mail.frame) {
+            for (auto& [client, c] : clients_) {
+                if (c.missed || (!mail.only.empty() && mail.only.count(client) == 0))
+                    continue;
+                if (c.Takes()) {
+                    wanted[c.wants.Sizes()] |= c.wants.blobs;
+                    c.encodedFor = mail.handed;
+                } else {
+                    c.missed = true;
+                }
+            }
+            if (wanted.empty()) {
+                mail.frame.reset();
+                ++notEncoded_;
+            }
+        }
         lock.unlock();
         if (mail.frame) {
             const Clock::time_point started = Clock::now();
             std::shared_ptr<const EncodedFrame> encoded;
             std::string error;
             try {
-                encoded = Encode(*mail.frame, mail.wanted);
+                encoded = Encode(*mail.frame, wanted, mail.only, mail.handed);
             } catch (const std::exception& e) {
                 error = "encoding frame " + std::to_string(mail.frame->index) + ": " + SingleLine(e.what());
             }
@@ -719,6 +801,9 @@ void Pipeline::RunEncoder()
                 Rate(encodedFps_, lastEncoded, Clock::now());
                 encoded_ += encoded != nullptr;
                 encodeError_ = error;
+                if (!encoded)
+                    for (auto& [client, c] : clients_)  // nothing comes: they take frames again
+                        c.offered = std::max(c.offered, mail.handed);
             }
             if (encoded && sink_)
                 sink_(std::move(encoded));
@@ -729,9 +814,13 @@ void Pipeline::RunEncoder()
     }
 }
 
-std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame, const std::map<Layout, uint32_t>& wanted)
+std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame, const std::map<Layout, uint32_t>& wanted,
+                                                     const std::set<uint64_t>& only, uint64_t handed)
 {
     auto e = std::make_shared<EncodedFrame>();
+    e->handed = handed;
+    e->encodedAt = Clock::now();
+    e->only.assign(only.begin(), only.end());
     e->index = frame.index;
     e->timeNs = frame.timeNs;
     e->temperatureC = frame.temperatureC;

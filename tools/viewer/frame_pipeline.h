@@ -1,12 +1,14 @@
 // The viewer's pipeline thread: picks the frame to show (playback), runs the library
 // on it with the browser's settings, keeps the newest result for snapshots and writes
 // recordings. Beside it an encoder thread encodes what the connected clients want, once
-// per frame, from the newest frame processed: a slow encoding makes clients get fewer
-// frames, never the pipeline slower.
+// per frame, from the newest frame processed, for the clients that take a frame then
+// (under flow control: one per credit and one to wait for the next): a slow encoding
+// makes clients get fewer frames, never the pipeline slower.
 #ifndef QVRECON_VIEWER_FRAME_PIPELINE_H
 #define QVRECON_VIEWER_FRAME_PIPELINE_H
 
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -14,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,6 +58,9 @@ struct ProcessedFrame {
 
 // A frame's blobs, encoded once for every client: per layout, the blobs wanted.
 struct EncodedFrame {
+    uint64_t handed = 0;         // the pipeline's count of frames handed to the encoder, at this one
+    std::chrono::steady_clock::time_point encodedAt{};
+    std::vector<uint64_t> only;  // the clients it is for (one that missed it); empty: all
     uint64_t index = 0, timeNs = 0;
     float temperatureC = 0.0f;
     std::string stream;
@@ -77,8 +83,10 @@ public:
     Pipeline(const Pipeline&) = delete;
     Pipeline& operator=(const Pipeline&) = delete;
 
-    // Every encoded frame is handed to `sink` on the encoder thread; it must not block.
-    void Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink);
+    // Every encoded frame is handed to `sink` on the encoder thread, and `processed` is
+    // called on the pipeline thread for every frame processed, encoded or not (the links'
+    // pace is judged at each); neither may block.
+    void Start(std::function<void(std::shared_ptr<const EncodedFrame>)> sink, std::function<void()> processed = {});
     void Stop();
 
     // Called when a request's effect is visible: the frame it asked for processed and,
@@ -97,6 +105,18 @@ public:
 
     // What clients want from now on (the union is encoded).
     void SetWants(uint64_t client, const ClientWants& wants);
+    // What a client takes now, as its connection knows it: its credit (none: no flow
+    // control), and the `handed` numbers of the newest frame offered to it and of the one
+    // in its slot (0: none). Frames are encoded only for clients that take them: one a
+    // credit, and one more to wait in the slot for the next credit (sent the moment it
+    // comes), counting a frame being encoded for it. One that takes frames again gets the
+    // newest frame it missed, encoded for it alone (a paused source sends no other),
+    // unless it holds that frame.
+    void SetTaking(uint64_t client, std::optional<int> credit, uint64_t offered, uint64_t holding);
+    // Whether a newer frame than `handed` was processed since that one, with the source paused.
+    bool NewerWhilePaused(uint64_t handed) const;
+    // Frames a client missed for want of credit and then never got (a newer one came).
+    uint64_t Skipped(uint64_t client) const;
     void ForgetClient(uint64_t client);
 
     std::shared_ptr<const ProcessedFrame> Latest() const;
@@ -113,7 +133,8 @@ private:
     // to `ticket` after it. Called with m_ held; never waits.
     void Hand(std::shared_ptr<const ProcessedFrame> frame, uint64_t ticket);
     void RunEncoder();
-    std::shared_ptr<const EncodedFrame> Encode(const ProcessedFrame& frame, const std::map<Layout, uint32_t>& wanted);
+    std::shared_ptr<const EncodedFrame> Encode(const ProcessedFrame& frame, const std::map<Layout, uint32_t>& wanted,
+                                               const std::set<uint64_t>& only, uint64_t handed);
     void Finish(uint64_t upToTicket);
     uint64_t WrapIndex(int64_t index) const;
     // Frame f's depth with the library as prepared, the filter on or off.
@@ -122,6 +143,7 @@ private:
     std::unique_ptr<Source> source_;
     PipelineOptions options_;
     std::function<void(std::shared_ptr<const EncodedFrame>)> sink_;
+    std::function<void()> processedSink_;
     std::thread thread_, encoder_;
 
     mutable std::mutex m_;
@@ -138,7 +160,20 @@ private:
     std::multimap<uint64_t, Done> waiting_;
     Settings settings_;
     uint64_t settingsVersion_ = 1;
-    std::map<uint64_t, ClientWants> wants_;
+    struct Client {
+        ClientWants wants;
+        std::optional<int> credit;  // frames it takes; none: all
+        uint64_t encodedFor = 0;    // the last frame encoded for it (`handed` number)
+        uint64_t offered = 0;       // the last frame offered to it
+        uint64_t holding = 0;       // the frame in its slot; 0: none
+        bool missed = false;        // the last frame handed to the encoder was not encoded for it
+        uint64_t skipped = 0;       // frames it missed that a newer one replaced
+        // Frames coming (in the slot, being encoded) below its credit and one more.
+        bool Takes() const { return !credit || (holding != 0) + (encodedFor > offered) < *credit + 1; }
+    };
+    std::map<uint64_t, Client> clients_;
+    std::shared_ptr<const ProcessedFrame> handed_;  // the last frame handed to the encoder
+    uint64_t handedCount_ = 0;                      // frames handed to the encoder so far
     // Results.
     std::shared_ptr<const ProcessedFrame> latest_;
     std::shared_ptr<const std::vector<float>> rays_;
@@ -151,7 +186,8 @@ private:
     // the frame waiting, or the one being encoded, has gone to the sink.
     struct Mail {
         std::shared_ptr<const ProcessedFrame> frame;
-        std::map<Layout, uint32_t> wanted;  // layout -> blobs, when handed over
+        std::set<uint64_t> only;            // the clients it is for; empty: every client
+        uint64_t handed = 0;                // handedCount_ at this frame
         uint64_t ticket = 0;
         bool full = false;
     } mail_;

@@ -41,6 +41,9 @@ constexpr uint64_t kMaxAssetBytes = 64u << 20;
 constexpr int kStreamSendBuffer = 512 * 1024;
 // Flow control: a client grants at most this many frames at once, and holds no more.
 constexpr int kMaxCredit = 16;
+// A frame that waited in a client's slot longer than this for credit is not sent when
+// credit comes: the newest frame is encoded for it instead.
+constexpr std::chrono::milliseconds kStaleAfter{250};
 
 using Clock = std::chrono::steady_clock;
 
@@ -336,7 +339,7 @@ public:
     ~WsSession()
     {
         if (id_ != 0) {
-            server_->droppedByGone += dropped_;
+            server_->droppedByGone += Dropped();
             server_->clients.erase(id_);
             server_->pipeline.ForgetClient(id_);
         }
@@ -357,29 +360,39 @@ public:
         ws_.async_accept(req, [self = shared_from_this()](beast::error_code e) { self->OnAccept(e); });
     }
 
+    // A frame was processed (whether or not it is encoded for this client): in automatic
+    // decimation, the client notes whether its link keeps up.
+    void ObserveLink()
+    {
+        if (!open_ || !auto_)
+            return;
+        // Behind: the link still carries the previous frame (its write in flight, or bytes
+        // of it in the kernel not yet sent). A client that withholds credit leaves the
+        // link idle: then the page is slow, not the link.
+        const bool behind = inFlight_ != nullptr || UnsentBytes() > 0;
+        const int decimate = auto_->Observe(wants_.decimate, behind, Clock::now());
+        if (decimate != wants_.decimate) {
+            wants_.decimate = decimate;
+            server_->pipeline.SetWants(id_, wants_);
+        }
+    }
+
     // A new frame from the pipeline: sent at once when the link is free and the client
     // has credit, else kept in the slot (replacing, and dropping, the one there).
     void Offer(const std::shared_ptr<const EncodedFrame>& frame)
     {
         if (!open_)
             return;
-        if (auto_) {
-            // Behind: the link still carries the previous frame (its write in flight, or
-            // bytes of it in the kernel not yet sent). A frame held for lack of credit
-            // finds the link idle: then the page is slow, not the link.
-            const bool behind = inFlight_ != nullptr || UnsentBytes() > 0;
-            const int decimate = auto_->Observe(wants_.decimate, behind, Clock::now());
-            if (decimate != wants_.decimate) {
-                wants_.decimate = decimate;
-                server_->pipeline.SetWants(id_, wants_);
-            }
-        }
-        if (frame->blobs.find(wants_.Sizes()) == frame->blobs.end())
+        offered_ = std::max(offered_, frame->handed);
+        if (frame->blobs.find(wants_.Sizes()) == frame->blobs.end()) {
+            Report();
             return;  // encoded before this client's options arrived
+        }
         if (pending_)
             ++dropped_;
         pending_ = frame;
         Flush();
+        Report();
     }
 
     void OfferStatus(std::string text)
@@ -397,7 +410,7 @@ public:
     {
         return {{"id", id_},
                 {"sent", sent_},
-                {"dropped", dropped_},
+                {"dropped", Dropped()},
                 {"bytes", bytes_},
                 {"pending", pending_ != nullptr},
                 {"decimate", wants_.decimate},
@@ -405,7 +418,9 @@ public:
                 {"auto", auto_.has_value()},
                 {"credit", credit_ ? Json(*credit_) : Json(nullptr)}};
     }
-    uint64_t Dropped() const { return dropped_; }
+    // Frames replaced in the slot, and frames the pipeline did not encode for this client
+    // while it had no credit and that a newer one replaced.
+    uint64_t Dropped() const { return dropped_ + server_->pipeline.Skipped(id_); }
 
 private:
     void OnAccept(beast::error_code ec)
@@ -416,8 +431,23 @@ private:
         server_->clients[id_] = weak_from_this();
         server_->pipeline.SetWants(id_, wants_);
         open_ = true;
+        Report();
         OfferStatus(StatusText());
         Read();
+    }
+
+    // Tells the pipeline what this client takes now: frames are encoded only for clients
+    // that take them (a frame it cannot take would wait in the slot, and be replaced).
+    // It gets the newest frame it missed once it takes frames again.
+    void Report()
+    {
+        if (id_ == 0)
+            return;
+        const uint64_t holding = pending_ ? pending_->handed : 0;
+        if (credit_ == reported_.credit && offered_ == reported_.offered && holding == reported_.holding)
+            return;
+        reported_ = {credit_, offered_, holding};
+        server_->pipeline.SetTaking(id_, credit_, offered_, holding);
     }
 
     // Bytes written to the socket that the kernel has not sent yet (the peer's window
@@ -481,6 +511,15 @@ private:
         if (!j.contains("frames") || !j["frames"].is_number_integer() || j["frames"] < 1 || j["frames"] > kMaxCredit)
             return "credit takes frames: 1 to " + std::to_string(kMaxCredit);
         credit_ = std::min(credit_.value_or(0) + j["frames"].get<int>(), kMaxCredit);
+        // The frame in the slot goes out at once, unless it is stale: a newer one was
+        // processed since it while paused (a step, a seek), or it waited long (the
+        // client kept its credit a while). The newest frame is then encoded for it.
+        if (pending_ && (Clock::now() - pending_->encodedAt > kStaleAfter ||
+                         server_->pipeline.NewerWhilePaused(pending_->handed))) {
+            pending_.reset();
+            ++dropped_;
+        }
+        Report();
         Flush();
         return "";
     }
@@ -549,6 +588,7 @@ private:
         pending_.reset();
         if (next->blobs.find(wants_.Sizes()) == next->blobs.end()) {
             ++dropped_;  // encoded for the layout this client used before
+            Report();
             return;
         }
         WriteFrame(next);
@@ -601,6 +641,7 @@ private:
         writeStart_ = Clock::now();
         if (credit_)
             --*credit_;
+        Report();
         ws_.binary(true);
         ws_.async_write(buffers, [self = shared_from_this()](beast::error_code ec, size_t bytes) {
             self->OnWrite(ec, bytes, true);
@@ -669,6 +710,11 @@ private:
     bool open_ = false, writing_ = false;
     ClientWants wants_;
     std::optional<int> credit_;          // frames the client still takes; none: no flow control
+    uint64_t offered_ = 0;               // the newest frame offered (its `handed` number)
+    struct Reported {
+        std::optional<int> credit;
+        uint64_t offered = 0, holding = 0;
+    } reported_;  // what the pipeline was told (it starts with every frame taken)
     std::optional<AutoDecimation> auto_;  // set while the client asks for "auto"
     Clock::time_point writeStart_{};
     std::shared_ptr<const EncodedFrame> pending_, inFlight_;
@@ -933,8 +979,9 @@ void Server::Impl::Deliver(const std::shared_ptr<const EncodedFrame>& frame)
 {
     std::vector<std::shared_ptr<WsSession>> live;
     for (const auto& [id, weak] : clients)
-        if (auto s = weak.lock())
-            live.push_back(std::move(s));
+        if (frame->only.empty() || std::find(frame->only.begin(), frame->only.end(), id) != frame->only.end())
+            if (auto s = weak.lock())
+                live.push_back(std::move(s));
     for (const auto& s : live)
         s->Offer(frame);
 }
@@ -982,6 +1029,15 @@ std::string Server::Url() const { return impl_->url; }
 void Server::Publish(std::shared_ptr<const EncodedFrame> frame)
 {
     asio::post(impl_->io, [impl = impl_, frame = std::move(frame)] { impl->Deliver(frame); });
+}
+
+void Server::FrameProcessed()
+{
+    asio::post(impl_->io, [impl = impl_] {
+        for (const auto& [id, weak] : impl->clients)
+            if (const auto s = weak.lock())
+                s->ObserveLink();
+    });
 }
 
 void Server::Close()

@@ -34,6 +34,9 @@ public:
     std::string Url() const;
     // Hands a frame to every client; any thread.
     void Publish(std::shared_ptr<const EncodedFrame> frame);
+    // A frame was processed: each client in automatic decimation notes whether its link
+    // still carries the frame before; any thread.
+    void FrameProcessed();
     void Close();
 
     struct Impl;
