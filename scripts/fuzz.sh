@@ -24,9 +24,10 @@ mkdir -p "$corpus/frames" "$corpus/calibration" "$corpus/toolkit" "$corpus/recor
 cp tests/data/recording/*.mcap "$corpus/recording/" 2>/dev/null || true
 # The harnesses are single-threaded: run as many at once as there are cores, each
 # for the full time, and print each one's summary when it ends.
+harness() { if [ "$1" = calibration ]; then echo fuzz_calibration_file; else echo "fuzz_$1"; fi; }
 run_one() {
-  local target=$1 name=fuzz_$1
-  [ "$target" = calibration ] && name=fuzz_calibration_file
+  local target=$1 name
+  name=$(harness "$target")
   "$build/fuzz/$name" "$corpus/$target" -max_total_time="$seconds" -timeout=10 -seed="${FUZZ_SEED:-1}" -rss_limit_mb=4096 \
     -artifact_prefix="$build/findings/$name-" -print_final_stats=1 >"$build/$name.log" 2>&1 || true
   { echo "== $name for ${seconds} s"
@@ -43,8 +44,7 @@ done
 wait
 failed=0
 for target in frames toolkit calibration recording; do
-  name=fuzz_$target
-  [ "$target" = calibration ] && name=fuzz_calibration_file
+  name=$(harness "$target")
   cat "$build/$name.summary"
   if ls "$build/findings/$name-"* >/dev/null 2>&1; then
     echo "!! $name found an input that fails: $(ls "$build/findings/$name-"*)"; failed=1

@@ -820,7 +820,7 @@ std::shared_ptr<const EncodedFrame> Pipeline::Encode(const ProcessedFrame& frame
     auto e = std::make_shared<EncodedFrame>();
     e->handed = handed;
     e->encodedAt = Clock::now();
-    e->only.assign(only.begin(), only.end());
+    e->only = only;
     e->index = frame.index;
     e->timeNs = frame.timeNs;
     e->temperatureC = frame.temperatureC;

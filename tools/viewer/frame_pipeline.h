@@ -60,7 +60,7 @@ struct ProcessedFrame {
 struct EncodedFrame {
     uint64_t handed = 0;         // the pipeline's count of frames handed to the encoder, at this one
     std::chrono::steady_clock::time_point encodedAt{};
-    std::vector<uint64_t> only;  // the clients it is for (one that missed it); empty: all
+    std::set<uint64_t> only;     // the clients it is for (one that missed it); empty: all
     uint64_t index = 0, timeNs = 0;
     float temperatureC = 0.0f;
     std::string stream;

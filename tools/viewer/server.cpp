@@ -979,7 +979,7 @@ void Server::Impl::Deliver(const std::shared_ptr<const EncodedFrame>& frame)
 {
     std::vector<std::shared_ptr<WsSession>> live;
     for (const auto& [id, weak] : clients)
-        if (frame->only.empty() || std::find(frame->only.begin(), frame->only.end(), id) != frame->only.end())
+        if (frame->only.empty() || frame->only.count(id) != 0)
             if (auto s = weak.lock())
                 live.push_back(std::move(s));
     for (const auto& s : live)
